@@ -1,0 +1,22 @@
+# Compiler settings every target of the project shares.
+add_library(tarn_defaults INTERFACE)
+target_compile_definitions(tarn_defaults INTERFACE
+    QT_DISABLE_DEPRECATED_BEFORE=0x050F00
+    QT_NO_CAST_FROM_BYTEARRAY
+    QT_NO_URL_CAST_FROM_STRING)
+if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+    target_compile_options(tarn_defaults INTERFACE -Wall -Wextra)
+endif()
+
+# tarn_add_test(<name> SOURCES <files...> LIBS <targets...> [LABELS <labels...>])
+# Builds one Qt Test executable and registers it with CTest. Widget code runs on
+# the offscreen platform so the suite needs no display.
+function(tarn_add_test name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE tarn_defaults Qt5::Test ${ARG_LIBS})
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen"
+        LABELS "${ARG_LABELS}")
+endfunction()
