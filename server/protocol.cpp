@@ -1,0 +1,32 @@
+#include "protocol.h"
+
+namespace Tarn {
+
+QStringList SplitMessage(const QString &msg)
+{
+    return msg.split(QLatin1Char(','), Qt::KeepEmptyParts, Qt::CaseSensitive);
+}
+
+QString MessageName(const QString &msg)
+{
+    const int comma = msg.indexOf(QLatin1Char(','));
+    return comma < 0 ? msg : msg.left(comma);
+}
+
+QString UuidText(const QUuid &uuid)
+{
+    return uuid.toString(QUuid::WithBraces);
+}
+
+} // namespace Tarn
+
+ClientRecord ClientRecord::FromOrigin(const QString &origin)
+{
+    const QStringList fields = Tarn::SplitMessage(origin);
+    ClientRecord rec;
+    rec.firstUuid = QUuid(fields.value(0));
+    rec.sessionUuid = QUuid(fields.value(1));
+    rec.thirdUuid = QUuid(fields.value(2));
+    rec.guestName = fields.value(3);
+    return rec;
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QUuid>
+
+class QWebSocket;
+
+// Vocabulary and identity shared by the session server and the client connector.
+namespace Tarn {
+
+constexpr int HeartBeatIntervalMs = 20000;
+constexpr int MaxMissedBeats = 3;
+
+inline const QString MsgServerPing = QStringLiteral("Server ping");
+inline const QString MsgServerPong = QStringLiteral("Server pong");
+inline const QString MsgHeartBeat = QStringLiteral("Heart Beat");
+inline const QString MsgGetActiveClients = QStringLiteral("Get active clients");
+inline const QString MsgActiveClients = QStringLiteral("Active clients");
+
+// Splits a frame into its fields; empty fields are kept, so "" is one empty field.
+QStringList SplitMessage(const QString &msg);
+
+// The first field, which names the message.
+QString MessageName(const QString &msg);
+
+// Braced lower-case form used on the wire.
+QString UuidText(const QUuid &uuid);
+
+} // namespace Tarn
+
+struct ClientRecord
+{
+    QUuid firstUuid;
+    QUuid sessionUuid;
+    QUuid thirdUuid;
+    QString guestName;
+    QWebSocket *socket = nullptr;
+    bool heartBeatSeen = false;
+    qint32 missedBeats = 0;
+
+    // Reads the four comma-separated origin fields by position. Fields past the
+    // fourth are ignored; missing ones keep their defaults.
+    static ClientRecord FromOrigin(const QString &origin);
+};
+
+struct ActiveClient
+{
+    QString guestName;
+    QUuid sessionUuid;
+};

@@ -1,0 +1,265 @@
+#include "tarnsrv.h"
+
+#include "srvurldetect.h"
+#include "tlsconfig.h"
+
+#include <QCoreApplication>
+#include <QSet>
+#include <QThread>
+#include <QWebSocket>
+#include <QWebSocketServer>
+
+using namespace Tarn;
+
+TarnSrv::TarnSrv()
+{
+    heartbeatTimer.setInterval(HeartBeatIntervalMs);
+    connect(&heartbeatTimer, &QTimer::timeout, this, &TarnSrv::SendHeartBeat);
+}
+
+TarnSrv::~TarnSrv()
+{
+    delete discovery;
+}
+
+void TarnSrv::SetHeartBeatInterval(int ms)
+{
+    heartbeatTimer.setInterval(ms);
+}
+
+// Lets queued work (disconnections, deferred deletions) run before a blocking step.
+void TarnSrv::Pause()
+{
+    QCoreApplication::processEvents();
+    QThread::msleep(250);
+}
+
+void TarnSrv::LogInfo(const QString &text)
+{
+    emit Log(text, 0, false);
+}
+
+int TarnSrv::Start(int port)
+{
+    if (endpoint)
+        return 0;
+
+    LogInfo(QStringLiteral("Starting Tarn server."));
+    Pause();
+
+    endpoint = new QWebSocketServer(QStringLiteral("VARNOK Manager"),
+                                    QWebSocketServer::SecureMode, this);
+    endpoint->setSslConfiguration(LoadTlsConfiguration());
+
+    if (!endpoint->listen(QHostAddress::Any, quint16(port))) {
+        endpoint->deleteLater();
+        endpoint = nullptr;
+        emit Log(QStringLiteral("Failed to start Tarn server.")
+                     + QStringLiteral(" An other server might already be running on port %1.").arg(port),
+                 2, false);
+        return -1;
+    }
+
+    serverUrl = endpoint->serverUrl();
+    connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
+    connect(endpoint, &QWebSocketServer::sslErrors, this, &TarnSrv::onSslErrors);
+    LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(endpoint->serverPort()));
+
+    if (!discovery) {
+        discovery = new SrvUrlDetect(nullptr);
+        discovery->Advertise(serverUrl);
+    }
+    return 0;
+}
+
+void TarnSrv::Stop()
+{
+    if (!endpoint)
+        return;
+
+    DisconnectAll();
+    connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);
+    endpoint->deleteLater();
+    endpoint = nullptr;
+
+    LogInfo(QStringLiteral("Stopping Tarn server..."));
+    Pause();
+    LogInfo(QStringLiteral("Tarn server stopped."));
+
+    delete discovery;
+    discovery = nullptr;
+}
+
+bool TarnSrv::IsRunning() const
+{
+    return endpoint != nullptr;
+}
+
+quint16 TarnSrv::ListeningPort() const
+{
+    return endpoint ? endpoint->serverPort() : 0;
+}
+
+QList<ActiveClient> TarnSrv::GetActiveClients() const
+{
+    // One entry per session UUID, in order of first appearance, under the
+    // earliest record's name; the set keeps a large registry linear.
+    QList<ActiveClient> clients;
+    QSet<QUuid> seen;
+    for (const ClientRecord &rec : registry) {
+        if (seen.contains(rec.sessionUuid))
+            continue;
+        seen.insert(rec.sessionUuid);
+        clients.append({rec.guestName, rec.sessionUuid});
+    }
+    return clients;
+}
+
+void TarnSrv::DisconnectAll()
+{
+    LogInfo(QStringLiteral("Disconnecting all clients..."));
+    Pause();
+    // No close frame: deleting the socket ends the connection.
+    while (!registry.empty())
+        EraseRecord(registry.begin());
+    emit ClientsChanged();
+}
+
+void TarnSrv::cltConnection()
+{
+    QWebSocket *socket = endpoint ? endpoint->nextPendingConnection() : nullptr;
+    if (!socket)
+        return;
+
+    socket->setMaxAllowedIncomingFrameSize(MaxIncomingSize);
+    socket->setMaxAllowedIncomingMessageSize(MaxIncomingSize);
+
+    ClientRecord rec = ClientRecord::FromOrigin(socket->origin());
+    rec.socket = socket;
+    connect(socket, &QWebSocket::textMessageReceived, this, &TarnSrv::RcvdMessage);
+    connect(socket, &QWebSocket::disconnected, this, &TarnSrv::cltDisconnected);
+
+    recordOf.insert(socket, registry.insert(registry.end(), rec));
+    if (registry.size() == 1)
+        heartbeatTimer.start();
+    emit ClientsChanged();
+}
+
+void TarnSrv::cltDisconnected()
+{
+    auto *socket = qobject_cast<QWebSocket *>(sender());
+    if (!socket) {
+        emit ClientsChanged();
+        return;
+    }
+    // A socket already dropped by the heartbeat or DisconnectAll has no record;
+    // scheduling its deletion again is harmless.
+    if (!RemoveClient(socket))
+        emit ClientsChanged();
+    socket->deleteLater();
+    if (registry.empty())
+        heartbeatTimer.stop();
+    emit ClientsChanged();
+}
+
+void TarnSrv::onSslErrors(const QList<QSslError> &)
+{
+}
+
+void TarnSrv::RcvdMessage(QString msg)
+{
+    const QString name = MessageName(msg);
+    if (name == MsgServerPing)
+        ReplyPing();
+    else if (name == MsgHeartBeat)
+        MarkHeartBeat();
+    else if (name == MsgGetActiveClients)
+        ReplyActiveClients();
+}
+
+qint64 TarnSrv::SendHeartBeat()
+{
+    // Nothing in this walk processes events, so erasing while iterating is safe.
+    for (auto it = registry.begin(); it != registry.end();) {
+        if (it->heartBeatSeen) {
+            it->missedBeats = 0;
+            it->heartBeatSeen = false;
+        } else {
+            ++it->missedBeats;
+        }
+        if (it->missedBeats <= MaxMissedBeats) {
+            it->socket->sendTextMessage(MsgHeartBeat);
+            ++it;
+            continue;
+        }
+        LogInfo(QStringLiteral("Client %1 is unreachable and was disconnected.")
+                    .arg(it->guestName.toHtmlEscaped()));
+        it = EraseRecord(it);
+        emit ClientsChanged();
+    }
+    if (registry.empty())
+        heartbeatTimer.stop();
+    return 0;
+}
+
+void TarnSrv::ReplyToSender(const QString &text)
+{
+    if (auto *socket = qobject_cast<QWebSocket *>(sender()))
+        socket->sendTextMessage(text);
+}
+
+QString TarnSrv::ClientName(QWebSocket *socket) const
+{
+    const auto it = recordOf.constFind(socket);
+    // Guest names come from the network; escape them before they reach the HTML log.
+    return it == recordOf.cend() ? QStringLiteral("Unknown host") : (*it)->guestName.toHtmlEscaped();
+}
+
+ClientRecord *TarnSrv::FindClient(QWebSocket *socket)
+{
+    const auto it = recordOf.constFind(socket);
+    return it == recordOf.cend() ? nullptr : &**it;
+}
+
+bool TarnSrv::RemoveClient(QWebSocket *socket)
+{
+    const auto it = recordOf.constFind(socket);
+    if (it == recordOf.cend())
+        return false;
+    const Registry::iterator rec = *it;
+    recordOf.erase(it);
+    registry.erase(rec);
+    return true;
+}
+
+// Takes a record out and gives its socket up; the socket stays valid until the event loop runs.
+TarnSrv::Registry::iterator TarnSrv::EraseRecord(Registry::iterator it)
+{
+    QWebSocket *socket = it->socket;
+    recordOf.remove(socket);
+    socket->deleteLater();
+    return registry.erase(it);
+}
+
+void TarnSrv::ReplyPing()
+{
+    ReplyToSender(MsgServerPong);
+    LogInfo(QStringLiteral("Received ping request from client ")
+            + ClientName(qobject_cast<QWebSocket *>(sender())) + QStringLiteral(", replied."));
+}
+
+void TarnSrv::MarkHeartBeat()
+{
+    // A heartbeat can still arrive after its record was dropped; nothing to mark then.
+    if (ClientRecord *rec = FindClient(qobject_cast<QWebSocket *>(sender())))
+        rec->heartBeatSeen = true;
+}
+
+void TarnSrv::ReplyActiveClients()
+{
+    QString text = MsgActiveClients + QLatin1Char(',');
+    const QList<ActiveClient> clients = GetActiveClients();
+    for (const ActiveClient &client : clients)
+        text += client.guestName + QLatin1Char(',') + UuidText(client.sessionUuid) + QLatin1Char(',');
+    ReplyToSender(text);
+}

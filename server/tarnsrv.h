@@ -1,0 +1,75 @@
+#pragma once
+
+#include "protocol.h"
+
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QSslError>
+#include <QTimer>
+#include <QUrl>
+
+#include <list>
+
+class QWebSocket;
+class QWebSocketServer;
+class SrvUrlDetect;
+
+// The secure WebSocket session server: registry of connected clients, pings,
+// heartbeats and the active-clients list. Runs on the thread that owns it.
+class TarnSrv : public QObject
+{
+    Q_OBJECT
+
+public:
+    TarnSrv();
+    ~TarnSrv() override;
+
+    int Start(int port);
+    void Stop();
+    bool IsRunning() const;
+    QList<ActiveClient> GetActiveClients() const;
+    void DisconnectAll();
+
+    // Port the endpoint listens on, 0 while stopped.
+    quint16 ListeningPort() const;
+    // Only tests shorten the heartbeat period; the product keeps HeartBeatIntervalMs.
+    void SetHeartBeatInterval(int ms);
+
+    // Upper bound for one incoming frame or message; the protocol's are tiny.
+    static constexpr quint64 MaxIncomingSize = 64 * 1024;
+
+signals:
+    void ClientsChanged();
+    void Log(QString text, quint32 type, bool msgBox);
+    void SocketDestroyed(QObject *socket);
+
+private slots:
+    void cltConnection();
+    void cltDisconnected();
+    void onSslErrors(const QList<QSslError> &errors);
+    void RcvdMessage(QString msg);
+    qint64 SendHeartBeat();
+
+private:
+    using Registry = std::list<ClientRecord>;
+
+    void ReplyToSender(const QString &text);
+    QString ClientName(QWebSocket *socket) const;
+    ClientRecord *FindClient(QWebSocket *socket);
+    bool RemoveClient(QWebSocket *socket);
+    Registry::iterator EraseRecord(Registry::iterator it);
+    void ReplyPing();
+    void MarkHeartBeat();
+    void ReplyActiveClients();
+    void LogInfo(const QString &text);
+    void Pause();
+
+    QWebSocketServer *endpoint = nullptr;
+    // In order of acceptance; the index finds a socket's record without a walk.
+    Registry registry;
+    QHash<QWebSocket *, Registry::iterator> recordOf;
+    QUrl serverUrl;
+    SrvUrlDetect *discovery = nullptr;
+    QTimer heartbeatTimer;
+};

@@ -1,0 +1,296 @@
+#include "tarnsrv.h"
+#include "wsclient.h"
+
+#include <QTcpServer>
+#include <QtTest>
+#include <memory>
+
+namespace {
+const QString SessionA = QStringLiteral("{aaaaaaaa-0000-0000-0000-000000000001}");
+const QString SessionB = QStringLiteral("{bbbbbbbb-0000-0000-0000-000000000002}");
+const QString NullSession = QStringLiteral("{00000000-0000-0000-0000-000000000000}");
+
+QStringList Repeated(int n, const QString &text)
+{
+    QStringList list;
+    for (int i = 0; i < n; ++i)
+        list.append(text);
+    return list;
+}
+
+struct LogLine
+{
+    QString text;
+    quint32 type;
+};
+} // namespace
+
+class TestTarnSrv : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void messageDispatch_data();
+    void messageDispatch();
+    void originFields_data();
+    void originFields();
+    void activeClientsGroupsBySession();
+    void oversizedMessageClosesConnection();
+    void silentClientsDropped();
+    void heartbeatingClientKept();
+    void stopLogsInOrderAndEmitsSocketDestroyed();
+    void secondStartKeepsPort();
+    void startOnBusyPortFails();
+
+private:
+    std::unique_ptr<WsClient> Connect(const QString &session, const QString &name);
+    QStringList LogTexts() const;
+
+    std::unique_ptr<TarnSrv> server;
+    QList<LogLine> log;
+    quint16 port = 0;
+};
+
+void TestTarnSrv::init()
+{
+    log.clear();
+    server = std::make_unique<TarnSrv>();
+    connect(server.get(), &TarnSrv::Log, this,
+            [this](const QString &text, quint32 type, bool msgBox) {
+                QVERIFY(!msgBox);
+                log.append({text, type});
+            });
+    QCOMPARE(server->Start(0), 0);
+    port = server->ListeningPort();
+    QVERIFY(port != 0);
+    QCOMPARE(LogTexts(), QStringList({QStringLiteral("Starting Tarn server."),
+                                      QStringLiteral("Tarn server started on port %1.\n").arg(port)}));
+}
+
+void TestTarnSrv::cleanup()
+{
+    server.reset();
+}
+
+std::unique_ptr<WsClient> TestTarnSrv::Connect(const QString &session, const QString &name)
+{
+    auto client = std::make_unique<WsClient>(Origin(session, name));
+    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+    if (!client->Open(port) || !(changed.count() > 0 || changed.wait(5000)))
+        return nullptr;
+    return client;
+}
+
+QStringList TestTarnSrv::LogTexts() const
+{
+    QStringList texts;
+    for (const LogLine &line : log)
+        texts.append(line.text);
+    return texts;
+}
+
+void TestTarnSrv::messageDispatch_data()
+{
+    QTest::addColumn<QString>("probe");
+    QTest::addColumn<bool>("isPing");
+
+    QTest::newRow("ping") << "Server ping" << true;
+    QTest::newRow("ping with arguments") << "Server ping,1,,x" << true;
+    QTest::newRow("ping with trailing comma") << "Server ping," << true;
+    QTest::newRow("lower case") << "server ping" << false;
+    QTest::newRow("leading blank") << " Server ping" << false;
+    QTest::newRow("empty frame") << "" << false;
+    QTest::newRow("unknown name") << "Server pong" << false;
+    QTest::newRow("heart beat is never answered") << "Heart Beat" << false;
+}
+
+// Each probe is followed by a ping: the replies tell whether the probe was
+// answered as a ping, without waiting for silence.
+void TestTarnSrv::messageDispatch()
+{
+    QFETCH(QString, probe);
+    QFETCH(bool, isPing);
+
+    auto client = Connect(SessionA, QStringLiteral("Ann"));
+    QVERIFY(client);
+    client->socket.sendBinaryMessage(QByteArrayLiteral("Server ping"));
+    client->socket.sendTextMessage(probe);
+    client->socket.sendTextMessage(QStringLiteral("Server ping"));
+
+    const int expected = isPing ? 2 : 1;
+    QVERIFY(client->WaitForMessages(expected));
+    QTest::qWait(100);
+    QCOMPARE(client->received, Repeated(expected, QStringLiteral("Server pong")));
+
+    const QString line = QStringLiteral("Received ping request from client Ann, replied.");
+    QCOMPARE(LogTexts().count(line), expected);
+}
+
+void TestTarnSrv::originFields_data()
+{
+    QTest::addColumn<QString>("origin");
+    QTest::addColumn<QString>("listed");
+
+    QTest::newRow("four fields") << Origin(SessionA, QStringLiteral("Ann")) << "Ann," + SessionA + ",";
+    QTest::newRow("fifth field ignored") << Origin(SessionA, QStringLiteral("Ann,Lee,more"))
+                                         << "Ann," + SessionA + ",";
+    QTest::newRow("unbraced session") << Origin(SessionA.mid(1, 36), QStringLiteral("Bo"))
+                                      << "Bo," + SessionA + ",";
+    QTest::newRow("session no uuid") << Origin(QStringLiteral("nope"), QStringLiteral("Cy"))
+                                     << "Cy," + NullSession + ",";
+    QTest::newRow("two fields") << "{11111111-1111-1111-1111-111111111111}," + SessionB
+                                << "," + SessionB + ",";
+    QTest::newRow("no origin") << QString() << "," + NullSession + ",";
+    QTest::newRow("markup name sent as is") << Origin(SessionA, QStringLiteral("<b>Di</b>"))
+                                            << "<b>Di</b>," + SessionA + ",";
+}
+
+void TestTarnSrv::originFields()
+{
+    QFETCH(QString, origin);
+    QFETCH(QString, listed);
+
+    WsClient client(origin);
+    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+    QVERIFY(client.Open(port));
+    QVERIFY(changed.count() > 0 || changed.wait());
+    client.socket.sendTextMessage(QStringLiteral("Get active clients"));
+    QVERIFY(client.WaitForMessages(1));
+    QCOMPARE(client.received.first(), "Active clients," + listed);
+}
+
+void TestTarnSrv::activeClientsGroupsBySession()
+{
+    auto ann = Connect(SessionA, QStringLiteral("Ann"));
+    auto bob = Connect(SessionB, QStringLiteral("Bob"));
+    auto cid = Connect(SessionA, QStringLiteral("Cid"));
+    QVERIFY(ann && bob && cid);
+
+    const QList<ActiveClient> clients = server->GetActiveClients();
+    QCOMPARE(clients.size(), 2);
+    QCOMPARE(clients.at(0).guestName, QStringLiteral("Ann"));
+    QCOMPARE(clients.at(1).guestName, QStringLiteral("Bob"));
+
+    bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
+    QVERIFY(bob->WaitForMessages(1));
+    QCOMPARE(bob->received.first(),
+             QStringLiteral("Active clients,Ann,%1,Bob,%2,").arg(SessionA, SessionB));
+
+    // When the earliest leaves, the session is listed under the next one's name.
+    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+    ann->socket.close();
+    QVERIFY(changed.wait());
+    bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
+    QVERIFY(bob->WaitForMessages(2));
+    QCOMPARE(bob->received.last(),
+             QStringLiteral("Active clients,Bob,%1,Cid,%2,").arg(SessionB, SessionA));
+}
+
+void TestTarnSrv::oversizedMessageClosesConnection()
+{
+    auto client = Connect(SessionA, QStringLiteral("Big"));
+    QVERIFY(client);
+    QSignalSpy disconnected(&client->socket, &QWebSocket::disconnected);
+    client->socket.sendTextMessage(QString(int(TarnSrv::MaxIncomingSize) + 1, QLatin1Char('x')));
+    QVERIFY(disconnected.wait(5000));
+    QTRY_VERIFY(server->GetActiveClients().isEmpty());
+}
+
+void TestTarnSrv::silentClientsDropped()
+{
+    server->SetHeartBeatInterval(500);
+    auto a = Connect(SessionA, QStringLiteral("<i>Ann</i>"));
+    auto b = Connect(SessionB, QStringLiteral("Bob"));
+    auto c = Connect(SessionA, QStringLiteral("Cid"));
+    QVERIFY(a && b && c);
+
+    // All three connected within one period and never answer: they reach the
+    // limit on the same tick and go together, one change each.
+    QList<int> sizes;
+    connect(server.get(), &TarnSrv::ClientsChanged, this,
+            [&] { sizes.append(server->GetActiveClients().size()); });
+    QTRY_VERIFY_WITH_TIMEOUT(server->GetActiveClients().isEmpty(), 5000);
+    QCOMPARE(sizes.mid(0, 3), QList<int>({2, 1, 0}));
+    QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
+    QTRY_COMPARE(c->socket.state(), QAbstractSocket::UnconnectedState);
+
+    // Each got the three heartbeats of its surviving ticks, nothing more.
+    QCOMPARE(b->received, Repeated(3, QStringLiteral("Heart Beat")));
+    const QStringList texts = LogTexts();
+    QVERIFY(texts.contains(QStringLiteral("Client &lt;i&gt;Ann&lt;/i&gt; is unreachable and was disconnected.")));
+    QVERIFY(texts.contains(QStringLiteral("Client Bob is unreachable and was disconnected.")));
+}
+
+void TestTarnSrv::heartbeatingClientKept()
+{
+    server->SetHeartBeatInterval(200);
+    auto live = Connect(SessionA, QStringLiteral("Live"));
+    QVERIFY(live);
+    connect(&live->socket, &QWebSocket::textMessageReceived, live.get(), [&live](const QString &msg) {
+        if (msg == QLatin1String("Heart Beat"))
+            live->socket.sendTextMessage(msg);
+    });
+    // Kick off the exchange; the server's first tick then finds a beat every time.
+    live->socket.sendTextMessage(QStringLiteral("Heart Beat"));
+    QTest::qWait(200 * 8);
+    QCOMPARE(server->GetActiveClients().size(), 1);
+    QVERIFY(live->received.size() >= 6);
+}
+
+void TestTarnSrv::stopLogsInOrderAndEmitsSocketDestroyed()
+{
+    auto a = Connect(SessionA, QStringLiteral("Ann"));
+    QVERIFY(a);
+    QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
+    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+    log.clear();
+
+    server->Stop();
+    QVERIFY(!server->IsRunning());
+    QVERIFY(server->GetActiveClients().isEmpty());
+    QCOMPARE(LogTexts(), QStringList({QStringLiteral("Disconnecting all clients..."),
+                                      QStringLiteral("Stopping Tarn server..."),
+                                      QStringLiteral("Tarn server stopped.")}));
+    QVERIFY(changed.count() >= 1);
+
+    // The port is free only once the endpoint is really gone.
+    QCOMPARE(destroyed.count(), 0);
+    QTRY_COMPARE(destroyed.count(), 1);
+    QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
+
+    log.clear();
+    server->Stop();
+    QVERIFY(log.isEmpty());
+    QCOMPARE(server->Start(port), 0);
+    QCOMPARE(server->ListeningPort(), port);
+}
+
+void TestTarnSrv::secondStartKeepsPort()
+{
+    log.clear();
+    QCOMPARE(server->Start(0), 0);
+    QCOMPARE(server->ListeningPort(), port);
+    QVERIFY(log.isEmpty());
+}
+
+void TestTarnSrv::startOnBusyPortFails()
+{
+    TarnSrv second;
+    QList<LogLine> lines;
+    connect(&second, &TarnSrv::Log, this,
+            [&lines](const QString &text, quint32 type, bool) { lines.append({text, type}); });
+    QCOMPARE(second.Start(port), -1);
+    QVERIFY(!second.IsRunning());
+    QCOMPARE(lines.size(), 2);
+    QCOMPARE(lines.at(0).text, QStringLiteral("Starting Tarn server."));
+    QCOMPARE(lines.at(1).type, 2u);
+    QCOMPARE(lines.at(1).text,
+             QStringLiteral("Failed to start Tarn server. An other server might already be running on port %1.")
+                 .arg(port));
+}
+
+QTEST_MAIN(TestTarnSrv)
+#include "tst_tarnsrv.moc"
