@@ -18,6 +18,16 @@ QString UuidText(const QUuid &uuid)
     return uuid.toString(QUuid::WithBraces);
 }
 
+QList<ActiveClient> ParseActiveClients(const QString &body)
+{
+    const QStringList fields = SplitMessage(body);
+    QList<ActiveClient> clients;
+    // The body ends with ",", which leaves one empty field after the last pair.
+    for (int i = 0; i + 1 < fields.size(); i += 2)
+        clients.append({fields.at(i), QUuid(fields.at(i + 1))});
+    return clients;
+}
+
 } // namespace Tarn
 
 ClientRecord ClientRecord::FromOrigin(const QString &origin)

@@ -48,4 +48,15 @@ struct ActiveClient
 {
     QString guestName;
     QUuid sessionUuid;
+
+    bool operator==(const ActiveClient &other) const
+    {
+        return guestName == other.guestName && sessionUuid == other.sessionUuid;
+    }
 };
+
+namespace Tarn {
+// Reads the body of an "Active clients" reply: name and session UUID pairs,
+// each field followed by ",". An unpaired last field is dropped.
+QList<ActiveClient> ParseActiveClients(const QString &body);
+} // namespace Tarn

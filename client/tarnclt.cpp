@@ -1,0 +1,185 @@
+#include "tarnclt.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QElapsedTimer>
+#include <QWebSocket>
+
+using namespace Tarn;
+
+TarnClt::TarnClt(QObject *parent)
+    : QObject(parent)
+{
+    connect(&heartbeatTimer, &QTimer::timeout, this, &TarnClt::SendHeartBeat);
+    heartbeatTimer.setInterval(HeartBeatIntervalMs);
+}
+
+TarnClt::~TarnClt() = default;
+
+void TarnClt::SetHeartBeatInterval(int ms)
+{
+    heartbeatTimer.setInterval(ms);
+}
+
+QString TarnClt::BuildOrigin(const ClientRecord &rec)
+{
+    return QStringList({UuidText(rec.firstUuid), UuidText(rec.sessionUuid),
+                        UuidText(rec.thirdUuid), rec.guestName})
+        .join(QLatin1Char(','));
+}
+
+bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
+{
+    if (url != target)
+        Close();
+    if (socket)
+        return true;
+
+    socket = new QWebSocket(BuildOrigin(rec ? *rec : ClientRecord()),
+                            QWebSocketProtocol::Version13, this);
+    connect(socket, &QWebSocket::connected, this, &TarnClt::connected);
+    connect(socket, &QWebSocket::disconnected, this, &TarnClt::disconnected);
+    connect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
+    socket->open(target);
+    WaitForConnection();
+
+    if (isConnected) {
+        url = target;
+        lastUrl = url;
+        record = rec;
+    }
+    return isConnected;
+}
+
+// Up to 30 rounds of 100 ms; the connected slot ends a round early.
+void TarnClt::WaitForConnection()
+{
+    QTimer round;
+    round.setSingleShot(true);
+    connect(&round, &QTimer::timeout, &connectLoop, &QEventLoop::quit);
+    for (int attempt = 0; attempt < ConnectAttempts; ++attempt) {
+        round.start(ConnectAttemptMs);
+        connectLoop.exec();
+        if (round.isActive())
+            break;
+    }
+}
+
+void TarnClt::Close()
+{
+    if (!socket)
+        return;
+    disconnect(socket, &QWebSocket::connected, this, &TarnClt::connected);
+    disconnect(socket, &QWebSocket::disconnected, this, &TarnClt::disconnected);
+    disconnect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
+    socket->deleteLater();
+    socket = nullptr;
+    isConnected = false;
+    url.clear();
+    reportSslErrors = false;
+}
+
+void TarnClt::connected()
+{
+    isConnected = true;
+    reportSslErrors = true;
+    connect(socket, &QWebSocket::textMessageReceived, this, &TarnClt::RcvdMessage);
+    heartbeatTimer.start();
+    serverBeatSeen = false;
+    missedBeats = 0;
+    connectLoop.exit(0);
+}
+
+void TarnClt::disconnected()
+{
+    disconnect(socket, &QWebSocket::textMessageReceived, this, &TarnClt::RcvdMessage);
+    // Only a completed connection that went away is unexpected; a failed attempt is not.
+    if (!url.isEmpty()) {
+        heartbeatTimer.stop();
+        Close();
+        emit UnexpectedDisconnection();
+    }
+    isConnected = false;
+}
+
+void TarnClt::onSslErrors(const QList<QSslError> &errors)
+{
+    if (reportSslErrors) {
+        for (const QSslError &error : errors)
+            qDebug() << error.errorString();
+    }
+    // The server's certificate is self-signed: accept it whatever verification says.
+    if (socket)
+        socket->ignoreSslErrors();
+}
+
+void TarnClt::RcvdMessage(const QString &msg)
+{
+    const QString name = MessageName(msg);
+    if (name == MsgServerPong) {
+        reply = MsgServerPong;
+    } else if (name == MsgHeartBeat) {
+        serverBeatSeen = true;
+    } else if (name == MsgActiveClients) {
+        const int comma = msg.indexOf(QLatin1Char(','));
+        activeClients = comma < 0 ? msg : msg.mid(comma + 1);
+        reply = MsgActiveClients;
+    }
+}
+
+qint64 TarnClt::SendHeartBeat()
+{
+    if (!socket) {
+        heartbeatTimer.stop();
+        return 0;
+    }
+    if (serverBeatSeen) {
+        missedBeats = 0;
+        serverBeatSeen = false;
+    } else if (++missedBeats > MaxMissedBeats) {
+        heartbeatTimer.stop();
+        Close();
+        emit UnexpectedDisconnection();
+        return 0;
+    }
+    return Send(MsgHeartBeat);
+}
+
+qint64 TarnClt::Send(const QString &text)
+{
+    reply.clear();
+    return socket->sendTextMessage(text);
+}
+
+void TarnClt::WaitForReply()
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    // Sleeping in the event queue instead of spinning; the deadline timer
+    // guarantees an event that ends the last wait.
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    deadline.start(ReplyTimeoutMs + 1);
+    while (reply.isEmpty() && elapsed.elapsed() <= ReplyTimeoutMs)
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+}
+
+int TarnClt::Ping()
+{
+    if (!socket)
+        return -10;
+    Send(MsgServerPing);
+    WaitForReply();
+    return reply == MsgServerPong ? 0 : -1;
+}
+
+int TarnClt::RequestActiveClients(QString &out)
+{
+    if (!socket)
+        return -10;
+    activeClients.clear();
+    Send(MsgGetActiveClients);
+    WaitForReply();
+    out = activeClients;
+    return 0;
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "protocol.h"
+
+#include <QEventLoop>
+#include <QObject>
+#include <QSslError>
+#include <QTimer>
+#include <QUrl>
+
+class QWebSocket;
+
+// Client side of the session protocol: one secure WebSocket connection with
+// heartbeats and two blocking request/reply calls. The blocking calls spin the
+// caller's event queue, so they must run on the thread that owns the object.
+class TarnClt : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit TarnClt(QObject *parent = nullptr);
+    ~TarnClt() override;
+
+    bool Open(const QUrl &target, ClientRecord *rec);
+    void Close();
+    int Ping();
+    int RequestActiveClients(QString &out);
+    qint64 Send(const QString &text);
+
+    static QString BuildOrigin(const ClientRecord &rec);
+
+    // Only tests shorten the heartbeat period; the product keeps HeartBeatIntervalMs.
+    void SetHeartBeatInterval(int ms);
+
+    static constexpr int ConnectAttempts = 30;
+    static constexpr int ConnectAttemptMs = 100;
+    static constexpr int ReplyTimeoutMs = 1000;
+
+signals:
+    void UnexpectedDisconnection();
+
+private slots:
+    void connected();
+    void disconnected();
+    void onSslErrors(const QList<QSslError> &errors);
+    void RcvdMessage(const QString &msg);
+    qint64 SendHeartBeat();
+
+private:
+    void WaitForReply();
+    void WaitForConnection();
+
+    QEventLoop connectLoop;
+    QUrl url;
+    QUrl lastUrl;
+    ClientRecord *record = nullptr;
+    QWebSocket *socket = nullptr;
+    bool isConnected = false;
+    bool reportSslErrors = false;
+    QString reply;
+    QTimer heartbeatTimer;
+    bool serverBeatSeen = false;
+    int missedBeats = 1;
+    QString activeClients;
+};

@@ -1,0 +1,265 @@
+#include "tarntool.h"
+
+#include "srvurldetect.h"
+#include "tarnclt.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
+
+using namespace Tarn;
+
+namespace {
+
+const QString Commands = QStringLiteral(
+    "Commands:\n"
+    "  discover       list the servers that answer a discovery broadcast\n"
+    "  ping [URL]     measure the round trip of one ping\n"
+    "  clients [URL]  list the active clients\n"
+    "  watch [URL]    print clients as they join and leave, until interrupted\n"
+    "Without a URL, a command discovers the server first.");
+
+QString LoginName()
+{
+    for (const char *var : {"USER", "LOGNAME", "USERNAME"}) {
+        const QString name = qEnvironmentVariable(var);
+        if (!name.isEmpty())
+            return name;
+    }
+    return QStringLiteral("tarn");
+}
+
+bool IsServerUrl(const QUrl &url)
+{
+    return url.isValid() && url.scheme() == QLatin1String("wss") && !url.host().isEmpty()
+           && url.port() > 0 && url.path().isEmpty();
+}
+
+QString Describe(const ActiveClient &client)
+{
+    return client.guestName + QLatin1Char(' ') + UuidText(client.sessionUuid);
+}
+
+} // namespace
+
+TarnTool::TarnTool()
+    : out(stdout), err(stderr)
+{
+    parser.setApplicationDescription(QStringLiteral("Reaches a Tarn session server from a terminal.\n\n")
+                                     + Commands);
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("discover, ping, clients or watch"));
+    parser.addPositionalArgument(QStringLiteral("url"), QStringLiteral("server URL, wss://HOST:PORT"),
+                                 QStringLiteral("[url]"));
+    parser.addOptions({
+        {QStringLiteral("name"), QStringLiteral("Guest name to introduce this client with (default: login name)."),
+         QStringLiteral("name"), LoginName()},
+        {QStringLiteral("session"), QStringLiteral("Session UUID (default: a new one per run)."),
+         QStringLiteral("uuid")},
+        {QStringLiteral("json"), QStringLiteral("clients: print a JSON array instead of a table.")},
+        {QStringLiteral("interval"), QStringLiteral("watch: poll period in milliseconds (default 2000)."),
+         QStringLiteral("ms"), QStringLiteral("2000")},
+    });
+}
+
+int TarnTool::Fail(const QString &message, int code)
+{
+    err << "tarn: " << message << Qt::endl;
+    return code;
+}
+
+int TarnTool::Run(const QStringList &arguments)
+{
+    if (!parser.parse(arguments))
+        return Fail(parser.errorText(), Usage);
+    if (parser.isSet(QStringLiteral("help"))) {
+        out << parser.helpText();
+        return Ok;
+    }
+    if (parser.isSet(QStringLiteral("version"))) {
+        out << QCoreApplication::applicationName() << ' ' << QCoreApplication::applicationVersion() << Qt::endl;
+        return Ok;
+    }
+
+    const QStringList args = parser.positionalArguments();
+    const QString command = args.value(0);
+    if (args.size() > 2)
+        return Fail(QStringLiteral("too many arguments; see tarn --help"), Usage);
+    if (command == QLatin1String("discover"))
+        return args.size() == 1 ? Discover() : Fail(QStringLiteral("discover takes no URL"), Usage);
+    if (!ParseIdentity())
+        return Usage;
+    if (command == QLatin1String("ping"))
+        return PingCommand();
+    if (command == QLatin1String("clients"))
+        return ClientsCommand();
+    if (command == QLatin1String("watch"))
+        return WatchCommand();
+    return Fail(command.isEmpty() ? QStringLiteral("no command given; see tarn --help")
+                                  : QStringLiteral("unknown command '%1'; see tarn --help").arg(command),
+                Usage);
+}
+
+bool TarnTool::ParseIdentity()
+{
+    identity.firstUuid = QUuid::createUuid();
+    identity.thirdUuid = QUuid::createUuid();
+    identity.guestName = parser.value(QStringLiteral("name"));
+    if (!parser.isSet(QStringLiteral("session"))) {
+        identity.sessionUuid = QUuid::createUuid();
+        return true;
+    }
+    const QString text = parser.value(QStringLiteral("session"));
+    identity.sessionUuid = QUuid(text);
+    if (identity.sessionUuid.isNull()) {
+        Fail(QStringLiteral("'%1' is not a session UUID").arg(text), Usage);
+        return false;
+    }
+    return true;
+}
+
+int TarnTool::Discover()
+{
+    SrvUrlDetect detector(nullptr);
+    const QList<QUrl> urls = detector.Detect();
+    if (urls.isEmpty())
+        return Fail(QStringLiteral("no Tarn server answered the discovery request"));
+    for (const QUrl &url : urls)
+        out << url.toString() << '\n';
+    out.flush();
+    return Ok;
+}
+
+int TarnTool::Connect(TarnClt &client, QUrl &url)
+{
+    const QStringList args = parser.positionalArguments();
+    if (args.size() == 2) {
+        url = QUrl(args.at(1), QUrl::StrictMode);
+        if (!IsServerUrl(url))
+            return Fail(QStringLiteral("'%1' is not a server URL; expected wss://HOST:PORT").arg(args.at(1)), Usage);
+    } else if (const int rc = DiscoverOne(url)) {
+        return rc;
+    }
+    if (!client.Open(url, &identity))
+        return Fail(QStringLiteral("cannot connect to %1").arg(url.toString()));
+    return Ok;
+}
+
+int TarnTool::DiscoverOne(QUrl &url)
+{
+    SrvUrlDetect detector(nullptr);
+    const QList<QUrl> urls = detector.Detect();
+    if (urls.isEmpty())
+        return Fail(QStringLiteral("no Tarn server answered the discovery request; give its URL"));
+    if (urls.size() > 1) {
+        err << "tarn: several servers answered:\n";
+        for (const QUrl &candidate : urls)
+            err << "  " << candidate.toString() << '\n';
+        return Fail(QStringLiteral("give one of these URLs"));
+    }
+    url = urls.first();
+    return Ok;
+}
+
+bool TarnTool::FetchClients(TarnClt &client, QList<ActiveClient> &clients)
+{
+    QString body;
+    client.RequestActiveClients(body);
+    // This connection is itself a client, so a real answer is never empty.
+    if (body.isEmpty())
+        return false;
+    clients = ParseActiveClients(body);
+    return true;
+}
+
+int TarnTool::PingCommand()
+{
+    QUrl url;
+    TarnClt client;
+    if (const int rc = Connect(client, url))
+        return rc;
+    QElapsedTimer rtt;
+    rtt.start();
+    const int result = client.Ping();
+    const double ms = double(rtt.nsecsElapsed()) / 1e6;
+    client.Close();
+    if (result != 0)
+        return Fail(QStringLiteral("no pong from %1 within %2 ms").arg(url.toString()).arg(TarnClt::ReplyTimeoutMs));
+    out << "pong from " << url.toString() << ": " << QString::number(ms, 'f', 2) << " ms" << Qt::endl;
+    return Ok;
+}
+
+int TarnTool::ClientsCommand()
+{
+    QUrl url;
+    TarnClt client;
+    QList<ActiveClient> clients;
+    if (const int rc = Connect(client, url))
+        return rc;
+    if (!FetchClients(client, clients))
+        return Fail(QStringLiteral("no answer from %1").arg(url.toString()));
+    client.Close();
+
+    if (parser.isSet(QStringLiteral("json"))) {
+        QJsonArray array;
+        for (const ActiveClient &c : qAsConst(clients))
+            array.append(QJsonObject{{QStringLiteral("guestName"), c.guestName},
+                                     {QStringLiteral("sessionUuid"), UuidText(c.sessionUuid)}});
+        out << QJsonDocument(array).toJson(QJsonDocument::Indented);
+        return Ok;
+    }
+    const QString nameHeader = QStringLiteral("GUEST NAME");
+    int width = nameHeader.size();
+    for (const ActiveClient &c : qAsConst(clients))
+        width = qMax(width, c.guestName.size());
+    out << nameHeader.leftJustified(width) << "  SESSION\n";
+    for (const ActiveClient &c : qAsConst(clients))
+        out << c.guestName.leftJustified(width) << "  " << UuidText(c.sessionUuid) << '\n';
+    out.flush();
+    return Ok;
+}
+
+int TarnTool::WatchCommand()
+{
+    bool intervalOk = false;
+    const int interval = parser.value(QStringLiteral("interval")).toInt(&intervalOk);
+    if (!intervalOk || interval < 100)
+        return Fail(QStringLiteral("--interval takes at least 100 milliseconds"), Usage);
+
+    QUrl url;
+    TarnClt client;
+    if (const int rc = Connect(client, url))
+        return rc;
+    out << "watching " << url.toString() << Qt::endl;
+
+    QEventLoop loop;
+    QList<ActiveClient> shown;
+    auto report = [this](const QChar sign, const ActiveClient &c) {
+        out << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss")) << ' ' << sign << ' '
+            << Describe(c) << Qt::endl;
+    };
+    auto poll = [&] {
+        QList<ActiveClient> now;
+        if (!FetchClients(client, now))
+            return;
+        for (const ActiveClient &c : qAsConst(shown))
+            if (!now.contains(c))
+                report(QLatin1Char('-'), c);
+        for (const ActiveClient &c : qAsConst(now))
+            if (!shown.contains(c))
+                report(QLatin1Char('+'), c);
+        shown = now;
+    };
+    QTimer timer;
+    QObject::connect(&timer, &QTimer::timeout, &loop, poll);
+    QObject::connect(&client, &TarnClt::UnexpectedDisconnection, &loop, [&] { loop.exit(Failed); });
+    poll();
+    timer.start(interval);
+    loop.exec();
+    return Fail(QStringLiteral("connection to %1 lost").arg(url.toString()));
+}

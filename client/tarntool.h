@@ -1,0 +1,39 @@
+#pragma once
+
+#include "protocol.h"
+
+#include <QCommandLineParser>
+#include <QTextStream>
+#include <QUrl>
+
+class TarnClt;
+
+// The `tarn` command line: discover, ping, clients and watch.
+class TarnTool
+{
+public:
+    TarnTool();
+    // Parses the arguments (program name first) and runs the command; returns the exit code.
+    int Run(const QStringList &arguments);
+
+    enum ExitCode { Ok = 0, Failed = 1, Usage = 2 };
+
+private:
+    int Discover();
+    int PingCommand();
+    int ClientsCommand();
+    int WatchCommand();
+
+    bool ParseIdentity();
+    // Opens the connection to the URL argument, or to the one server that a
+    // discovery finds; returns Ok or the exit code after reporting the failure.
+    int Connect(TarnClt &client, QUrl &url);
+    int DiscoverOne(QUrl &url);
+    bool FetchClients(TarnClt &client, QList<ActiveClient> &clients);
+    int Fail(const QString &message, int code = Failed);
+
+    QCommandLineParser parser;
+    QTextStream out;
+    QTextStream err;
+    ClientRecord identity;
+};
