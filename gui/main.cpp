@@ -1,0 +1,15 @@
+#include "tarnsrvgui.h"
+
+#include <QApplication>
+
+int main(int argc, char *argv[])
+{
+    QApplication app(argc, argv);
+    int result = 0;
+    {
+        TarnSrvGui window;
+        window.show();
+        result = QApplication::exec();
+    }
+    return result;
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "srvurldetect.h"
+#include "tarnclt.h"
+#include "tarnsrv.h"
+
+#include <QMainWindow>
+
+namespace Ui {
+class TarnSrvGui;
+}
+class LogWindow;
+class TarnSrvSettings;
+
+// The manager's main window: server control panel, active clients and the log.
+class TarnSrvGui : public QMainWindow
+{
+    Q_OBJECT
+
+public:
+    explicit TarnSrvGui(QWidget *parent = nullptr);
+    ~TarnSrvGui() override;
+
+    // Delay between construction and the deferred start-up.
+    static constexpr int InitDelayMs = 100;
+
+private slots:
+    void on_autoStart_checkBox_clicked(bool checked);
+    void on_portNr_comboBox_currentIndexChanged(int index);
+    void on_porNr_lineEdit_textChanged(const QString &text);
+    void on_serverStart_pushButton_clicked();
+    void on_serverStop_pushButton_clicked();
+    void on_serverRestart_pushButton_clicked();
+    void InitGui();
+    void CheckRunningInstance();
+    void ClientsChanged();
+    void ServerSocketDestroyed(QObject *socket);
+
+private:
+    static QString ColoredText(const QString &text, const QString &color);
+    int StartServer(bool checkRunning);
+    void ShowStatus(const QString &text, const QString &color);
+    void RestorePortMode();
+    void RestorePortNumber();
+
+    Ui::TarnSrvGui *ui;
+    // Held for client tools built on the manager; the window itself never uses them.
+    SrvUrlDetect discovery{nullptr};
+    TarnClt client{nullptr};
+    TarnSrv server;
+    bool restartPending = false;
+    LogWindow *logWindow = nullptr;
+    TarnSrvSettings *settings = nullptr;
+};

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QSettings>
+
+class LogWindow;
+class QFile;
+
+// Values collected while reading the configuration file.
+struct ConfigValues
+{
+    int port = 0;
+    bool loggingEnabled = true;
+    QString loggingFolder;
+};
+
+// The manager's per-user settings, with the reader of the TarnSrv.cfg file
+// that overrides them at start-up.
+class TarnSrvSettings : public QSettings
+{
+public:
+    explicit TarnSrvSettings(LogWindow *logWindow);
+
+    // Applies the configuration file next to the program; appends to report and logs it.
+    void ApplyConfigFile(QString &report);
+    void ApplyConfigFile(const QString &path, QString &report);
+
+    static QString ConfigFilePath();
+    static bool ParseConfigStream(QFile &file, ConfigValues &values, QString &report);
+    static bool ParseConfigLine(int n, const QString &line, ConfigValues &values, QString &report);
+
+private:
+    void StoreConfig(const ConfigValues &values);
+
+    LogWindow *logWindow;
+};

@@ -1,0 +1,358 @@
+#include "guiprobe.h"
+#include "tarnclt.h"
+
+#include <QFile>
+#include <QHeaderView>
+#include <QSettings>
+#include <QTcpServer>
+#include <memory>
+
+namespace {
+
+const QString AutoStartKey = QStringLiteral("Server/AutoStart");
+const QString AutoPortKey = QStringLiteral("Server/AutoPort");
+const QString PortNrKey = QStringLiteral("Server/PortNr");
+
+QString Stopped() { return Colored(QStringLiteral("Stopped"), QStringLiteral("red")); }
+QString Running() { return Colored(QStringLiteral("Running"), QStringLiteral("green")); }
+
+QString InAppDir(const QString &name)
+{
+    return QStringLiteral("%1/%2").arg(QCoreApplication::applicationDirPath(), name);
+}
+
+quint16 FreePort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::Any, 0);
+    return probe.serverPort();
+}
+
+QVariantMap StoredSettings()
+{
+    QSettings store(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"));
+    QVariantMap map;
+    const QStringList keys = store.allKeys();
+    for (const QString &key : keys)
+        map.insert(key, store.value(key));
+    return map;
+}
+
+ClientRecord Identity(const QString &session, const QString &name)
+{
+    ClientRecord rec;
+    rec.sessionUuid = QUuid(session);
+    rec.guestName = name;
+    return rec;
+}
+
+} // namespace
+
+class TestTarnSrvGui : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void form();
+    void startup_data();
+    void startup();
+    void restartKeepsManualPort();
+    void stopDuringRestartKeepsRestart();
+    void startWhileRunningAndStopWhileStopped();
+    void operatorChangesStored();
+    void invalidManualPortUsesSystemPort();
+    void clientsTree();
+    void closingLogsOnlyClosedLine();
+
+private:
+    void OpenWindow();
+    void Click(const char *button);
+    QStringList Rows() const;
+
+    std::unique_ptr<TarnSrvGui> window;
+    std::unique_ptr<GuiProbe> gui;
+    QTemporaryDir logDir;
+};
+
+void TestTarnSrvGui::init()
+{
+    QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager")).clear();
+    QFile::remove(InAppDir(QStringLiteral("TarnSrv.cfg")));
+}
+
+void TestTarnSrvGui::cleanup()
+{
+    gui.reset();
+    window.reset();
+    QFile::remove(InAppDir(QStringLiteral("TarnSrv.cfg")));
+}
+
+void TestTarnSrvGui::OpenWindow()
+{
+    window = std::make_unique<TarnSrvGui>();
+    gui = std::make_unique<GuiProbe>(*window);
+    window->show();
+    QCOMPARE(gui->Status(), QStringLiteral("-"));
+    QTRY_VERIFY(gui->Status() != QLatin1String("-"));
+}
+
+void TestTarnSrvGui::Click(const char *button)
+{
+    QTest::mouseClick(gui->Button(button), Qt::LeftButton);
+}
+
+QStringList TestTarnSrvGui::Rows() const
+{
+    QStringList rows;
+    QTreeWidget *tree = gui->Tree();
+    for (int i = 0; i < tree->topLevelItemCount(); ++i) {
+        const QTreeWidgetItem *item = tree->topLevelItem(i);
+        rows.append(item->text(0) + QLatin1Char(' ') + item->text(1));
+        // Rows carry only their texts, centred horizontally.
+        if (item->type() != 0 || item->textAlignment(0) != Qt::AlignHCenter
+            || item->textAlignment(1) != Qt::AlignHCenter)
+            rows.last() += QStringLiteral(" (bad item)");
+    }
+    return rows;
+}
+
+void TestTarnSrvGui::form()
+{
+    OpenWindow();
+    QCOMPARE(window->windowTitle(), QStringLiteral("VARNOK Tarn Server"));
+    QVERIFY(!window->windowIcon().isNull());
+    QTreeWidget *tree = gui->Tree();
+    QCOMPARE(tree->columnWidth(0), 150);
+    QCOMPARE(tree->columnWidth(1), 300);
+    QCOMPARE(tree->headerItem()->text(0), QStringLiteral("Guest Name"));
+    QCOMPARE(tree->headerItem()->text(1), QStringLiteral("Session UUID"));
+    QCOMPARE(tree->headerItem()->textAlignment(1), int(Qt::AlignCenter));
+    QVERIFY(!tree->header()->stretchLastSection());
+    QCOMPARE(gui->PortMode()->itemText(0), QStringLiteral("Auto"));
+    QCOMPARE(gui->PortMode()->itemText(1), QStringLiteral("Manual"));
+    QCOMPARE(gui->Button("serverRestart_pushButton")->text(), QStringLiteral("Restart"));
+}
+
+void TestTarnSrvGui::startup_data()
+{
+    QTest::addColumn<QVariantMap>("stored");
+    QTest::addColumn<QString>("config");
+    QTest::addColumn<int>("portIndex");
+    QTest::addColumn<QString>("portText");
+    QTest::addColumn<bool>("autoStart");
+    QTest::addColumn<QVariantMap>("storedAfter");
+
+    const QVariantMap none;
+    const QVariantMap manual0123{{AutoPortKey, false}, {PortNrKey, QStringLiteral("0123")}};
+    const QVariantMap autoStart{{AutoStartKey, true}};
+    const QVariantMap autoStartText{{AutoStartKey, QStringLiteral("true")}};
+    const QVariantMap manual5{{AutoPortKey, QStringLiteral("false")}, {PortNrKey, QStringLiteral("5")}};
+
+    // PORT and LOG in the configuration are replaced by a free port and a log folder.
+    QTest::newRow("nothing stored") << none << QString() << 0 << "" << false << none;
+    QTest::newRow("manual 0123") << manual0123 << QString() << 1 << "123" << false << manual0123;
+    QTest::newRow("auto start") << autoStart << QString() << 0 << "" << true << autoStart;
+    QTest::newRow("auto start as text") << autoStartText << QString() << 0 << "" << true << autoStartText;
+    QTest::newRow("invalid file keeps settings") << manual5 << "PortNr = abc\n" << 1 << "5" << false << manual5;
+    QTest::newRow("valid file") << none << "PortNr = PORT\nLoggingFolder = LOG\n" << 1 << "PORT" << true
+                                << QVariantMap{{AutoPortKey, false}, {PortNrKey, 0}, {AutoStartKey, "true"},
+                                               {QStringLiteral("Logging/Enable"), true},
+                                               {QStringLiteral("Logging/Folder"), "LOG"}};
+}
+
+void TestTarnSrvGui::startup()
+{
+    QFETCH(QVariantMap, stored);
+    QFETCH(QString, config);
+    QFETCH(int, portIndex);
+    QFETCH(QString, portText);
+    QFETCH(bool, autoStart);
+    QFETCH(QVariantMap, storedAfter);
+
+    const QString port = QString::number(FreePort());
+    auto fill = [&](QString text) { return text.replace(QLatin1String("PORT"), port)
+                                                .replace(QLatin1String("LOG"), logDir.path()); };
+    {
+        QSettings store(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"));
+        for (auto it = stored.cbegin(); it != stored.cend(); ++it)
+            store.setValue(it.key(), it.value());
+    }
+    if (!config.isEmpty()) {
+        QFile file(InAppDir(QStringLiteral("TarnSrv.cfg")));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(fill(config).toUtf8());
+    }
+
+    OpenWindow();
+    QCOMPARE(gui->PortMode()->currentIndex(), portIndex);
+    QCOMPARE(gui->PortEdit()->text(), fill(portText));
+    QCOMPARE(gui->PortEdit()->isEnabled(), portIndex == 1);
+    QCOMPARE(gui->AutoStart()->isChecked(), autoStart);
+    QCOMPARE(gui->Status(), autoStart ? Running() : Stopped());
+    if (autoStart && portIndex == 1)
+        QCOMPARE(QString::number(gui->ListeningPort()), port);
+
+    // Restoring wrote nothing back; only a valid file stores its values.
+    QVariantMap expected;
+    for (auto it = storedAfter.cbegin(); it != storedAfter.cend(); ++it)
+        expected.insert(it.key(), it.key() == PortNrKey && it.value() == 0 ? QVariant(port.toInt())
+                                  : it.value().type() == QVariant::String ? QVariant(fill(it.value().toString()))
+                                                                           : it.value());
+    const QVariantMap actual = StoredSettings();
+    QCOMPARE(actual.keys(), expected.keys());
+    for (const QString &key : expected.keys())
+        QCOMPARE(actual.value(key).toString(), expected.value(key).toString());
+}
+
+void TestTarnSrvGui::restartKeepsManualPort()
+{
+    OpenWindow();
+    const QString port = QString::number(FreePort());
+    gui->PortMode()->setCurrentIndex(1);
+    QTest::keyClicks(gui->PortEdit(), port);
+    Click("serverStart_pushButton");
+    QCOMPARE(gui->Status(), Running());
+    QCOMPARE(QString::number(gui->ListeningPort()), port);
+
+    // The status as each log line arrives shows the flow from inside.
+    QStringList seen;
+    QObject watching;
+    connect(gui->LogView(), &QPlainTextEdit::textChanged, &watching, [&] {
+        if (seen.isEmpty() || seen.last() != gui->Status())
+            seen.append(gui->Status());
+    });
+    Click("serverRestart_pushButton");
+    QCOMPARE(gui->Status(), Stopped());
+    QTRY_COMPARE(gui->Status(), Running());
+    QCOMPARE(seen, QStringList({Colored(QStringLiteral("Stopping..."), QStringLiteral("blue")),
+                                Colored(QStringLiteral("Starting..."), QStringLiteral("blue"))}));
+    QCOMPARE(QString::number(gui->ListeningPort()), port);
+
+    TarnClt client;
+    ClientRecord rec = Identity(QUuid::createUuid().toString(), QStringLiteral("Ann"));
+    QVERIFY(client.Open(QUrl(QStringLiteral("wss://127.0.0.1:") + port), &rec));
+    QCOMPARE(client.Ping(), 0);
+}
+
+void TestTarnSrvGui::stopDuringRestartKeepsRestart()
+{
+    OpenWindow();
+    Click("serverStart_pushButton");
+    QCOMPARE(gui->Status(), Running());
+    Click("serverRestart_pushButton");
+    Click("serverStop_pushButton");
+    QCOMPARE(gui->Status(), Stopped());
+    QTRY_COMPARE(gui->Status(), Running());
+}
+
+void TestTarnSrvGui::startWhileRunningAndStopWhileStopped()
+{
+    OpenWindow();
+    const QString logBefore = gui->LogView()->toPlainText();
+    Click("serverStop_pushButton");
+    QCOMPARE(gui->Status(), Stopped());
+    QCOMPARE(gui->LogView()->toPlainText(), logBefore);
+
+    Click("serverStart_pushButton");
+    const QString logRunning = gui->LogView()->toPlainText();
+    const quint16 port = gui->ListeningPort();
+    Click("serverStart_pushButton");
+    QCOMPARE(gui->Status(), Running());
+    QCOMPARE(gui->LogView()->toPlainText(), logRunning);
+    QCOMPARE(gui->ListeningPort(), port);
+}
+
+void TestTarnSrvGui::operatorChangesStored()
+{
+    OpenWindow();
+    QVERIFY(!gui->PortEdit()->isEnabled());
+    gui->PortMode()->setCurrentIndex(1);
+    QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(false));
+    QVERIFY(gui->PortEdit()->isEnabled());
+
+    QTest::keyClicks(gui->PortEdit(), QStringLiteral("012a"));
+    const QVariant typed = StoredSettings().value(PortNrKey);
+    QCOMPARE(typed.toString(), QStringLiteral("012a"));
+
+    gui->PortMode()->setCurrentIndex(0);
+    QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(true));
+    QVERIFY(!gui->PortEdit()->isEnabled());
+
+    QTest::mouseClick(gui->AutoStart(), Qt::LeftButton, {}, QPoint(6, gui->AutoStart()->height() / 2));
+    QCOMPARE(StoredSettings().value(AutoStartKey), QVariant(true));
+    QCOMPARE(gui->Status(), Stopped());
+}
+
+void TestTarnSrvGui::invalidManualPortUsesSystemPort()
+{
+    OpenWindow();
+    gui->PortMode()->setCurrentIndex(1);
+    QTest::keyClicks(gui->PortEdit(), QStringLiteral("12a"));
+    Click("serverStart_pushButton");
+    QCOMPARE(gui->Status(), Running());
+    QVERIFY(gui->ListeningPort() > 1024);
+    QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("12a"));
+}
+
+void TestTarnSrvGui::clientsTree()
+{
+    OpenWindow();
+    Click("serverStart_pushButton");
+    const QUrl url(QStringLiteral("wss://127.0.0.1:%1").arg(gui->ListeningPort()));
+    const QString s1 = QStringLiteral("{11111111-0000-0000-0000-000000000001}");
+    const QString s2 = QStringLiteral("{22222222-0000-0000-0000-000000000002}");
+    const QString s3 = QStringLiteral("{33333333-0000-0000-0000-000000000003}");
+    std::vector<ClientRecord> records{Identity(s1, QStringLiteral("Ann")), Identity(s2, QStringLiteral("Bob")),
+                                      Identity(s1, QStringLiteral("Cid")), Identity(s3, QStringLiteral("Bob")),
+                                      Identity(s3, QString())};
+    std::vector<std::unique_ptr<TarnClt>> clients;
+    for (ClientRecord &rec : records) {
+        clients.push_back(std::make_unique<TarnClt>());
+        QVERIFY(clients.back()->Open(url, &rec));
+    }
+    const QStringList all{"Ann " + s1, "Bob " + s2, "Bob " + s3};
+    QTRY_COMPARE(Rows(), all);
+
+    clients.front()->Close();
+    QTRY_COMPARE(Rows(), QStringList({"Bob " + s2, "Cid " + s1, "Bob " + s3}));
+    clients.at(3)->Close();
+    QTRY_COMPARE(Rows(), QStringList({"Bob " + s2, "Cid " + s1, " " + s3}));
+
+    Click("serverStop_pushButton");
+    QTRY_COMPARE(Rows(), QStringList());
+}
+
+void TestTarnSrvGui::closingLogsOnlyClosedLine()
+{
+    {
+        QFile file(InAppDir(QStringLiteral("TarnSrv.cfg")));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(FreePort()).arg(logDir.path()).toUtf8());
+    }
+    OpenWindow();
+    QCOMPARE(gui->Status(), Running());
+    TarnClt client;
+    ClientRecord rec = Identity(QUuid::createUuid().toString(), QStringLiteral("Ann"));
+    QVERIFY(client.Open(QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(gui->ListeningPort())), &rec));
+
+    QFile log(logDir.filePath(QStringLiteral("TarnSrvSvc.html")));
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    const qint64 before = log.size();
+    log.close();
+    gui.reset();
+    window.reset();
+
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    QVERIFY(log.seek(before));
+    const QString tail = QString::fromUtf8(log.readAll());
+    static const QRegularExpression closing(QStringLiteral(
+        "^<font color=\"black\">[\\d. :]+ - Info : </font><br>"
+        "<font color=\"black\">[\\d. :]+ - Info : VARNOK Server closed\\.</font><br>$"));
+    QVERIFY2(closing.match(tail).hasMatch(), qPrintable(tail));
+}
+
+TARN_GUI_TEST_MAIN(TestTarnSrvGui)
+#include "tst_tarnsrvgui.moc"

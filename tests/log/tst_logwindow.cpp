@@ -1,0 +1,267 @@
+#include "logwindow.h"
+#include "tarnsrvdbglog.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QLabel>
+#include <QMenu>
+#include <QPushButton>
+#include <QMessageBox>
+#include <QPlainTextEdit>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+const QString Stamp = QStringLiteral("\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d");
+const QByteArray Bom("\xEF\xBB\xBF");
+}
+
+class TestLogWindow : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+
+    void formatLine_data();
+    void formatLine();
+    void logSplitsIntoStampedLines_data();
+    void logSplitsIntoStampedLines();
+    void fileIsUtf8AndAppended();
+    void fileSwitchAndMissingFolder();
+    void clearAllLeavesFile();
+    void messageBoxPerLevel_data();
+    void messageBoxPerLevel();
+    void viewIsReadOnly();
+    void debugLogFormats_data();
+    void debugLogFormats();
+    void debugLogCountsFailures();
+
+private:
+    QPlainTextEdit *View(LogWindow &w) { return w.findChild<QPlainTextEdit *>(); }
+    QByteArray FileBytes(const LogWindow &w);
+
+    QTemporaryDir dir;
+};
+
+void TestLogWindow::init()
+{
+    QFile::remove(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
+}
+
+QByteArray TestLogWindow::FileBytes(const LogWindow &w)
+{
+    QFile file(w.LogFilePath());
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void TestLogWindow::formatLine_data()
+{
+    QTest::addColumn<quint32>("type");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("line");
+
+    const QString stamp = QStringLiteral("16.11.2026 09:05:03");
+    QTest::newRow("warning") << 1u << "Busy" << "<font color=\"blue\">16.11.2026 09:05:03 - Warning : Busy</font>";
+    QTest::newRow("error") << 2u << "x" << "<font color=\"red\">16.11.2026 09:05:03 - Error : x</font>";
+    QTest::newRow("info") << 0u << "" << "<font color=\"black\">16.11.2026 09:05:03 - Info : </font>";
+    QTest::newRow("unknown level is info") << 7u << "y" << "<font color=\"black\">16.11.2026 09:05:03 - Info : y</font>";
+    QTest::newRow("placeholders stay literal") << 0u << "%1 %2 %4 %9"
+                                               << "<font color=\"black\">16.11.2026 09:05:03 - Info : %1 %2 %4 %9</font>";
+    QTest::newRow("markup unchanged") << 0u << "<b>bold</b> & co"
+                                      << "<font color=\"black\">16.11.2026 09:05:03 - Info : <b>bold</b> & co</font>";
+}
+
+void TestLogWindow::formatLine()
+{
+    QFETCH(quint32, type);
+    QFETCH(QString, text);
+    QFETCH(QString, line);
+    QCOMPARE(LogWindow::FormatLine(type, QStringLiteral("16.11.2026 09:05:03"), text), line);
+}
+
+void TestLogWindow::logSplitsIntoStampedLines_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QStringList>("parts");
+
+    QTest::newRow("empty") << "" << QStringList{""};
+    QTest::newRow("trailing break") << "a\n" << QStringList{"a", ""};
+    QTest::newRow("leading break") << "\nb" << QStringList{"", "b"};
+    QTest::newRow("two lines and a break") << "a\nb\n" << QStringList{"a", "b", ""};
+}
+
+void TestLogWindow::logSplitsIntoStampedLines()
+{
+    QFETCH(QString, text);
+    QFETCH(QStringList, parts);
+
+    LogWindow window;
+    window.SetLogFile(true, dir.path());
+    window.Log(text, 2);
+
+    QString pattern;
+    for (const QString &part : parts)
+        pattern += QStringLiteral("<font color=\"red\">%1 - Error : %2</font><br>").arg(Stamp, part);
+    const QByteArray bytes = FileBytes(window);
+    QVERIFY(bytes.startsWith(Bom));
+    const QString content = QString::fromUtf8(bytes.mid(Bom.size()));
+    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(content).hasMatch(),
+             qPrintable(content));
+    QCOMPARE(View(window)->blockCount(), parts.size());
+}
+
+void TestLogWindow::fileIsUtf8AndAppended()
+{
+    LogWindow first;
+    first.SetLogFile(true, dir.path());
+    first.Log(QStringLiteral("plain"), 0);
+    const QByteArray afterFirst = FileBytes(first);
+
+    // A second writer appends, with no second byte-order mark.
+    LogWindow second;
+    second.SetLogFile(true, dir.path());
+    second.Log(QStringLiteral("Zoë <i>"), 1);
+    const QByteArray bytes = FileBytes(second);
+    QVERIFY(bytes.startsWith(afterFirst));
+    const QByteArray added = bytes.mid(afterFirst.size());
+    QVERIFY(!added.contains(Bom));
+    QVERIFY(!bytes.contains('\n'));
+    QVERIFY(added.endsWith(QByteArray("Warning : Zo\xC3\xAB <i></font><br>")));
+    QVERIFY(afterFirst.endsWith("Info : plain</font><br>"));
+}
+
+void TestLogWindow::fileSwitchAndMissingFolder()
+{
+    LogWindow window;
+    window.SetLogFile(true, dir.path());
+    window.Log(QStringLiteral("kept"), 0);
+    const QByteArray kept = FileBytes(window);
+
+    window.SetLogFile(false, dir.path());
+    window.Log(QStringLiteral("view only"), 0);
+    QCOMPARE(FileBytes(window), kept);
+
+    const QString missing = dir.filePath(QStringLiteral("no/such/folder"));
+    window.SetLogFile(true, missing);
+    window.Log(QStringLiteral("still shown"), 0);
+    QVERIFY(!QFile::exists(window.LogFilePath()));
+    QVERIFY(View(window)->toPlainText().endsWith(QStringLiteral("Info : still shown")));
+
+    window.SetLogFile(true, dir.path());
+    window.RemoveLogFile();
+    QVERIFY(!QFile::exists(window.LogFilePath()));
+    QCOMPARE(window.LogFilePath(), dir.path() + QStringLiteral("/TarnSrvSvc.html"));
+}
+
+void TestLogWindow::clearAllLeavesFile()
+{
+    LogWindow window;
+    window.SetLogFile(true, dir.path());
+    window.Log(QStringLiteral("one\ntwo"), 0);
+    const QByteArray before = FileBytes(window);
+
+    QStringList entries;
+    QTimer::singleShot(50, this, [&] {
+        auto *menu = qobject_cast<QMenu *>(QApplication::activePopupWidget());
+        QVERIFY(menu);
+        const QList<QAction *> actions = menu->actions();
+        for (QAction *action : actions)
+            entries.append(action->isSeparator() ? QStringLiteral("|") : action->text());
+        actions.last()->trigger();
+        menu->close();
+    });
+    QPlainTextEdit *view = View(window);
+    emit view->customContextMenuRequested(QPoint(5, 5));
+
+    QCOMPARE(entries.mid(entries.size() - 2), QStringList({"|", "Clear All"}));
+    QVERIFY(view->toPlainText().isEmpty());
+    QVERIFY(!view->document()->isUndoAvailable());
+    QCOMPARE(FileBytes(window), before);
+}
+
+void TestLogWindow::messageBoxPerLevel_data()
+{
+    QTest::addColumn<quint32>("type");
+    QTest::addColumn<int>("icon");
+
+    QTest::newRow("info") << 0u << int(QMessageBox::Information);
+    QTest::newRow("warning") << 1u << int(QMessageBox::Warning);
+    QTest::newRow("error") << 2u << int(QMessageBox::Critical);
+    QTest::newRow("other level") << 7u << int(QMessageBox::Information);
+}
+
+void TestLogWindow::messageBoxPerLevel()
+{
+    QFETCH(quint32, type);
+    QFETCH(int, icon);
+
+    LogWindow window;
+    window.SetLogFile(false, dir.path());
+    QString title, text;
+    int shownIcon = -1;
+    QTimer::singleShot(50, this, [&] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        QVERIFY(box);
+        title = box->windowTitle();
+        text = box->text();
+        shownIcon = box->icon();
+        box->button(QMessageBox::Ok)->click();
+    });
+    window.Log(QStringLiteral("first\nsecond"), type, true);
+    QCOMPARE(title, QStringLiteral("VARNOK Manager"));
+    QCOMPARE(text, QStringLiteral("first\nsecond"));
+    QCOMPARE(shownIcon, icon);
+}
+
+void TestLogWindow::viewIsReadOnly()
+{
+    LogWindow window;
+    window.SetLogFile(false, dir.path());
+    window.Log(QStringLiteral("line"), 0);
+    QPlainTextEdit *view = View(window);
+    const QString before = view->toPlainText();
+    QTest::keyClicks(view, QStringLiteral("typed"));
+    QCOMPARE(view->toPlainText(), before);
+    QCOMPARE(window.sizeHint(), QSize(500, 400));
+    QCOMPARE(window.findChild<QLabel *>(QStringLiteral("title_label"))->text(), QStringLiteral("Log Window"));
+}
+
+void TestLogWindow::debugLogFormats_data()
+{
+    QTest::addColumn<quint64>("ms");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("zero") << quint64(0) << "00:00:000";
+    QTest::newRow("hours dropped") << quint64(3725042) << "02:05:042";
+    QTest::newRow("just under an hour") << quint64(3599999) << "59:59:999";
+}
+
+void TestLogWindow::debugLogFormats()
+{
+    QFETCH(quint64, ms);
+    QFETCH(QString, text);
+    QCOMPARE(TarnSrvDbgLog::FormatElapsed(ms), text);
+}
+
+void TestLogWindow::debugLogCountsFailures()
+{
+    TarnSrvDbgLog &log = TarnSrvDbgLog::Instance();
+    QCOMPARE(log.NextSequenceNumber(), QStringLiteral("000000"));
+    QCOMPARE(log.NextSequenceNumber(), QStringLiteral("000001"));
+
+    log.SetFileName(dir.filePath(QStringLiteral("missing/dbg.txt")));
+    for (int i = 0; i < 8; ++i)
+        log.AppendToFile(QStringLiteral("x"));
+    QCOMPARE(log.FailureCount(), TarnSrvDbgLog::MaxReportedFailures);
+
+    log.SetFileName(dir.filePath(QStringLiteral("dbg.txt")));
+    log.AppendToFile(QStringLiteral("a"));
+    log.AppendToFile(QStringLiteral("b"));
+    QFile file(dir.filePath(QStringLiteral("dbg.txt")));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("ab"));
+}
+
+QTEST_MAIN(TestLogWindow)
+#include "tst_logwindow.moc"
