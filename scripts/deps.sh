@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-    cmake ninja-build g++ pkg-config openssl iproute2
+    cmake ninja-build g++ pkg-config openssl iproute2 dpkg-dev file
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
 )
 

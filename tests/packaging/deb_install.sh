@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Builds the Debian package, unpacks it into a throwaway root and runs the
+# programs from there: tarn --version, and TarnSrv offscreen on the port of its
+# TarnSrv.cfg, answering a ping.
+#   deb_install.sh BUILD_DIR
+set -euo pipefail
+build=$1
+work=$(mktemp -d)
+server=""
+cleanup() {
+    if [ -n "$server" ]; then kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true; fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+(cd "$build" && cpack -G DEB -B "$work/pkg" >"$work/cpack.log") || { cat "$work/cpack.log"; exit 1; }
+deb=$(ls "$work"/pkg/*.deb)
+depends=$(dpkg-deb -f "$deb" Depends)
+echo "Depends: $depends"
+for lib in libqt5core5a libqt5network5 libqt5websockets5 libqt5widgets5; do
+    grep -q "$lib" <<<"$depends" || { echo "FAIL: $lib missing from Depends"; exit 1; }
+done
+dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/tarn/TarnSrv.cfg \
+    || { echo "FAIL: TarnSrv.cfg is not a conffile"; exit 1; }
+
+root=$work/root
+dpkg-deb -x "$deb" "$root"
+for f in usr/share/applications/tarn-manager.desktop usr/lib/systemd/system/tarn-manager.service \
+         usr/share/man/man1/tarn.1 usr/share/icons/hicolor/32x32/apps/tarn.png; do
+    [ -e "$root/$f" ] || { echo "FAIL: $f not in the package"; exit 1; }
+done
+
+version=$("$root/usr/bin/tarn" --version)
+[[ "$version" =~ ^tarn\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || { echo "FAIL: tarn --version said '$version'"; exit 1; }
+
+port=$((41000 + $$ % 8000))
+mkdir -p "$work/log" "$work/config"
+printf 'PortNr = %s\nLoggingFolder = %s\n' "$port" "$work/log" >"$root/etc/tarn/TarnSrv.cfg"
+QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME="$work/config" "$root/usr/bin/TarnSrv" >"$work/srv.log" 2>&1 &
+server=$!
+for _ in $(seq 50); do
+    if "$root/usr/bin/tarn" ping "wss://127.0.0.1:$port" >"$work/ping" 2>&1; then
+        cat "$work/ping"
+        grep -q "Tarn server started on port $port" "$work/log/TarnSrvSvc.html" \
+            || { echo "FAIL: no log in the configured folder"; exit 1; }
+        echo "PASS: installed programs run from $root"
+        exit 0
+    fi
+    sleep 0.2
+done
+echo "FAIL: the installed TarnSrv did not answer on port $port"
+cat "$work/srv.log" "$work/ping"
+exit 1
