@@ -8,6 +8,16 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
     target_compile_options(tarn_defaults INTERFACE -Wall -Wextra)
 endif()
 
+# AddressSanitizer and UndefinedBehaviorSanitizer for the whole build; any
+# report fails the run.
+option(TARN_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+if(TARN_SANITIZE)
+    set(TARN_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined
+                             -fno-omit-frame-pointer)
+    target_compile_options(tarn_defaults INTERFACE ${TARN_SANITIZER_FLAGS})
+    target_link_options(tarn_defaults INTERFACE ${TARN_SANITIZER_FLAGS})
+endif()
+
 # tarn_add_test(<name> SOURCES <files...> LIBS <targets...> [LABELS <labels...>])
 # Builds one Qt Test executable and registers it with CTest. Widget code runs on
 # the offscreen platform so the suite needs no display.
