@@ -39,7 +39,7 @@ LogWindow::LogWindow(QWidget *parent)
 {
     ui->setupUi(this);
     ui->plainTextEdit->setContextMenuPolicy(Qt::CustomContextMenu);
-    connect(ui->plainTextEdit, SIGNAL(customContextMenuRequested(QPoint)), this, SLOT(ShowContextMenu(QPoint)));
+    connect(ui->plainTextEdit, &QPlainTextEdit::customContextMenuRequested, this, &LogWindow::ShowContextMenu);
 }
 
 LogWindow::~LogWindow()
@@ -123,7 +123,7 @@ void LogWindow::ShowContextMenu(const QPoint &pos)
 {
     QMenu *menu = ui->plainTextEdit->createStandardContextMenu();
     menu->addSeparator();
-    menu->addAction(QStringLiteral("Clear All"), this, SLOT(ClearAll()), QKeySequence());
+    menu->addAction(QStringLiteral("Clear All"), this, &LogWindow::ClearAll, QKeySequence());
     menu->exec(ui->plainTextEdit->mapToGlobal(pos));
     delete menu;
 }

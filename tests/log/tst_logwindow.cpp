@@ -2,19 +2,31 @@
 #include "tarnsrvdbglog.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QFile>
 #include <QLabel>
 #include <QMenu>
-#include <QPushButton>
 #include <QMessageBox>
 #include <QPlainTextEdit>
+#include <QPushButton>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
 const QString Stamp = QStringLiteral("\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d");
 const QByteArray Bom("\xEF\xBB\xBF");
+
+QPlainTextEdit *View(LogWindow &w)
+{
+    return w.findChild<QPlainTextEdit *>();
 }
+
+QByteArray FileBytes(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+} // namespace
 
 class TestLogWindow : public QObject
 {
@@ -28,31 +40,28 @@ private slots:
     void logSplitsIntoStampedLines_data();
     void logSplitsIntoStampedLines();
     void fileIsUtf8AndAppended();
-    void fileSwitchAndMissingFolder();
+    void unusableFolderKeepsView_data();
+    void unusableFolderKeepsView();
+    void switchedOffLeavesFile();
+    void logFilePath_data();
+    void logFilePath();
     void clearAllLeavesFile();
     void messageBoxPerLevel_data();
     void messageBoxPerLevel();
-    void viewIsReadOnly();
+    void form();
     void debugLogFormats_data();
     void debugLogFormats();
     void debugLogCountsFailures();
 
 private:
-    QPlainTextEdit *View(LogWindow &w) { return w.findChild<QPlainTextEdit *>(); }
-    QByteArray FileBytes(const LogWindow &w);
+    QString LogPath() const { return dir.filePath(QStringLiteral("TarnSrvSvc.html")); }
 
     QTemporaryDir dir;
 };
 
 void TestLogWindow::init()
 {
-    QFile::remove(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
-}
-
-QByteArray TestLogWindow::FileBytes(const LogWindow &w)
-{
-    QFile file(w.LogFilePath());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    QFile::remove(LogPath());
 }
 
 void TestLogWindow::formatLine_data()
@@ -61,13 +70,12 @@ void TestLogWindow::formatLine_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("line");
 
-    const QString stamp = QStringLiteral("16.11.2026 09:05:03");
     QTest::newRow("warning") << 1u << "Busy" << "<font color=\"blue\">16.11.2026 09:05:03 - Warning : Busy</font>";
     QTest::newRow("error") << 2u << "x" << "<font color=\"red\">16.11.2026 09:05:03 - Error : x</font>";
     QTest::newRow("info") << 0u << "" << "<font color=\"black\">16.11.2026 09:05:03 - Info : </font>";
     QTest::newRow("unknown level is info") << 7u << "y" << "<font color=\"black\">16.11.2026 09:05:03 - Info : y</font>";
-    QTest::newRow("placeholders stay literal") << 0u << "%1 %2 %4 %9"
-                                               << "<font color=\"black\">16.11.2026 09:05:03 - Info : %1 %2 %4 %9</font>";
+    QTest::newRow("placeholders stay literal")
+        << 0u << "%1 %2 %4 %9 %L1" << "<font color=\"black\">16.11.2026 09:05:03 - Info : %1 %2 %4 %9 %L1</font>";
     QTest::newRow("markup unchanged") << 0u << "<b>bold</b> & co"
                                       << "<font color=\"black\">16.11.2026 09:05:03 - Info : <b>bold</b> & co</font>";
 }
@@ -89,8 +97,10 @@ void TestLogWindow::logSplitsIntoStampedLines_data()
     QTest::newRow("trailing break") << "a\n" << QStringList{"a", ""};
     QTest::newRow("leading break") << "\nb" << QStringList{"", "b"};
     QTest::newRow("two lines and a break") << "a\nb\n" << QStringList{"a", "b", ""};
+    QTest::newRow("percent signs") << "%1\n%4" << QStringList{"%1", "%4"};
 }
 
+// The whole file must be exactly one stamped Error line per part.
 void TestLogWindow::logSplitsIntoStampedLines()
 {
     QFETCH(QString, text);
@@ -103,7 +113,7 @@ void TestLogWindow::logSplitsIntoStampedLines()
     QString pattern;
     for (const QString &part : parts)
         pattern += QStringLiteral("<font color=\"red\">%1 - Error : %2</font><br>").arg(Stamp, part);
-    const QByteArray bytes = FileBytes(window);
+    const QByteArray bytes = FileBytes(LogPath());
     QVERIFY(bytes.startsWith(Bom));
     const QString content = QString::fromUtf8(bytes.mid(Bom.size()));
     QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(content).hasMatch(),
@@ -116,42 +126,88 @@ void TestLogWindow::fileIsUtf8AndAppended()
     LogWindow first;
     first.SetLogFile(true, dir.path());
     first.Log(QStringLiteral("plain"), 0);
-    const QByteArray afterFirst = FileBytes(first);
+    const QByteArray afterFirst = FileBytes(LogPath());
 
     // A second writer appends, with no second byte-order mark.
     LogWindow second;
     second.SetLogFile(true, dir.path());
     second.Log(QStringLiteral("Zoë <i>"), 1);
-    const QByteArray bytes = FileBytes(second);
+    const QByteArray bytes = FileBytes(LogPath());
+    QVERIFY(afterFirst.startsWith(Bom));
+    QVERIFY(afterFirst.endsWith("Info : plain</font><br>"));
     QVERIFY(bytes.startsWith(afterFirst));
     const QByteArray added = bytes.mid(afterFirst.size());
     QVERIFY(!added.contains(Bom));
     QVERIFY(!bytes.contains('\n'));
     QVERIFY(added.endsWith(QByteArray("Warning : Zo\xC3\xAB <i></font><br>")));
-    QVERIFY(afterFirst.endsWith("Info : plain</font><br>"));
 }
 
-void TestLogWindow::fileSwitchAndMissingFolder()
+void TestLogWindow::unusableFolderKeepsView_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<bool>("blockedByDirectory");
+
+    QTest::newRow("missing folder") << "missing/folder" << false;
+    QTest::newRow("folder is a file") << "plain.txt" << false;
+    QTest::newRow("log file is a folder") << "blocked" << true;
+}
+
+void TestLogWindow::unusableFolderKeepsView()
+{
+    QFETCH(QString, folder);
+    QFETCH(bool, blockedByDirectory);
+
+    QVERIFY(QFile(dir.filePath(QStringLiteral("plain.txt"))).open(QIODevice::WriteOnly));
+    QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("blocked/TarnSrvSvc.html")));
+
+    LogWindow window;
+    window.SetLogFile(true, dir.filePath(folder));
+    window.Log(QStringLiteral("one"), 0);
+    window.Log(QStringLiteral("two"), 1);
+
+    QCOMPARE(QFileInfo(window.LogFilePath()).isDir(), blockedByDirectory);
+    QCOMPARE(QFileInfo(window.LogFilePath()).isFile(), false);
+    QCOMPARE(View(window)->blockCount(), 2);
+    QVERIFY(View(window)->toPlainText().endsWith(QStringLiteral("Warning : two")));
+}
+
+void TestLogWindow::switchedOffLeavesFile()
 {
     LogWindow window;
     window.SetLogFile(true, dir.path());
     window.Log(QStringLiteral("kept"), 0);
-    const QByteArray kept = FileBytes(window);
+    const QByteArray kept = FileBytes(LogPath());
 
     window.SetLogFile(false, dir.path());
     window.Log(QStringLiteral("view only"), 0);
-    QCOMPARE(FileBytes(window), kept);
+    QCOMPARE(FileBytes(LogPath()), kept);
+    QCOMPARE(View(window)->blockCount(), 2);
 
-    const QString missing = dir.filePath(QStringLiteral("no/such/folder"));
-    window.SetLogFile(true, missing);
-    window.Log(QStringLiteral("still shown"), 0);
-    QVERIFY(!QFile::exists(window.LogFilePath()));
-    QVERIFY(View(window)->toPlainText().endsWith(QStringLiteral("Info : still shown")));
-
-    window.SetLogFile(true, dir.path());
     window.RemoveLogFile();
-    QVERIFY(!QFile::exists(window.LogFilePath()));
-    QCOMPARE(window.LogFilePath(), dir.path() + QStringLiteral("/TarnSrvSvc.html"));
+    QVERIFY(!QFile::exists(LogPath()));
+    window.RemoveLogFile(); // nothing left to remove: silently nothing
+}
+
+void TestLogWindow::logFilePath_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("path");
+
+    QTest::newRow("plain") << "C:/logs" << "C:/logs/TarnSrvSvc.html";
+    QTest::newRow("trailing slash kept") << "C:/logs/" << "C:/logs//TarnSrvSvc.html";
+    QTest::newRow("empty folder is the root") << "" << "/TarnSrvSvc.html";
+    QTest::newRow("placeholder in folder") << "/tmp/%1" << "/tmp/%1/TarnSrvSvc.html";
+}
+
+void TestLogWindow::logFilePath()
+{
+    QFETCH(QString, folder);
+    QFETCH(QString, path);
+
+    LogWindow window;
+    QCOMPARE(window.LogFilePath(), QCoreApplication::applicationDirPath() + QStringLiteral("/TarnSrvSvc.html"));
+    window.SetLogFile(false, folder);
+    QCOMPARE(window.LogFilePath(), path);
 }
 
 void TestLogWindow::clearAllLeavesFile()
@@ -159,12 +215,13 @@ void TestLogWindow::clearAllLeavesFile()
     LogWindow window;
     window.SetLogFile(true, dir.path());
     window.Log(QStringLiteral("one\ntwo"), 0);
-    const QByteArray before = FileBytes(window);
+    const QByteArray before = FileBytes(LogPath());
 
     QStringList entries;
-    QTimer::singleShot(50, this, [&] {
+    QTimer::singleShot(10, &window, [&] {
         auto *menu = qobject_cast<QMenu *>(QApplication::activePopupWidget());
-        QVERIFY(menu);
+        if (!menu)
+            return;
         const QList<QAction *> actions = menu->actions();
         for (QAction *action : actions)
             entries.append(action->isSeparator() ? QStringLiteral("|") : action->text());
@@ -174,10 +231,11 @@ void TestLogWindow::clearAllLeavesFile()
     QPlainTextEdit *view = View(window);
     emit view->customContextMenuRequested(QPoint(5, 5));
 
+    QVERIFY(entries.size() > 2); // the standard entries come first
     QCOMPARE(entries.mid(entries.size() - 2), QStringList({"|", "Clear All"}));
     QVERIFY(view->toPlainText().isEmpty());
     QVERIFY(!view->document()->isUndoAvailable());
-    QCOMPARE(FileBytes(window), before);
+    QCOMPARE(FileBytes(LogPath()), before);
 }
 
 void TestLogWindow::messageBoxPerLevel_data()
@@ -200,21 +258,26 @@ void TestLogWindow::messageBoxPerLevel()
     window.SetLogFile(false, dir.path());
     QString title, text;
     int shownIcon = -1;
-    QTimer::singleShot(50, this, [&] {
+    int buttons = 0;
+    QTimer::singleShot(10, &window, [&] {
         auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-        QVERIFY(box);
+        if (!box)
+            return;
         title = box->windowTitle();
         text = box->text();
         shownIcon = box->icon();
+        buttons = box->buttons().size();
         box->button(QMessageBox::Ok)->click();
     });
     window.Log(QStringLiteral("first\nsecond"), type, true);
     QCOMPARE(title, QStringLiteral("VARNOK Manager"));
     QCOMPARE(text, QStringLiteral("first\nsecond"));
     QCOMPARE(shownIcon, icon);
+    QCOMPARE(buttons, 1);
+    QCOMPARE(View(window)->blockCount(), 2);
 }
 
-void TestLogWindow::viewIsReadOnly()
+void TestLogWindow::form()
 {
     LogWindow window;
     window.SetLogFile(false, dir.path());
@@ -222,8 +285,10 @@ void TestLogWindow::viewIsReadOnly()
     QPlainTextEdit *view = View(window);
     const QString before = view->toPlainText();
     QTest::keyClicks(view, QStringLiteral("typed"));
+    QTest::keyClick(view, Qt::Key_Backspace);
     QCOMPARE(view->toPlainText(), before);
     QCOMPARE(window.sizeHint(), QSize(500, 400));
+    QCOMPARE(window.windowTitle(), QStringLiteral("Log Window"));
     QCOMPARE(window.findChild<QLabel *>(QStringLiteral("title_label"))->text(), QStringLiteral("Log Window"));
 }
 
@@ -235,6 +300,7 @@ void TestLogWindow::debugLogFormats_data()
     QTest::newRow("zero") << quint64(0) << "00:00:000";
     QTest::newRow("hours dropped") << quint64(3725042) << "02:05:042";
     QTest::newRow("just under an hour") << quint64(3599999) << "59:59:999";
+    QTest::newRow("beyond 32 bits") << quint64(0x100000000ULL) << "02:47:296";
 }
 
 void TestLogWindow::debugLogFormats()
@@ -249,6 +315,7 @@ void TestLogWindow::debugLogCountsFailures()
     TarnSrvDbgLog &log = TarnSrvDbgLog::Instance();
     QCOMPARE(log.NextSequenceNumber(), QStringLiteral("000000"));
     QCOMPARE(log.NextSequenceNumber(), QStringLiteral("000001"));
+    QVERIFY(QRegularExpression(QStringLiteral("^\\d\\d:\\d\\d:\\d{3}$")).match(log.ElapsedText()).hasMatch());
 
     log.SetFileName(dir.filePath(QStringLiteral("missing/dbg.txt")));
     for (int i = 0; i < 8; ++i)
@@ -257,10 +324,8 @@ void TestLogWindow::debugLogCountsFailures()
 
     log.SetFileName(dir.filePath(QStringLiteral("dbg.txt")));
     log.AppendToFile(QStringLiteral("a"));
-    log.AppendToFile(QStringLiteral("b"));
-    QFile file(dir.filePath(QStringLiteral("dbg.txt")));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("ab"));
+    log.AppendToFile(QStringLiteral("b\n"));
+    QCOMPARE(FileBytes(dir.filePath(QStringLiteral("dbg.txt"))), QByteArray("ab\n"));
 }
 
 QTEST_MAIN(TestLogWindow)

@@ -8,10 +8,61 @@
 
 namespace {
 const QString Banner = QStringLiteral("VARNOK Server version 1.4.0.\n\n");
+const QStringList BannerLines{QStringLiteral("VARNOK Server version 1.4.0."), QString()};
+const QString Previous = QStringLiteral("Using previous configuration.");
+const QString Used = QStringLiteral("Using settings from configuration file.");
+const QString Invalid = QStringLiteral("Configuration file \"CFG\" does not contain a valid configuration.");
+const QString InfoLine =
+    QStringLiteral("<font color=\"black\">\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Info : (.*)</font>");
 const QByteArray Bom("\xEF\xBB\xBF");
+
+enum ConfigKind { Missing, File, Directory };
+
+// Type and value, because QVariant's == converts between types.
+QString Typed(const QVariant &v)
+{
+    return QString::fromLatin1(v.typeName()) + QLatin1Char(':') + v.toString();
 }
 
-class TestConfigFile : public QObject
+QByteArray FileBytes(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<no file>");
+}
+
+// The message parts of the log file's lines. A fragment that is not a whole
+// Info line is kept as it stands, so foreign content shows in the comparison.
+QStringList LoggedMessages(const QString &path)
+{
+    const QByteArray bytes = FileBytes(path);
+    if (!bytes.startsWith(Bom))
+        return {QString::fromUtf8(bytes.constData(), bytes.size())};
+    static const QRegularExpression line(QRegularExpression::anchoredPattern(InfoLine));
+    const QByteArray text = bytes.mid(Bom.size());
+    // The length is passed on, so a NUL in a message does not end the text.
+    QStringList fragments = QString::fromUtf8(text.constData(), text.size()).split(QStringLiteral("<br>"));
+    if (!fragments.takeLast().isEmpty())
+        fragments.append(QStringLiteral("<unterminated>"));
+    for (QString &fragment : fragments) {
+        const QRegularExpressionMatch match = line.match(fragment);
+        if (match.hasMatch())
+            fragment = match.captured(1);
+    }
+    return fragments;
+}
+
+// The message parts of the lines in the view.
+QStringList ViewMessages(const LogWindow &window)
+{
+    static const QRegularExpression stamp(QStringLiteral("^\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Info : "));
+    QStringList lines = window.findChild<QPlainTextEdit *>()->toPlainText().split(QLatin1Char('\n'));
+    for (QString &line : lines)
+        line.remove(stamp);
+    return lines;
+}
+} // namespace
+
+class TestSettings : public QObject
 {
     Q_OBJECT
 
@@ -23,61 +74,34 @@ private slots:
     void workedExample();
     void applyFile_data();
     void applyFile();
+    void storedValueTypes_data();
     void storedValueTypes();
 
 private:
-    QStringList LoggedMessages(const LogWindow &window);
-    QStringList ViewMessages(const LogWindow &window);
     void WriteConfig(const QByteArray &content);
+    QString LogPath() const { return dir.filePath(QStringLiteral("TarnSrvSvc.html")); }
 
     QTemporaryDir dir;
     QString configPath;
 };
 
-void TestConfigFile::init()
+void TestSettings::init()
 {
     configPath = dir.filePath(QStringLiteral("TarnSrv.cfg"));
     QFile::remove(configPath);
-    QFile::remove(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
+    QDir(dir.path()).rmdir(QStringLiteral("TarnSrv.cfg"));
+    QFile::remove(LogPath());
     TarnSrvSettings(nullptr).clear();
 }
 
-void TestConfigFile::WriteConfig(const QByteArray &content)
+void TestSettings::WriteConfig(const QByteArray &content)
 {
     QFile file(configPath);
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(content);
+    file.write(QByteArray(content).replace("DIR", dir.path().toUtf8()));
 }
 
-// The message parts of the log's lines, stamps and markup taken off.
-QStringList TestConfigFile::LoggedMessages(const LogWindow &window)
-{
-    QFile file(window.LogFilePath());
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QByteArray bytes = file.readAll();
-    if (bytes.startsWith(Bom))
-        bytes.remove(0, Bom.size());
-    static const QRegularExpression line(
-        QStringLiteral("<font color=\"black\">\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Info : (.*?)</font><br>"));
-    QStringList messages;
-    QRegularExpressionMatchIterator it = line.globalMatch(QString::fromUtf8(bytes));
-    while (it.hasNext())
-        messages.append(it.next().captured(1));
-    return messages;
-}
-
-// The message parts of the lines in the view.
-QStringList TestConfigFile::ViewMessages(const LogWindow &window)
-{
-    static const QRegularExpression stamp(QStringLiteral("^\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Info : "));
-    QStringList lines = window.findChild<QPlainTextEdit *>()->toPlainText().split(QLatin1Char('\n'));
-    for (QString &line : lines)
-        line.remove(stamp);
-    return lines;
-}
-
-void TestConfigFile::parseLine_data()
+void TestSettings::parseLine_data()
 {
     QTest::addColumn<QString>("line");
     QTest::addColumn<bool>("valid");
@@ -89,8 +113,10 @@ void TestConfigFile::parseLine_data()
     QTest::newRow("port") << " PortNr=4000 " << true << "Port number: 4000\n" << 4000 << true << "";
     QTest::newRow("negative port") << "PortNr = -7" << true << "Port number: -7\n" << -7 << true << "";
     QTest::newRow("port not a number") << "PortNr = abc" << true << "Port number: 0\n" << 0 << true << "";
+    QTest::newRow("port with leading zero") << "PortNr = 0080" << true << "Port number: 80\n" << 80 << true << "";
     QTest::newRow("logging TRUE") << "LoggingEnable = TRUE" << true << "Logging: enabled\n" << 0 << true << "";
     QTest::newRow("logging 1 is off") << "LoggingEnable = 1" << true << "Logging: disabled\n" << 0 << false << "";
+    QTest::newRow("logging empty is off") << "LoggingEnable=" << true << "Logging: disabled\n" << 0 << false << "";
     QTest::newRow("folder") << "LoggingFolder =  C:/logs " << true << "Logging folder: C:/logs\n" << 0 << true
                             << "C:/logs";
     QTest::newRow("empty folder") << "LoggingFolder =" << true << "Logging folder: \n" << 0 << true << "";
@@ -104,12 +130,14 @@ void TestConfigFile::parseLine_data()
                                      << "Line number 3 with value \"PortNr = 80 = 81\" is malformed.\n"
                                         "Expecting format : <key> = <value>.\n"
                                      << 0 << true << "";
-    QTest::newRow("key in other case") << "portnr = 80" << false
-                                       << "Line number 3 with value \"portnr = 80\" contains an invalid key.\n" << 0
-                                       << true << "";
+    QTest::newRow("key in other case") << " portnr = 80" << false
+                                       << "Line number 3 with value \" portnr = 80\" contains an invalid key.\n"
+                                       << 0 << true << "";
+    QTest::newRow("empty key") << "= 80" << false << "Line number 3 with value \"= 80\" contains an invalid key.\n"
+                               << 0 << true << "";
 }
 
-void TestConfigFile::parseLine()
+void TestSettings::parseLine()
 {
     QFETCH(QString, line);
     QFETCH(bool, valid);
@@ -127,16 +155,18 @@ void TestConfigFile::parseLine()
     QCOMPARE(values.loggingFolder, folder);
 }
 
-void TestConfigFile::workedExample()
+// A valid file moves the log: the new folder's old file is replaced, the old folder's is left.
+void TestSettings::workedExample()
 {
     const QString logs = dir.filePath(QStringLiteral("logs"));
     QVERIFY(QDir().mkpath(logs));
-    {
-        QFile old(logs + QStringLiteral("/TarnSrvSvc.html"));
+    const QString newLog = logs + QStringLiteral("/TarnSrvSvc.html");
+    for (const QString &path : {newLog, LogPath()}) {
+        QFile old(path);
         QVERIFY(old.open(QIODevice::WriteOnly));
         old.write("previous run");
     }
-    WriteConfig(QStringLiteral("PortNr = 4000\r\nLoggingFolder = %1").arg(logs).toUtf8());
+    WriteConfig("PortNr = 4000\r\nLoggingFolder = DIR/logs");
 
     LogWindow window;
     window.SetLogFile(true, dir.path());
@@ -144,62 +174,76 @@ void TestConfigFile::workedExample()
     QString report = Banner;
     settings.ApplyConfigFile(configPath, report);
 
-    QCOMPARE(window.LogFilePath(), logs + QStringLiteral("/TarnSrvSvc.html"));
-    QCOMPARE(LoggedMessages(window),
-             QStringList({"VARNOK Server version 1.4.0.", "", "Reading configuration file " + configPath + ".",
-                          "Port number: 4000", "Logging folder: " + logs,
-                          "Using settings from configuration file.", ""}));
+    const QStringList lines = BannerLines
+                              + QStringList{"Reading configuration file " + configPath + ".", "Port number: 4000",
+                                            "Logging folder: " + logs, Used, ""};
+    QCOMPARE(window.LogFilePath(), newLog);
+    QCOMPARE(LoggedMessages(newLog), lines);
+    QCOMPARE(ViewMessages(window), lines);
+    QCOMPARE(FileBytes(LogPath()), QByteArray("previous run"));
 }
 
-void TestConfigFile::applyFile_data()
+void TestSettings::applyFile_data()
 {
-    QTest::addColumn<bool>("exists");
+    QTest::addColumn<int>("kind");
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QStringList>("report");
     QTest::addColumn<bool>("oldLogRemoved");
+    QTest::addColumn<bool>("reportInFile");
 
-    const QString invalid = QStringLiteral("Configuration file \"CFG\" does not contain a valid configuration.");
-    const QString previous = QStringLiteral("Using previous configuration.");
-    QTest::newRow("missing") << false << QByteArray()
-                             << QStringList{"Configuration file CFG not found.", previous, ""} << true;
-    QTest::newRow("empty file") << true << QByteArray()
-                                << QStringList{"Reading configuration file CFG.", invalid, previous, ""} << true;
-    QTest::newRow("logging off, no port") << true << QByteArray("LoggingEnable = false\n")
-                                          << QStringList{"Reading configuration file CFG.", "Logging: disabled",
-                                                         invalid, previous, ""}
-                                          << false;
-    QTest::newRow("bad second line") << true << QByteArray("PortNr = 4000\n\nLoggingEnable = false\n")
-                                     << QStringList{"Reading configuration file CFG.", "Port number: 4000",
-                                                    "Line number 2 with value \"\".",
-                                                    "Line does not contain an equal sign.", previous, ""}
-                                     << true;
-    QTest::newRow("binary bytes") << true << QByteArray("\x01\xff\xfe=\x80")
-                                  << QStringList{"Reading configuration file CFG.",
-                                                 QString::fromUtf8("Line number 1 with value \"\x01\xef\xbf\xbd\xef\xbf\xbd="
-                                                                   "\xef\xbf\xbd\" contains an invalid key."),
-                                                 previous, ""}
-                                  << true;
-    QTest::newRow("huge line") << true << QByteArray(1 << 20, 'x')
-                               << QStringList{"Reading configuration file CFG.",
+    const QString reading = QStringLiteral("Reading configuration file CFG.");
+    const QStringList notFound{QStringLiteral("Configuration file CFG not found."), Previous, ""};
+    const QString noEqualSign = QStringLiteral("Line does not contain an equal sign.");
+
+    QTest::newRow("missing") << int(Missing) << QByteArray() << notFound << true << true;
+    QTest::newRow("a folder") << int(Directory) << QByteArray() << notFound << true << true;
+    QTest::newRow("empty file") << int(File) << QByteArray() << QStringList{reading, Invalid, Previous, ""} << true
+                                << true;
+    QTest::newRow("port not a number")
+        << int(File) << QByteArray("PortNr = abc\n") << QStringList{reading, "Port number: 0", Invalid, Previous, ""}
+        << true << true;
+    // Invalid, so the window keeps writing to the old file, which the parsed switch keeps.
+    QTest::newRow("logging off, no port")
+        << int(File) << QByteArray("LoggingEnable = false\n")
+        << QStringList{reading, "Logging: disabled", Invalid, Previous, ""} << false << true;
+    QTest::newRow("bad second line stops reading")
+        << int(File) << QByteArray("PortNr = 4000\n\nLoggingEnable = false\n")
+        << QStringList{reading, "Port number: 4000", "Line number 2 with value \"\".", noEqualSign, Previous, ""}
+        << true << true;
+    QTest::newRow("binary bytes")
+        << int(File) << QByteArray("\x01\xff\xfe=\x80\x00\x02\n", 8)
+        << QStringList{reading,
+                       QString::fromUtf8("Line number 1 with value \"\x01\xef\xbf\xbd\xef\xbf\xbd=\xef\xbf\xbd")
+                           + QChar(0) + QChar(2) + "\" contains an invalid key.",
+                       Previous, ""}
+        << true << true;
+    QTest::newRow("huge line") << int(File) << QByteArray(1 << 20, 'x')
+                               << QStringList{reading,
                                               "Line number 1 with value \"" + QString(1 << 20, QLatin1Char('x')) + "\".",
-                                              "Line does not contain an equal sign.", previous, ""}
-                               << true;
-    QTest::newRow("utf-8 with mark, no final break") << true << QByteArray("\xEF\xBB\xBFPortNr = 9\nLoggingEnable = Ja")
-                                                     << QStringList{"Reading configuration file CFG.", "Port number: 9",
-                                                                    "Logging: disabled",
-                                                                    "Using settings from configuration file.", ""}
-                                                     << false;
+                                              noEqualSign, Previous, ""}
+                               << true << true;
+    QTest::newRow("utf-8 with mark, no final break")
+        << int(File) << QByteArray("\xEF\xBB\xBFPortNr = 9\nLoggingEnable = Ja")
+        << QStringList{reading, "Port number: 9", "Logging: disabled", Used, ""} << false << false;
+    const QString utf16 = QStringLiteral("PortNr = 9\r\nLoggingEnable = n\u00E9\r\n");
+    QTest::newRow("utf-16 with mark")
+        << int(File)
+        << QByteArray("\xFF\xFE") + QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2)
+        << QStringList{reading, "Port number: 9", "Logging: disabled", Used, ""} << false << false;
 }
 
-void TestConfigFile::applyFile()
+void TestSettings::applyFile()
 {
-    QFETCH(bool, exists);
+    QFETCH(int, kind);
     QFETCH(QByteArray, content);
     QFETCH(QStringList, report);
     QFETCH(bool, oldLogRemoved);
+    QFETCH(bool, reportInFile);
 
-    if (exists)
+    if (kind == File)
         WriteConfig(content);
+    else if (kind == Directory)
+        QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("TarnSrv.cfg")));
     LogWindow window;
     window.SetLogFile(true, dir.path());
     window.AppendPlainHtml(QStringLiteral("old"));
@@ -209,40 +253,67 @@ void TestConfigFile::applyFile()
     settings.ApplyConfigFile(configPath, text);
 
     // A file that is not used leaves the stored settings alone.
-    const bool used = report.contains(QStringLiteral("Using settings from configuration file."));
-    QCOMPARE(settings.value(QStringLiteral("Server/PortNr")).toString(), used ? QStringLiteral("9") : "77");
+    QCOMPARE(Typed(settings.value(QStringLiteral("Server/PortNr"))),
+             report.contains(Used) ? QStringLiteral("int:9") : QStringLiteral("QString:77"));
+    QCOMPARE(settings.contains(QStringLiteral("Server/AutoStart")), report.contains(Used));
 
-    QFile log(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QCOMPARE(log.readAll().contains("old<br>"), !oldLogRemoved);
     report.replaceInStrings(QStringLiteral("CFG"), configPath);
-    QCOMPARE(ViewMessages(window), QStringList({"old", "VARNOK Server version 1.4.0.", ""}) + report);
+    QCOMPARE(text, Banner + report.join(QLatin1Char('\n')));
+    QCOMPARE(ViewMessages(window), QStringList{"old"} + BannerLines + report);
+    const QStringList old = oldLogRemoved ? QStringList() : QStringList{"old"};
+    QCOMPARE(LoggedMessages(LogPath()), old + (reportInFile ? BannerLines + report : QStringList()));
 }
 
-void TestConfigFile::storedValueTypes()
+void TestSettings::storedValueTypes_data()
 {
-    WriteConfig("PortNr = 4000\nLoggingEnable = true\n");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("port");
+    QTest::addColumn<QString>("enable");
+    QTest::addColumn<QString>("folder");
+
+    QTest::newRow("logging into a folder") << QByteArray("PortNr = 4000\nLoggingEnable = TRUE\nLoggingFolder = DIR\n")
+                                           << "int:4000" << "bool:true" << "QString:" + dir.path();
+    // Logging off, so the empty folder (the root) is never written to.
+    QTest::newRow("no folder, port out of range") << QByteArray("PortNr = 70000\nLoggingEnable = off\n")
+                                                  << "int:70000" << "bool:false" << "QString:";
+}
+
+void TestSettings::storedValueTypes()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QString, port);
+    QFETCH(QString, enable);
+    QFETCH(QString, folder);
+
+    WriteConfig(content);
     LogWindow window;
     window.SetLogFile(true, dir.path());
-    TarnSrvSettings settings(&window);
-    QString report = Banner;
-    settings.ApplyConfigFile(configPath, report);
+    {
+        TarnSrvSettings settings(&window);
+        QString report;
+        settings.ApplyConfigFile(configPath, report);
 
-    QCOMPARE(settings.value(QStringLiteral("Server/AutoPort")), QVariant(false));
-    QCOMPARE(settings.value(QStringLiteral("Server/PortNr")), QVariant(4000));
-    QCOMPARE(settings.value(QStringLiteral("Server/AutoStart")), QVariant(QStringLiteral("true")));
-    QCOMPARE(settings.value(QStringLiteral("Logging/Enable")), QVariant(true));
-    QCOMPARE(settings.value(QStringLiteral("Logging/Folder")), QVariant(QString()));
-    // An empty folder puts the log at the root, as the file asked.
-    QCOMPARE(window.LogFilePath(), QStringLiteral("/TarnSrvSvc.html"));
+        QCOMPARE(Typed(settings.value(QStringLiteral("Server/AutoPort"))), QStringLiteral("bool:false"));
+        QCOMPARE(Typed(settings.value(QStringLiteral("Server/PortNr"))), port);
+        QCOMPARE(Typed(settings.value(QStringLiteral("Server/AutoStart"))), QStringLiteral("QString:true"));
+        QCOMPARE(Typed(settings.value(QStringLiteral("Logging/Enable"))), enable);
+        QCOMPARE(Typed(settings.value(QStringLiteral("Logging/Folder"))), folder);
+        QCOMPARE(window.LogFilePath(), folder.mid(8) + QStringLiteral("/TarnSrvSvc.html"));
+    }
+    // Read back from the store as start-up reads it.
+    const TarnSrvSettings next(&window);
+    QVERIFY(next.value(QStringLiteral("Server/AutoStart")).toBool());
+    QVERIFY(!next.value(QStringLiteral("Server/AutoPort")).toBool());
+    QCOMPARE(next.value(QStringLiteral("Server/PortNr")).toInt(), port.mid(4).toInt());
 }
 
 int main(int argc, char *argv[])
 {
+    // The settings store lives in a private folder for the run.
     QTemporaryDir config;
     qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());
     QApplication app(argc, argv);
-    TestConfigFile test;
+    TestSettings test;
     return QTest::qExec(&test, argc, argv);
 }
-#include "tst_configfile.moc"
+#include "tst_settings.moc"
