@@ -5,16 +5,41 @@
 
 #include <QCoreApplication>
 #include <QSet>
+#include <QSslSocket>
+#include <QTcpServer>
 #include <QThread>
 #include <QWebSocket>
 #include <QWebSocketServer>
 
+#ifdef Q_OS_UNIX
+#include <sys/socket.h>
+#endif
+
 using namespace Tarn;
+
+namespace {
+
+// QTcpServer listens with a backlog of 50. When more clients than that connect
+// at once, the kernel drops their SYNs and they retry only after a second, so a
+// burst of connections stalls while the server sits idle. Listening again on the
+// same socket widens the queue to the system maximum.
+void WidenListenBacklog(qintptr descriptor)
+{
+#ifdef Q_OS_UNIX
+    ::listen(int(descriptor), SOMAXCONN);
+#else
+    Q_UNUSED(descriptor);
+#endif
+}
+
+} // namespace
 
 TarnSrv::TarnSrv()
 {
     heartbeatTimer.setInterval(HeartBeatIntervalMs);
     connect(&heartbeatTimer, &QTimer::timeout, this, &TarnSrv::SendHeartBeat);
+    handshakeSweepTimer.setInterval(HandshakeSweepMs);
+    connect(&handshakeSweepTimer, &QTimer::timeout, this, &TarnSrv::ReleaseAbandonedHandshakes);
 }
 
 TarnSrv::~TarnSrv()
@@ -60,7 +85,9 @@ int TarnSrv::Start(int port)
         return -1;
     }
 
+    WidenListenBacklog(endpoint->nativeDescriptor());
     serverUrl = endpoint->serverUrl();
+    handshakeSweepTimer.start();
     connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
     connect(endpoint, &QWebSocketServer::sslErrors, this, &TarnSrv::onSslErrors);
     LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(endpoint->serverPort()));
@@ -79,6 +106,7 @@ void TarnSrv::Stop()
 
     DisconnectAll();
     connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);
+    handshakeSweepTimer.stop();
     endpoint->deleteLater();
     endpoint = nullptr;
 
@@ -200,6 +228,21 @@ qint64 TarnSrv::SendHeartBeat()
     if (registry.empty())
         heartbeatTimer.stop();
     return 0;
+}
+
+// The endpoint keeps the TLS socket of every connection that closed before its
+// WebSocket handshake finished, until the endpoint itself goes: a stream of
+// aborted connections would grow the server without bound. Those sockets still
+// belong to the endpoint's listener and are no longer connected.
+void TarnSrv::ReleaseAbandonedHandshakes()
+{
+    if (!endpoint)
+        return;
+    const QList<QSslSocket *> sockets = endpoint->findChildren<QSslSocket *>();
+    for (QSslSocket *socket : sockets) {
+        if (socket->state() == QAbstractSocket::UnconnectedState && qobject_cast<QTcpServer *>(socket->parent()))
+            socket->deleteLater();
+    }
 }
 
 void TarnSrv::ReplyToSender(const QString &text)

@@ -38,6 +38,8 @@ public:
 
     // Upper bound for one incoming frame or message; the protocol's are tiny.
     static constexpr quint64 MaxIncomingSize = 64 * 1024;
+    // Period of the clean-up of connections that ended before their handshake.
+    static constexpr int HandshakeSweepMs = 5000;
 
 signals:
     void ClientsChanged();
@@ -50,6 +52,7 @@ private slots:
     void onSslErrors(const QList<QSslError> &errors);
     void RcvdMessage(QString msg);
     qint64 SendHeartBeat();
+    void ReleaseAbandonedHandshakes();
 
 private:
     using Registry = std::list<ClientRecord>;
@@ -72,4 +75,5 @@ private:
     QUrl serverUrl;
     SrvUrlDetect *discovery = nullptr;
     QTimer heartbeatTimer;
+    QTimer handshakeSweepTimer;
 };

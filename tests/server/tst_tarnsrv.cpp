@@ -1,6 +1,7 @@
 #include "tarnsrv.h"
 #include "wsclient.h"
 
+#include <QSslSocket>
 #include <QTcpServer>
 #include <QtTest>
 #include <memory>
@@ -39,6 +40,7 @@ private slots:
     void originFields();
     void activeClientsGroupsBySession();
     void oversizedMessageClosesConnection();
+    void abortedHandshakesReleased();
     void silentClientsDropped();
     void heartbeatingClientKept();
     void stopLogsInOrderAndEmitsSocketDestroyed();
@@ -197,6 +199,23 @@ void TestTarnSrv::oversizedMessageClosesConnection()
     client->socket.sendTextMessage(QString(int(TarnSrv::MaxIncomingSize) + 1, QLatin1Char('x')));
     QVERIFY(disconnected.wait(5000));
     QTRY_VERIFY(server->GetActiveClients().isEmpty());
+}
+
+void TestTarnSrv::abortedHandshakesReleased()
+{
+    // Connections that close before any handshake must not pile up in the server.
+    std::vector<std::unique_ptr<QTcpSocket>> aborted;
+    for (int i = 0; i < 50; ++i) {
+        aborted.push_back(std::make_unique<QTcpSocket>());
+        aborted.back()->connectToHost(QHostAddress::LocalHost, port);
+    }
+    QTRY_COMPARE(server->findChildren<QSslSocket *>().size(), 50);
+    aborted.clear();
+    QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<QSslSocket *>().size(), 0, TarnSrv::HandshakeSweepMs + 3000);
+
+    auto client = Connect(SessionA, QStringLiteral("After"));
+    QVERIFY(client);
+    QCOMPARE(server->GetActiveClients().size(), 1);
 }
 
 void TestTarnSrv::silentClientsDropped()
