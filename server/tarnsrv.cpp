@@ -14,6 +14,9 @@
 #ifdef Q_OS_UNIX
 #include <sys/socket.h>
 #endif
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 using namespace Tarn;
 
@@ -239,10 +242,24 @@ void TarnSrv::ReleaseAbandonedHandshakes()
     if (!endpoint)
         return;
     const QList<QSslSocket *> sockets = endpoint->findChildren<QSslSocket *>();
+    bool released = false;
     for (QSslSocket *socket : sockets) {
-        if (socket->state() == QAbstractSocket::UnconnectedState && qobject_cast<QTcpServer *>(socket->parent()))
+        if (socket->state() == QAbstractSocket::UnconnectedState && qobject_cast<QTcpServer *>(socket->parent())) {
             socket->deleteLater();
+            released = true;
+        }
     }
+    if (released)
+        QTimer::singleShot(0, this, &TarnSrv::ReturnFreedMemory);
+}
+
+// A burst of handshakes costs tens of kilobytes of TLS state each; once they
+// are gone, hand the freed heap back to the system instead of keeping the peak.
+void TarnSrv::ReturnFreedMemory()
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 void TarnSrv::ReplyToSender(const QString &text)

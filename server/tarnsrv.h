@@ -53,6 +53,7 @@ private slots:
     void RcvdMessage(QString msg);
     qint64 SendHeartBeat();
     void ReleaseAbandonedHandshakes();
+    void ReturnFreedMemory();
 
 private:
     using Registry = std::list<ClientRecord>;

@@ -1,0 +1,344 @@
+#include "tarnclt.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QSslSocket>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QWebSocket>
+#include <QtTest>
+#include <memory>
+#include <sys/resource.h>
+#include <vector>
+
+// Runs the real manager (offscreen) and attacks its server from this process,
+// over loopback only, while a well-behaved client pings it every 100 ms.
+namespace {
+
+QByteArray UpgradeRequest(quint16 port, const QByteArray &origin)
+{
+    return "GET / HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
+           + "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+             "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
+             "Origin: " + origin + "\r\n\r\n";
+}
+
+// A masked client frame whose header may declare more payload than follows.
+QByteArray Frame(quint8 opcode, const QByteArray &payload, quint64 declared)
+{
+    QByteArray frame;
+    frame.append(char(0x80 | opcode));
+    const int lengthBytes = declared < 126 ? 0 : declared < 65536 ? 2 : 8;
+    frame.append(char(0x80 | (lengthBytes == 0 ? int(declared) : lengthBytes == 2 ? 126 : 127)));
+    for (int shift = 8 * (lengthBytes - 1); shift >= 0; shift -= 8)
+        frame.append(char((declared >> shift) & 0xff));
+    const QByteArray mask("\x11\x22\x33\x44", 4);
+    frame.append(mask);
+    for (int i = 0; i < payload.size(); ++i)
+        frame.append(char(payload.at(i) ^ mask.at(i % 4)));
+    return frame;
+}
+
+qint64 ProcStatusKb(qint64 pid, const QByteArray &field)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').value(0).toLongLong();
+    return -1;
+}
+
+int OpenFds(qint64 pid)
+{
+    return int(QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::NoDotAndDotDot | QDir::System).size());
+}
+
+} // namespace
+
+class TestHostile : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void cleanup();
+
+    void plainHttpAndRandomBytes();
+    void silentHandshakes();
+    void oversizedFrames_data();
+    void oversizedFrames();
+    void binaryFramesIgnored();
+    void hugeOrigin();
+    void hostileNames_data();
+    void hostileNames();
+    void rapidConnectClose();
+    void afterwardsNothingLeft();
+
+private:
+    std::unique_ptr<QSslSocket> RawWebSocket(const QByteArray &origin);
+    void PingOnce();
+
+    QTemporaryDir dir;
+    QProcess manager;
+    quint16 port = 0;
+    QUrl url;
+    TarnClt good;
+    ClientRecord goodRecord;
+    QTimer pinger;
+    bool pinging = false;
+    int pings = 0;
+    int pingFailures = 0;
+    qint64 baselineRssKb = 0;
+    int baselineFds = 0;
+    int cycles = 10000;
+};
+
+void TestHostile::initTestCase()
+{
+    rlimit limit{8192, 8192};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    cycles = qEnvironmentVariableIntValue("TARN_HOSTILE_CYCLES");
+    if (cycles <= 0)
+        cycles = 10000;
+
+    QTcpServer probe;
+    QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+    port = probe.serverPort();
+    probe.close();
+    url = QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(port));
+
+    const QString program = dir.filePath(QStringLiteral("TarnSrv"));
+    QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
+    QFile config(dir.filePath(QStringLiteral("TarnSrv.cfg")));
+    QVERIFY(config.open(QIODevice::WriteOnly));
+    config.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(dir.path()).toUtf8());
+    config.close();
+
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
+    manager.setProcessEnvironment(env);
+    manager.start(program, {});
+    QVERIFY(manager.waitForStarted());
+
+    goodRecord.sessionUuid = QUuid::createUuid();
+    goodRecord.guestName = QStringLiteral("Good");
+    QTRY_VERIFY_WITH_TIMEOUT(good.Open(url, &goodRecord), 10000);
+    connect(&pinger, &QTimer::timeout, this, &TestHostile::PingOnce);
+    pinger.start(100);
+    QTRY_VERIFY(pings >= 3);
+    baselineRssKb = ProcStatusKb(manager.processId(), "VmRSS");
+    baselineFds = OpenFds(manager.processId());
+    qInfo("baseline: RSS %lld KiB, %d descriptors", baselineRssKb, baselineFds);
+}
+
+void TestHostile::cleanupTestCase()
+{
+    pinger.stop();
+    good.Close();
+    manager.terminate();
+    manager.waitForFinished(5000);
+}
+
+// Every attack leaves the well-behaved client answered throughout.
+void TestHostile::cleanup()
+{
+    const int before = pings;
+    QTRY_VERIFY(pings >= before + 2);
+    QCOMPARE(pingFailures, 0);
+}
+
+void TestHostile::PingOnce()
+{
+    if (pinging)
+        return;
+    pinging = true;
+    if (good.Ping() == 0)
+        ++pings;
+    else
+        ++pingFailures;
+    pinging = false;
+}
+
+std::unique_ptr<QSslSocket> TestHostile::RawWebSocket(const QByteArray &origin)
+{
+    auto socket = std::make_unique<QSslSocket>();
+    socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+    socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+    QSignalSpy encrypted(socket.get(), &QSslSocket::encrypted);
+    if (!encrypted.wait(5000))
+        return nullptr;
+    socket->write(UpgradeRequest(port, origin));
+    QByteArray response;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (!response.contains("\r\n\r\n") && elapsed.elapsed() < 5000) {
+        QTest::qWait(10);
+        response += socket->readAll();
+    }
+    return response.startsWith("HTTP/1.1 101") ? std::move(socket) : nullptr;
+}
+
+void TestHostile::plainHttpAndRandomBytes()
+{
+    QTcpSocket http, noise;
+    http.connectToHost(QHostAddress::LocalHost, port);
+    noise.connectToHost(QHostAddress::LocalHost, port);
+    QTRY_COMPARE(http.state(), QAbstractSocket::ConnectedState);
+    QTRY_COMPARE(noise.state(), QAbstractSocket::ConnectedState);
+    http.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    QByteArray bytes(64 * 1024, Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+    noise.write(bytes);
+    // Neither is a TLS client: the server gives both up.
+    QTRY_COMPARE_WITH_TIMEOUT(http.state(), QAbstractSocket::UnconnectedState, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(noise.state(), QAbstractSocket::UnconnectedState, 10000);
+}
+
+void TestHostile::silentHandshakes()
+{
+    // A TLS hello cut short, an upgrade cut short, and 500 connections that never speak.
+    QTcpSocket hello;
+    hello.connectToHost(QHostAddress::LocalHost, port);
+    QTRY_COMPARE(hello.state(), QAbstractSocket::ConnectedState);
+    hello.write(QByteArray::fromHex("160301020001000200"));
+
+    QSslSocket upgrade;
+    upgrade.setPeerVerifyMode(QSslSocket::VerifyNone);
+    upgrade.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+    QTRY_VERIFY(upgrade.isEncrypted());
+    upgrade.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: webs");
+
+    std::vector<std::unique_ptr<QTcpSocket>> silent;
+    for (int i = 0; i < 500; ++i) {
+        silent.push_back(std::make_unique<QTcpSocket>());
+        silent.back()->connectToHost(QHostAddress::LocalHost, port);
+    }
+    QTRY_VERIFY(std::all_of(silent.begin(), silent.end(), [](const auto &s) {
+        return s->state() == QAbstractSocket::ConnectedState;
+    }));
+    qInfo("with 502 stalled handshakes: %d descriptors", OpenFds(manager.processId()));
+    // A newcomer still gets in while they stall.
+    TarnClt newcomer;
+    ClientRecord rec;
+    rec.guestName = QStringLiteral("Newcomer");
+    QVERIFY(newcomer.Open(url, &rec));
+    QCOMPARE(newcomer.Ping(), 0);
+}
+
+void TestHostile::oversizedFrames_data()
+{
+    QTest::addColumn<QByteArray>("frame");
+
+    QTest::newRow("100 MiB declared") << Frame(0x1, QByteArray(1024, 'x'), 100ull << 20);
+    QTest::newRow("1 MiB text") << Frame(0x1, QByteArray(1 << 20, 'x'), 1 << 20);
+}
+
+void TestHostile::oversizedFrames()
+{
+    QFETCH(QByteArray, frame);
+    auto socket = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000002},,Big");
+    QVERIFY(socket);
+    socket->write(frame);
+    QTRY_COMPARE_WITH_TIMEOUT(socket->state(), QAbstractSocket::UnconnectedState, 10000);
+}
+
+void TestHostile::binaryFramesIgnored()
+{
+    QWebSocket socket(QStringLiteral(",,,Bin"), QWebSocketProtocol::Version13);
+    connect(&socket, &QWebSocket::sslErrors, &socket, [&socket] { socket.ignoreSslErrors(); });
+    QSignalSpy text(&socket, &QWebSocket::textMessageReceived);
+    socket.open(url);
+    QTRY_COMPARE(socket.state(), QAbstractSocket::ConnectedState);
+    for (int i = 0; i < 10; ++i)
+        socket.sendBinaryMessage(QByteArrayLiteral("Server ping"));
+    socket.sendTextMessage(QStringLiteral("Server ping"));
+    QVERIFY(text.wait(5000));
+    QTest::qWait(200);
+    QCOMPARE(text.count(), 1);
+    QCOMPARE(socket.state(), QAbstractSocket::ConnectedState);
+}
+
+void TestHostile::hugeOrigin()
+{
+    const QString origin = QStringLiteral(",,,") + QString(100 * 1024, QLatin1Char('o'));
+    QWebSocket socket(origin, QWebSocketProtocol::Version13);
+    connect(&socket, &QWebSocket::sslErrors, &socket, [&socket] { socket.ignoreSslErrors(); });
+    socket.open(url);
+    // Refused or admitted, the server must simply go on.
+    QTest::qWait(1500);
+    qInfo("100 KiB origin: %s", socket.state() == QAbstractSocket::ConnectedState ? "admitted" : "refused");
+}
+
+void TestHostile::hostileNames_data()
+{
+    QTest::addColumn<QByteArray>("name");
+
+    QTest::newRow("markup") << QByteArray("<script>alert(1)</script><b>x</b>");
+    QTest::newRow("quotes") << QByteArray("\"Ann\" 'Lee' &amp;");
+    QTest::newRow("comma") << QByteArray("<i>cut</i>,<u>rest</u>");
+    QTest::newRow("control characters") << QByteArray("ctl\x01\x07\x1b[31m<hr>");
+    QTest::newRow("invalid utf-8") << QByteArray("bad\xff\xfe\xc3<img src=x>");
+}
+
+void TestHostile::hostileNames()
+{
+    QFETCH(QByteArray, name);
+    auto socket = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000003},," + name);
+    QVERIFY(socket);
+    socket->write(Frame(0x1, "Server ping", 11));
+    QByteArray reply;
+    QTRY_VERIFY((reply += socket->readAll()).contains("Server pong"));
+}
+
+void TestHostile::rapidConnectClose()
+{
+    // Plain connects that close at once, in batches, then full sessions.
+    for (int done = 0; done < cycles; done += 100) {
+        std::vector<std::unique_ptr<QTcpSocket>> batch;
+        for (int i = 0; i < 100; ++i) {
+            batch.push_back(std::make_unique<QTcpSocket>());
+            batch.back()->connectToHost(QHostAddress::LocalHost, port);
+        }
+        QTRY_VERIFY(std::all_of(batch.begin(), batch.end(), [](const auto &s) {
+            return s->state() != QAbstractSocket::ConnectingState && s->state() != QAbstractSocket::HostLookupState;
+        }));
+    }
+    for (int i = 0; i < cycles / 10; ++i) {
+        TarnClt client;
+        ClientRecord rec;
+        rec.guestName = QStringLiteral("Cycle");
+        QVERIFY(client.Open(url, &rec));
+        client.Close();
+    }
+}
+
+void TestHostile::afterwardsNothingLeft()
+{
+    QString body;
+    QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body), body == QStringLiteral("Good,%1,")
+                              .arg(goodRecord.sessionUuid.toString())), 15000);
+
+    const qint64 pid = manager.processId();
+    QTRY_VERIFY_WITH_TIMEOUT(OpenFds(pid) <= baselineFds, 15000);
+    const qint64 rss = ProcStatusKb(pid, "VmRSS");
+    qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d descriptors (baseline %d), %d pings answered",
+          rss, baselineRssKb, OpenFds(pid), baselineFds, pings);
+    QVERIFY2(rss < baselineRssKb + 32 * 1024, "the server kept memory after the attacks");
+
+    QFile log(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    const QByteArray html = log.readAll();
+    for (const char *markup : {"<script", "<b>", "<i>", "<hr>", "<img", "<u>"})
+        QVERIFY2(!html.contains(markup), markup);
+    QVERIFY(html.contains("Received ping request from client &lt;script&gt;alert(1)&lt;/script&gt;&lt;b&gt;x&lt;/b&gt;, replied."));
+}
+
+QTEST_MAIN(TestHostile)
+#include "tst_hostile.moc"
