@@ -17,6 +17,7 @@
 #include <QTreeWidget>
 #include <QWidget>
 
+#include <atomic>
 #include <cstdio>
 #include <thread>
 
@@ -89,11 +90,15 @@ int main(int argc, char *argv[])
     QElapsedTimer timer;
     timer.start();
     Bench::ConnectResult connected;
+    std::atomic<bool> finished{false};
     std::thread clients([&] {
         connected = load.Connect(QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(port)), Clients, 200);
+        finished = true;
     });
     const bool shown = WaitFor([&] { return tree->topLevelItemCount() == Clients; }, GiveUpMs - 10000);
     const double seconds = double(timer.nsecsElapsed()) / 1e9;
+    // The server lives on this thread: keep serving it until every client is through.
+    WaitFor([&] { return finished.load(); }, 10000);
     clients.join();
 
     std::printf("RESULT gui_rows_shown %d\n", tree->topLevelItemCount());
