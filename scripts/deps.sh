@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
     cmake ninja-build g++ pkg-config openssl iproute2 dpkg-dev file
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
+    g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev
     # scripts/fuzz.sh: clang with libFuzzer and the sanitizer runtimes (LeakSanitizer
     # included); llvm brings llvm-symbolizer for readable reports.
     clang libclang-rt-14-dev llvm

@@ -1,0 +1,119 @@
+#ifndef QTSERVICE_P_H
+#define QTSERVICE_P_H
+
+#include "qtservice.h"
+#include "scmapi.h"
+
+#include <QAbstractNativeEventFilter>
+#include <QMutex>
+#include <QSemaphore>
+#include <QThread>
+#include <QWaitCondition>
+
+class QtServiceControllerData
+{
+public:
+    QtServiceControllerData(const QString &name, QtServiceController *controller)
+        : serviceName(name), q_ptr(controller)
+    {
+    }
+
+    QString serviceName;
+    QtServiceController *q_ptr;
+};
+
+class QtServiceControllerHandler;
+
+// What a run under the control manager shares between its three threads.
+class QtServiceRuntimeState
+{
+public:
+    explicit QtServiceRuntimeState(QtServiceBase::ServiceFlags flags);
+
+    static DWORD controlsForFlags(QtServiceBase::ServiceFlags flags);
+    void reportStatus(DWORD state);
+    void sendStatus();
+
+    SERVICE_STATUS status;
+    SERVICE_STATUS_HANDLE statusHandle = nullptr;
+    QStringList serviceArgs;
+    QWaitCondition condition;
+    QMutex mutex;
+    QSemaphore startSemaphore;
+    QSemaphore proceedSemaphore;
+    QtServiceControllerHandler *controllerHandler = nullptr;
+};
+
+class QtServiceBaseData
+{
+public:
+    QtServiceBaseData(QtServiceBase *owner, const QString &name);
+
+    int runApplication(bool asService, const QStringList &arguments);
+    bool runAsService();
+    bool installService(const QString &account, const QString &password);
+    static QString executablePath();
+    void handleControlEvent(QEvent *event);
+    void startService() { q_ptr->start(); }
+    static QtServiceBaseData *of(QtServiceBase *service) { return service->d_ptr; }
+
+    QtServiceBase *q_ptr;
+    QString description;
+    QtServiceController::StartupType startupType = QtServiceController::ManualStartup;
+    QtServiceBase::ServiceFlags flags;
+    QStringList args;
+    QtServiceController controller;
+    QtServiceRuntimeState *sysd = nullptr;
+
+    static QtServiceBase *instance;
+};
+
+// Runs the control-manager dispatcher; blocks in it while the service runs.
+class HandlerThread : public QThread
+{
+public:
+    bool dispatcherOk = true;
+    bool fromConsole = false;
+
+protected:
+    void run() override;
+};
+
+// Lives on the main thread and runs the service operations posted to it.
+class QtServiceControllerHandler : public QObject
+{
+    Q_OBJECT
+public:
+    explicit QtServiceControllerHandler(QtServiceRuntimeState *state) : sysd(state) {}
+    QtServiceRuntimeState *runtimeState() const { return sysd; }
+
+protected:
+    void customEvent(QEvent *event) override;
+
+private:
+    QtServiceRuntimeState *sysd;
+};
+
+// Calls the service's start from the first turn of the event loop.
+class QtServiceStarter : public QObject
+{
+    Q_OBJECT
+public:
+    explicit QtServiceStarter(QtServiceBaseData *data) : d_ptr(data) {}
+
+public slots:
+    void slotStart() { d_ptr->startService(); }
+
+private:
+    QtServiceBaseData *d_ptr;
+};
+
+// Keeps a user logoff from ending the service's event loop.
+class QtServiceAppEventFilter : public QAbstractNativeEventFilter
+{
+public:
+    bool nativeEventFilter(const QByteArray &eventType, void *message, long *result) override;
+    static QtServiceAppEventFilter *instance();
+};
+
+#endif // QTSERVICE_P_H

@@ -1,0 +1,303 @@
+#include "qtservice_p.h"
+
+#include <QProcess>
+#include <vector>
+
+#ifdef Q_OS_WIN
+#include <QLibrary>
+#else
+void fillSubstituteScmFunctions(ScmFunctions &table); // scmsubstitute.cpp
+#endif
+
+ScmFunctions &scmFunctions()
+{
+    static ScmFunctions table = {};
+    return table;
+}
+
+// Filled once, on the main thread, before the runtime starts other threads.
+bool resolveScmFunctions()
+{
+    ScmFunctions &table = scmFunctions();
+    if (table.OpenSCManagerW)
+        return true;
+#ifdef Q_OS_WIN
+    // The library object goes away unloaded; the pointers stay valid.
+    QLibrary library(QStringLiteral("advapi32"));
+#define RESOLVE(name) table.name = reinterpret_cast<decltype(table.name)>(library.resolve(#name))
+    RESOLVE(RegisterServiceCtrlHandlerW);
+    RESOLVE(SetServiceStatus);
+    RESOLVE(ChangeServiceConfig2W);
+    RESOLVE(CloseServiceHandle);
+    RESOLVE(CreateServiceW);
+    RESOLVE(OpenSCManagerW);
+    RESOLVE(DeleteService);
+    RESOLVE(OpenServiceW);
+    RESOLVE(QueryServiceStatus);
+    RESOLVE(StartServiceCtrlDispatcherW);
+    RESOLVE(StartServiceW);
+    RESOLVE(ControlService);
+    RESOLVE(DeregisterEventSource);
+    RESOLVE(ReportEventW);
+    RESOLVE(RegisterEventSourceW);
+    RESOLVE(QueryServiceConfigW);
+    RESOLVE(QueryServiceConfig2W);
+#undef RESOLVE
+#else
+    fillSubstituteScmFunctions(table);
+#endif
+    return table.OpenSCManagerW != nullptr;
+}
+
+QString fromWide(const WCHAR *text)
+{
+    return text ? QString::fromUtf16(reinterpret_cast<const char16_t *>(text)) : QString();
+}
+
+#ifdef Q_OS_WIN
+QString scmErrorText(DWORD code)
+{
+    return qt_error_string(int(code));
+}
+
+void scmWarning(DWORD code, const char *text)
+{
+    qErrnoWarning(int(code), "%s", text);
+}
+#endif
+
+namespace {
+
+// The manager and one service opened with the given access, closed again in
+// reverse order.
+class ScmServiceHandle
+{
+public:
+    ScmServiceHandle(const QString &name, DWORD managerAccess, DWORD serviceAccess)
+    {
+        if (!resolveScmFunctions())
+            return;
+        manager = scmFunctions().OpenSCManagerW(nullptr, nullptr, managerAccess);
+        if (manager)
+            service = scmFunctions().OpenServiceW(manager, wideText(name), serviceAccess);
+    }
+
+    ~ScmServiceHandle()
+    {
+        if (service)
+            scmFunctions().CloseServiceHandle(service);
+        if (manager)
+            scmFunctions().CloseServiceHandle(manager);
+    }
+
+    explicit operator bool() const { return service != nullptr; }
+    SC_HANDLE operator*() const { return service; }
+
+private:
+    Q_DISABLE_COPY(ScmServiceHandle)
+    SC_HANDLE manager = nullptr;
+    SC_HANDLE service = nullptr;
+};
+
+const DWORD ConfigBufferSize = 8192;
+const DWORD DescriptionBufferSize = 8096;
+
+// The configuration in a fixed buffer, or null when the query failed.
+const QUERY_SERVICE_CONFIGW *queryConfig(const ScmServiceHandle &handle, std::vector<quint64> &buffer)
+{
+    buffer.assign(ConfigBufferSize / sizeof(quint64), 0);
+    auto *config = reinterpret_cast<LPQUERY_SERVICE_CONFIGW>(buffer.data());
+    DWORD needed = 0;
+    if (!handle || !scmFunctions().QueryServiceConfigW(*handle, config, ConfigBufferSize, &needed))
+        return nullptr;
+    return config;
+}
+
+bool sendControl(const QString &name, DWORD access, DWORD code)
+{
+    ScmServiceHandle handle(name, Scm::ManagerConnect, access);
+    SERVICE_STATUS status;
+    return handle && scmFunctions().ControlService(*handle, code, &status);
+}
+
+} // namespace
+
+QtServiceController::QtServiceController(const QString &name)
+    : d_ptr(new QtServiceControllerData(name, this))
+{
+}
+
+QtServiceController::~QtServiceController()
+{
+    delete d_ptr;
+}
+
+QString QtServiceController::serviceName() const
+{
+    return d_ptr->serviceName;
+}
+
+bool QtServiceController::isInstalled() const
+{
+    return bool(ScmServiceHandle(d_ptr->serviceName, 0, Scm::ServiceQueryConfig));
+}
+
+bool QtServiceController::isRunning() const
+{
+    ScmServiceHandle handle(d_ptr->serviceName, 0, Scm::ServiceQueryStatus);
+    SERVICE_STATUS status;
+    return handle && scmFunctions().QueryServiceStatus(*handle, &status)
+           && status.dwCurrentState != Scm::StateStopped;
+}
+
+QString QtServiceController::serviceFilePath() const
+{
+    std::vector<quint64> buffer;
+    const QUERY_SERVICE_CONFIGW *config =
+        queryConfig(ScmServiceHandle(d_ptr->serviceName, 0, Scm::ServiceQueryConfig), buffer);
+    return config ? fromWide(config->lpBinaryPathName) : QString();
+}
+
+QString QtServiceController::serviceDescription() const
+{
+    ScmServiceHandle handle(d_ptr->serviceName, 0, Scm::ServiceQueryConfig);
+    std::vector<quint64> buffer(DescriptionBufferSize / sizeof(quint64), 0);
+    DWORD needed = 0;
+    if (!handle
+        || !scmFunctions().QueryServiceConfig2W(*handle, Scm::DescriptionLevel,
+                                                reinterpret_cast<LPBYTE>(buffer.data()),
+                                                DescriptionBufferSize, &needed)) {
+        return QString();
+    }
+    return fromWide(reinterpret_cast<const SERVICE_DESCRIPTIONW *>(buffer.data())->lpDescription);
+}
+
+QtServiceController::StartupType QtServiceController::startupType() const
+{
+    std::vector<quint64> buffer;
+    const QUERY_SERVICE_CONFIGW *config =
+        queryConfig(ScmServiceHandle(d_ptr->serviceName, 0, Scm::ServiceQueryConfig), buffer);
+    // Automatic, boot, system and disabled all read as automatic.
+    return (!config || config->dwStartType == Scm::DemandStart) ? ManualStartup : AutoStartup;
+}
+
+bool QtServiceController::install(const QString &serviceFilePath, const QString &account,
+                                  const QString &password)
+{
+    return QProcess::execute(serviceFilePath, {QStringLiteral("-i"), account, password}) == 0;
+}
+
+bool QtServiceController::uninstall()
+{
+    ScmServiceHandle handle(d_ptr->serviceName, Scm::ManagerAllAccess, Scm::ServiceDelete);
+    return handle && scmFunctions().DeleteService(*handle);
+}
+
+bool QtServiceController::start(const QStringList &arguments)
+{
+    ScmServiceHandle handle(d_ptr->serviceName, Scm::ManagerConnect, Scm::ServiceStart);
+    if (!handle)
+        return false;
+    std::vector<LPCWSTR> argv;
+    for (const QString &arg : arguments)
+        argv.push_back(wideText(arg));
+    return scmFunctions().StartServiceW(*handle, DWORD(argv.size()), argv.empty() ? nullptr : argv.data());
+}
+
+bool QtServiceController::start()
+{
+    return start(QStringList());
+}
+
+bool QtServiceController::stop()
+{
+    ScmServiceHandle handle(d_ptr->serviceName, Scm::ManagerConnect,
+                            Scm::ServiceStop | Scm::ServiceQueryStatus);
+    if (!handle)
+        return false;
+    SERVICE_STATUS status;
+    if (!scmFunctions().ControlService(*handle, Scm::ControlStop, &status)) {
+        scmWarning(GetLastError(), "stopping");
+        return false;
+    }
+    // Bounded wait: ten polls of 200 ms.
+    for (int poll = 0; status.dwCurrentState != Scm::StateStopped; ++poll) {
+        if (poll == 10)
+            return false;
+        Sleep(200);
+        if (!scmFunctions().QueryServiceStatus(*handle, &status))
+            return false;
+    }
+    return true;
+}
+
+bool QtServiceController::pause()
+{
+    return sendControl(d_ptr->serviceName, Scm::ServicePauseContinue, Scm::ControlPause);
+}
+
+bool QtServiceController::resume()
+{
+    return sendControl(d_ptr->serviceName, Scm::ServicePauseContinue, Scm::ControlContinue);
+}
+
+bool QtServiceController::sendCommand(int code)
+{
+    if (!resolveScmFunctions() || uint(code) > 127)
+        return false;
+    if (!isRunning())
+        return false;
+    return sendControl(d_ptr->serviceName, Scm::ServiceUserDefinedControl,
+                       Scm::FirstUserControl + DWORD(code));
+}
+
+bool QtServiceBaseData::installService(const QString &account, const QString &password)
+{
+    if (!resolveScmFunctions())
+        return false;
+    ScmFunctions &scm = scmFunctions();
+    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerAllAccess);
+    if (!manager)
+        return false;
+
+    const DWORD startType = startupType == QtServiceController::AutoStartup ? Scm::AutoStart
+                                                                            : Scm::DemandStart;
+    QString user = account;
+    QString secret = password;
+    DWORD serviceType = Scm::OwnProcess | Scm::InteractiveProcess;
+    if (!user.isEmpty()) {
+        if (!user.contains(QLatin1Char('\\')))
+            user.prepend(QLatin1String(".\\"));
+        if (user.endsWith(QLatin1String("\\LocalSystem"))) {
+            user.clear();
+            secret.clear();
+        } else {
+            serviceType = Scm::OwnProcess;
+        }
+    }
+    const QString name = controller.serviceName();
+    const QString path = executablePath();
+    SC_HANDLE service = scm.CreateServiceW(
+        manager, wideText(name), wideText(name), Scm::ServiceAllAccess, serviceType, startType,
+        Scm::ErrorNormal, wideText(path), nullptr, nullptr, nullptr,
+        user.isEmpty() ? nullptr : wideText(user), secret.isEmpty() ? nullptr : wideText(secret));
+    const bool installed = service != nullptr;
+    if (installed) {
+        if (!description.isEmpty()) {
+            SERVICE_DESCRIPTIONW info = {const_cast<LPWSTR>(wideText(description))};
+            scm.ChangeServiceConfig2W(service, Scm::DescriptionLevel, &info);
+        }
+        scm.CloseServiceHandle(service);
+    }
+    scm.CloseServiceHandle(manager);
+    return installed;
+}
+
+QString QtServiceBaseData::executablePath()
+{
+    WCHAR path[260];
+    // The size passed is the buffer's size in bytes; paths stay below 260 characters.
+    if (!GetModuleFileNameW(nullptr, path, sizeof(path)))
+        return QString();
+    return fromWide(path);
+}

@@ -1,0 +1,59 @@
+#include "tarnsrvsrv.h"
+
+#include <QDebug>
+
+TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
+    : QtService<QCoreApplication>(argc, argv, QStringLiteral("TarnSvc"))
+{
+    try {
+        setServiceDescription(QStringLiteral("VARNOK Server"));
+        setServiceFlags(CanBeSuspended);
+    } catch (...) {
+        QMessageLogger().critical() << "An unknown error in the constructor";
+    }
+}
+
+// Destroying the process object kills a child that is still running and
+// waits for it, so no child outlives the host.
+TarnSrvSrv::~TarnSrvSrv() = default;
+
+QString TarnSrvSrv::childProgram()
+{
+#ifdef Q_OS_WIN
+    return QStringLiteral("%1/TarnSrv.exe").arg(QCoreApplication::applicationDirPath());
+#else
+    return QStringLiteral("%1/TarnSrv").arg(QCoreApplication::applicationDirPath());
+#endif
+}
+
+void TarnSrvSrv::start()
+{
+    try {
+        process.setProgram(childProgram());
+#if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
+        // A service started at boot has no display; the manager then runs offscreen.
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        if (!env.contains(QStringLiteral("DISPLAY")) && !env.contains(QStringLiteral("WAYLAND_DISPLAY"))
+            && !env.contains(QStringLiteral("QT_QPA_PLATFORM"))) {
+            env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+            process.setProcessEnvironment(env);
+        }
+#endif
+        process.start(QIODevice::ReadWrite);
+    } catch (...) {
+        QMessageLogger().critical() << "An unknown error in the start";
+    }
+}
+
+void TarnSrvSrv::stop()
+{
+    try {
+        process.terminate();
+    } catch (...) {
+        QMessageLogger().critical() << "An unknown error in the stop";
+    }
+}
+
+void TarnSrvSrv::pause() {}
+
+void TarnSrvSrv::resume() {}

@@ -1,0 +1,28 @@
+#ifndef TARNSRVSRV_H
+#define TARNSRVSRV_H
+
+#include "qtservice.h"
+
+#include <QProcess>
+
+// The service "TarnSvc": keeps the manager application TarnSrv running while
+// the service runs.
+class TarnSrvSrv : public QtService<QCoreApplication>
+{
+public:
+    TarnSrvSrv(int argc, char **argv);
+    ~TarnSrvSrv() override;
+
+    static QString childProgram();
+
+protected:
+    void start() override;
+    void stop() override;
+    void pause() override;
+    void resume() override;
+
+private:
+    QProcess process;
+};
+
+#endif // TARNSRVSRV_H

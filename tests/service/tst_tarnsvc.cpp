@@ -1,0 +1,341 @@
+#include "proctools.h"
+#include "qtservice.h"
+#include "scmapi.h"
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QtTest>
+
+// The real TarnSvc host, run from a copy in a directory with a space in its
+// path, against the substitute control manager.
+class TestTarnSvc : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanup();
+
+    void help_data();
+    void help();
+    void notInstalled_data();
+    void notInstalled();
+    void installTwiceAndUninstallTwice();
+    void installAccounts_data();
+    void installAccounts();
+    void unknownOptionBecomesStartArgument();
+    void keepsManagerRunning();
+    void childIgnoringTerminationDoesNotOutliveHost();
+
+private:
+    struct Result
+    {
+        QByteArray out;
+        QByteArray err;
+        int code = -1;
+    };
+    Result run(const QStringList &args, const QString &host = QString());
+    static bool waitForState(DWORD wanted);
+    static DWORD state();
+    static QString account(DWORD *serviceType);
+    QString copyHost(const QString &dir);
+
+    QTemporaryDir temp;
+    QString host;
+    const QString name = QStringLiteral("TarnSvc");
+};
+
+void TestTarnSvc::initTestCase()
+{
+    QVERIFY(temp.isValid());
+    qputenv("TARN_SCM_ROOT", temp.filePath(QStringLiteral("scm")).toLocal8Bit());
+    // The manager child keeps its settings here, not in the user's.
+    qputenv("XDG_CONFIG_HOME", temp.filePath(QStringLiteral("config")).toLocal8Bit());
+    host = copyHost(temp.filePath(QStringLiteral("svc host")));
+    QVERIFY(QFile::copy(QStringLiteral(TARNSRV_PATH), temp.filePath(QStringLiteral("svc host/TarnSrv"))));
+    QVERIFY(resolveScmFunctions());
+}
+
+QString TestTarnSvc::copyHost(const QString &dir)
+{
+    QDir().mkpath(dir);
+    const QString path = dir + QLatin1String("/TarnSvc");
+    QFile::copy(QStringLiteral(TARNSVC_PATH), path);
+    return path;
+}
+
+void TestTarnSvc::cleanup()
+{
+    killAll(host);
+    killAll(QFileInfo(host).absolutePath() + QLatin1String("/TarnSrv"));
+    QtServiceController(name).uninstall();
+}
+
+TestTarnSvc::Result TestTarnSvc::run(const QStringList &args, const QString &program)
+{
+    QProcess process;
+    process.start(program.isEmpty() ? host : program, args);
+    Result result;
+    if (!process.waitForFinished(15000)) {
+        process.kill();
+        process.waitForFinished();
+    }
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    result.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return result;
+}
+
+DWORD TestTarnSvc::state()
+{
+    ScmFunctions &scm = scmFunctions();
+    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
+    SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryStatus);
+    SERVICE_STATUS status = {};
+    const bool ok = service && scm.QueryServiceStatus(service, &status);
+    if (service)
+        scm.CloseServiceHandle(service);
+    scm.CloseServiceHandle(manager);
+    return ok ? status.dwCurrentState : 0;
+}
+
+bool TestTarnSvc::waitForState(DWORD wanted)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (state() != wanted) {
+        if (timer.elapsed() > 5000)
+            return false;
+        QThread::msleep(20);
+    }
+    return true;
+}
+
+QString TestTarnSvc::account(DWORD *serviceType)
+{
+    ScmFunctions &scm = scmFunctions();
+    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
+    SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryConfig);
+    std::vector<quint64> buffer(1024);
+    auto *config = reinterpret_cast<LPQUERY_SERVICE_CONFIGW>(buffer.data());
+    DWORD needed = 0;
+    QString result;
+    if (service && scm.QueryServiceConfigW(service, config, DWORD(buffer.size() * 8), &needed)) {
+        result = fromWide(config->lpServiceStartName);
+        *serviceType = config->dwServiceType;
+    }
+    if (service)
+        scm.CloseServiceHandle(service);
+    scm.CloseServiceHandle(manager);
+    return result;
+}
+
+void TestTarnSvc::help_data()
+{
+    QTest::addColumn<QString>("option");
+    QTest::newRow("-h") << "-h";
+    QTest::newRow("-help") << "-help";
+}
+
+void TestTarnSvc::help()
+{
+    QFETCH(QString, option);
+    const Result r = run({option});
+    const QByteArray usage =
+        "\n" + host.toLatin1() + " -[i|u|e|t|p|r|c|v|h]\n"
+        "\t-i(nstall) [account] [password]\t: Install the service, optionally using given account and password\n"
+        "\t-u(ninstall)\t: Uninstall the service.\n"
+        "\t-e(xec)\t\t: Run as a regular application. Useful for debugging.\n"
+        "\t-t(erminate)\t: Stop the service.\n"
+        "\t-p(ause)\t: Pause the service.\n"
+        "\t-r(esume)\t: Resume a paused service.\n"
+        "\t-c(ommand) num\t: Send command code num to the service.\n"
+        "\t-v(ersion)\t: Print version and status information.\n"
+        "\t-h(elp)   \t: Show this help\n"
+        "\tNo arguments\t: Start the service.\n";
+    QCOMPARE(r.out, usage);
+    QCOMPARE(r.err, QByteArray());
+    QCOMPARE(r.code, 0);
+}
+
+void TestTarnSvc::notInstalled_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QByteArray>("out");
+    QTest::addColumn<QByteArray>("err");
+    QTest::addColumn<int>("code");
+
+    const QByteArray noStart = "The service TarnSvc could not start\n";
+    QTest::newRow("-v") << QStringList{"-v"} << QByteArray("The service\n\tTarnSvc\n\tHOST\n\nis not installed and not running\n\n")
+                        << QByteArray() << 0;
+    QTest::newRow("-u") << QStringList{"-uninstall"} << QByteArray() << QByteArray("The service TarnSvc is not installed\n") << 0;
+    QTest::newRow("-t") << QStringList{"-t"} << QByteArray()
+                        << QByteArray("The service could not be stopped. (The specified service does not exist as an installed service.)\n") << 0;
+    QTest::newRow("-p") << QStringList{"-p"} << QByteArray() << QByteArray() << 0;
+    QTest::newRow("-r") << QStringList{"-r"} << QByteArray() << QByteArray() << 0;
+    QTest::newRow("-c 5") << QStringList{"-c", "5"} << QByteArray() << QByteArray() << 0;
+    QTest::newRow("no option") << QStringList() << QByteArray() << noStart << 252;
+    QTest::newRow("--install is no option") << QStringList{"--install"} << QByteArray() << noStart << 252;
+    QTest::newRow("-I is no option") << QStringList{"-I"} << QByteArray() << noStart << 252;
+}
+
+void TestTarnSvc::notInstalled()
+{
+    QFETCH(QStringList, args);
+    QFETCH(QByteArray, out);
+    QFETCH(QByteArray, err);
+    QFETCH(int, code);
+
+    const Result r = run(args);
+    QCOMPARE(r.out, QByteArray(out).replace("HOST", host.toLatin1()));
+    QCOMPARE(r.err, err);
+    QCOMPARE(r.code, code);
+    QVERIFY(!QtServiceController(name).isInstalled());
+}
+
+void TestTarnSvc::installTwiceAndUninstallTwice()
+{
+    Result r = run({QStringLiteral("-i")});
+    QCOMPARE(r.out, "The service TarnSvc has been installed under: " + host.toLatin1() + "\n");
+    QCOMPARE(r.code, 0);
+    QtServiceController controller(name);
+    QCOMPARE(controller.serviceFilePath(), host);
+    QCOMPARE(controller.serviceDescription(), QStringLiteral("VARNOK Server"));
+    QCOMPARE(controller.startupType(), QtServiceController::ManualStartup);
+
+    r = run({QStringLiteral("-install")});
+    QCOMPARE(r.out, QByteArray());
+    QCOMPARE(r.err, QByteArray("The service TarnSvc is already installed\n"));
+    QCOMPARE(r.code, 0);
+
+    r = run({QStringLiteral("-version")});
+    QCOMPARE(r.out, "The service\n\tTarnSvc\n\t" + host.toLatin1() + "\n\nis installed and not running\n\n");
+
+    r = run({QStringLiteral("-u")});
+    QCOMPARE(r.out, QByteArray("The service TarnSvc has been uninstalled.\n"));
+    QCOMPARE(r.code, 0);
+    r = run({QStringLiteral("-u")});
+    QCOMPARE(r.err, QByteArray("The service TarnSvc is not installed\n"));
+    QCOMPARE(r.code, 0);
+}
+
+void TestTarnSvc::installAccounts_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QString>("account");
+    QTest::addColumn<uint>("serviceType");
+
+    QTest::newRow("bare user gets the local prefix") << QStringList{"-i", "someuser", "secret"} << ".\\someuser" << 0x10u;
+    QTest::newRow("domain account kept") << QStringList{"-i", "DOM\\bob", ""} << "DOM\\bob" << 0x10u;
+    QTest::newRow("LocalSystem") << QStringList{"-i", "LocalSystem"} << "LocalSystem" << 0x110u;
+    QTest::newRow("prefixed LocalSystem") << QStringList{"-i", "NT AUTHORITY\\LocalSystem"} << "LocalSystem" << 0x110u;
+    QTest::newRow("localsystem is a user name") << QStringList{"-i", "localsystem"} << ".\\localsystem" << 0x10u;
+}
+
+void TestTarnSvc::installAccounts()
+{
+    QFETCH(QStringList, args);
+    QFETCH(QString, account);
+    QFETCH(uint, serviceType);
+
+    QCOMPARE(run(args).code, 0);
+    DWORD type = 0;
+    QCOMPARE(TestTarnSvc::account(&type), account);
+    QCOMPARE(uint(type), serviceType);
+}
+
+void TestTarnSvc::unknownOptionBecomesStartArgument()
+{
+    QCOMPARE(run({QStringLiteral("-i")}).code, 0);
+    const Result r = run({QStringLiteral("-I"), QStringLiteral("ignored?")});
+    QCOMPARE(r.err, QByteArray());
+    QCOMPARE(r.code, 0);
+    QVERIFY(waitForState(Scm::StateRunning));
+
+    const QList<qint64> hosts = processesOf(host);
+    QCOMPARE(hosts.size(), 1);
+    QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(hosts.first()));
+    QVERIFY(cmdline.open(QIODevice::ReadOnly));
+    QCOMPARE(cmdline.readAll().split('\0').mid(1, 3), (QList<QByteArray>{"TarnSvc", "-I", "ignored?"}));
+}
+
+void TestTarnSvc::keepsManagerRunning()
+{
+    QTcpServer probe;
+    QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+    const quint16 port = probe.serverPort();
+    probe.close();
+    const QString cfgPath = QFileInfo(host).absolutePath() + QLatin1String("/TarnSrv.cfg");
+    QFile cfg(cfgPath);
+    QVERIFY(cfg.open(QIODevice::WriteOnly));
+    cfg.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(temp.filePath(QStringLiteral("logs"))).toUtf8());
+    cfg.close();
+    QDir().mkpath(temp.filePath(QStringLiteral("logs")));
+    // No display at all: the host must give its child the offscreen platform.
+    for (const char *var : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        qunsetenv(var);
+    const QString child = QFileInfo(host).absolutePath() + QLatin1String("/TarnSrv");
+
+    QCOMPARE(run({QStringLiteral("-i")}).code, 0);
+    QCOMPARE(run({}).code, 0);
+    QVERIFY(waitForState(Scm::StateRunning));
+    QTRY_COMPARE_WITH_TIMEOUT(processesOf(child).size(), 1, 5000);
+    const qint64 childPid = processesOf(child).first();
+
+    const QStringList ping = {QStringLiteral("ping"), QStringLiteral("wss://127.0.0.1:%1").arg(port)};
+    QTRY_COMPARE_WITH_TIMEOUT(run(ping, QStringLiteral(TARN_TOOL_PATH)).code, 0, 10000);
+    QCOMPARE(run({QStringLiteral("-v")}).out,
+             "The service\n\tTarnSvc\n\t" + host.toLatin1() + "\n\nis installed and running\n\n");
+
+    const QList<QPair<QString, DWORD>> steps = {
+        {QStringLiteral("-p"), Scm::StatePaused}, {QStringLiteral("-r"), Scm::StateRunning},
+        {QStringLiteral("-c"), Scm::StateRunning}};
+    for (const auto &step : steps) {
+        const Result r = run({step.first, QStringLiteral("5")});
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.out + r.err, QByteArray());
+        QCOMPARE(state(), step.second);
+        QCOMPARE(processesOf(child), QList<qint64>{childPid});
+    }
+
+    const Result r = run({QStringLiteral("-t")});
+    QCOMPARE(r.code, 0);
+    QCOMPARE(r.err, QByteArray());
+    QCOMPARE(state(), DWORD(Scm::StateStopped));
+    QTRY_VERIFY_WITH_TIMEOUT(processesOf(child).isEmpty(), 5000);
+    QFile::remove(cfgPath);
+}
+
+void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()
+{
+    const QString dir = temp.filePath(QStringLiteral("stubborn"));
+    const QString stubbornHost = copyHost(dir);
+    QFile child(dir + QLatin1String("/TarnSrv"));
+    QVERIFY(child.open(QIODevice::WriteOnly));
+    child.write("#!/bin/sh\necho $$ > \"$(dirname \"$0\")/child.pid\"\ntrap '' TERM\nwhile :; do sleep 0.1; done\n");
+    child.close();
+    child.setPermissions(child.permissions() | QFileDevice::ExeOwner);
+
+    QCOMPARE(run({QStringLiteral("-i")}, stubbornHost).code, 0);
+    QCOMPARE(run({}, stubbornHost).code, 0);
+    QVERIFY(waitForState(Scm::StateRunning));
+    QFile pidFile(dir + QLatin1String("/child.pid"));
+    QTRY_VERIFY(pidFile.exists() && pidFile.size() > 0);
+    QVERIFY(pidFile.open(QIODevice::ReadOnly));
+    const pid_t pid = pid_t(pidFile.readAll().trimmed().toInt());
+    QVERIFY(pid > 0 && ::kill(pid, 0) == 0);
+
+    const Result r = run({QStringLiteral("-t")}, stubbornHost);
+    QCOMPARE(r.code, 0);
+    QCOMPARE(state(), DWORD(Scm::StateStopped));
+    QTRY_VERIFY_WITH_TIMEOUT(processesOf(stubbornHost).isEmpty(), 5000);
+    const bool childGone = ::kill(pid, 0) != 0;
+    if (!childGone)
+        ::kill(pid, SIGKILL);
+    QVERIFY(childGone);
+}
+
+QTEST_GUILESS_MAIN(TestTarnSvc)
+#include "tst_tarnsvc.moc"
