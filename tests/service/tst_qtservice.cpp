@@ -18,6 +18,8 @@ private slots:
     void init();
     void cleanup();
 
+    void nameNormalisation_data();
+    void nameNormalisation();
     void install_data();
     void install();
     void startupType_data();
@@ -107,6 +109,47 @@ void TestQtService::installProbe(const QString &service, int flags)
     qputenv("SVC_PROBE_NAME", service.toUtf8());
     qputenv("SVC_PROBE_FLAGS", QByteArray::number(flags));
     QVERIFY(QtServiceController::install(probe));
+}
+
+namespace {
+class NamedService : public QtService<QCoreApplication>
+{
+public:
+    explicit NamedService(const QString &name) : QtService<QCoreApplication>(0, nullptr, name) {}
+
+protected:
+    void start() override {}
+};
+}
+
+void TestQtService::nameNormalisation_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<QStringList>("warnings");
+
+    const QString longWarning = QStringLiteral("QtService: 'name' is longer than 255 characters.");
+    const QString slashWarning = QStringLiteral("QtService: 'name' contains backslashes '\\'.");
+    QTest::newRow("plain") << "TarnSvc" << "TarnSvc" << QStringList();
+    QTest::newRow("300 characters") << QString(300, QLatin1Char('x')) << QString(255, QLatin1Char('x'))
+                                    << QStringList{longWarning};
+    QTest::newRow("backslash becomes U+0000") << "a\\b" << QString(QStringLiteral("a") + QChar(0) + QStringLiteral("b"))
+                                              << QStringList{slashWarning};
+    QTest::newRow("backslash cut off with the tail") << QString(255, QLatin1Char('y')) + QLatin1Char('\\')
+                                                     << QString(255, QLatin1Char('y')) << QStringList{longWarning};
+}
+
+void TestQtService::nameNormalisation()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, expected);
+    QFETCH(QStringList, warnings);
+
+    for (const QString &warning : warnings)
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
+    NamedService service(name);
+    QCOMPARE(service.serviceName(), expected);
+    QCOMPARE(QtServiceBase::instance(), &service);
 }
 
 void TestQtService::install_data()
