@@ -162,6 +162,9 @@ void TarnSrv::cltConnection()
     if (!socket)
         return;
 
+    // The endpoint hands sockets over without a parent: owning them here means
+    // none outlives the server, even when it goes with clients connected.
+    socket->setParent(this);
     socket->setMaxAllowedIncomingFrameSize(MaxIncomingSize);
     socket->setMaxAllowedIncomingMessageSize(MaxIncomingSize);
 
