@@ -24,9 +24,6 @@ mkdir -p "$artifacts"
 
 export ASAN_OPTIONS=detect_leaks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-if [ -s fuzz/lsan.supp ]; then
-    export LSAN_OPTIONS=suppressions=$PWD/fuzz/lsan.supp:print_suppressions=1
-fi
 
 # The discovery target binds a UDP socket (it never sends). In a private
 # network namespace that socket cannot take a port another program wants.
