@@ -33,6 +33,9 @@ done
 version=$("$root/usr/bin/tarn" --version)
 [[ "$version" =~ ^tarn\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || { echo "FAIL: tarn --version said '$version'"; exit 1; }
 
+"$root/usr/bin/TarnSvc" -h | grep -q -- '-i(nstall) \[account\] \[password\]' \
+    || { echo "FAIL: the installed TarnSvc does not print its usage"; exit 1; }
+
 port=$((41000 + $$ % 8000))
 mkdir -p "$work/log" "$work/config"
 printf 'PortNr = %s\nLoggingFolder = %s\n' "$port" "$work/log" >"$root/etc/tarn/TarnSrv.cfg"
