@@ -223,17 +223,27 @@ int QtServiceBaseData::runApplication(bool asService, const QStringList &argumen
 bool QtServiceBaseData::runAsService()
 {
     sysd = new QtServiceRuntimeState(flags);
-    if (!resolveScmFunctions())
+    auto discardState = [this] {
+        delete sysd;
+        sysd = nullptr;
+        currentState = nullptr;
+    };
+    if (!resolveScmFunctions()) {
+        discardState();
         return false;
+    }
 
     auto *thread = new HandlerThread;
     thread->start();
     if (!sysd->startSemaphore.tryAcquire(1, StartTimeoutMs))
         return false;
     if (!thread->dispatcherOk) {
-        if (!thread->fromConsole)
-            return false;
-        return controller.start(args.mid(1));
+        // The dispatcher has returned, so its thread is ending.
+        thread->wait();
+        const bool fromConsole = thread->fromConsole;
+        delete thread;
+        discardState();
+        return fromConsole && controller.start(args.mid(1));
     }
 
     ArgumentVector argv(sysd->serviceArgs);

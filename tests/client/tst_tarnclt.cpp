@@ -40,6 +40,7 @@ public:
         server.listen(QHostAddress::LocalHost, 0);
         connect(&server, &QWebSocketServer::newConnection, this, [this, answer] {
             QWebSocket *socket = server.nextPendingConnection();
+            socket->setParent(this);
             connect(socket, &QWebSocket::textMessageReceived, socket,
                     [socket, answer](const QString &) { socket->sendTextMessage(answer); });
         });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "instanceguard.h"
 #include "tarnsrvgui.h"
 
 #include <QCheckBox>
@@ -52,12 +53,18 @@ inline QString Colored(const QString &text, const QString &color)
 #include <QtTest>
 
 // A test main whose settings store lives in a private folder, so the
-// operator's own settings are never read or written.
+// operator's own settings are never read or written. A manager already
+// running on the machine would make every window show its refusal box and
+// wait for a click: the tests stop at once instead.
 #define TARN_GUI_TEST_MAIN(TestClass)                                       \
     int main(int argc, char *argv[])                                       \
     {                                                                      \
         QTemporaryDir config;                                              \
         qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());           \
+        if (!InstanceGuard().Acquire()) {                                  \
+            qCritical("Another manager is running on this machine.");     \
+            return 1;                                                      \
+        }                                                                  \
         QApplication app(argc, argv);                                      \
         TestClass test;                                                    \
         return QTest::qExec(&test, argc, argv);                            \

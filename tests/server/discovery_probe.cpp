@@ -1,12 +1,26 @@
-// Runs one half of the discovery exchange for the network-namespace test:
-//   discovery_probe serve PORT [HOLD_UDP_PORT]  - session server with its responder
+// One side of the network-namespace tests:
+//   discovery_probe serve PORT [HOLD_UDP_PORT]  - session server with its responder,
+//                                                 printing its log lines
 //   discovery_probe detect                      - prints each URL a detection finds
+//   discovery_probe hold URL N                  - N connected clients; prints "lost"
+//                                                 for each that loses its server
+// TARN_TEST_HEARTBEAT_MS shortens the heartbeat of both sides.
 #include "srvurldetect.h"
+#include "tarnclt.h"
 #include "tarnsrv.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
+#include <QTimer>
 #include <QUdpSocket>
+#include <memory>
+#include <vector>
+
+static int HeartBeatMs()
+{
+    const int ms = qEnvironmentVariableIntValue("TARN_TEST_HEARTBEAT_MS");
+    return ms > 0 ? ms : Tarn::HeartBeatIntervalMs;
+}
 
 static int Serve(const QStringList &args)
 {
@@ -15,6 +29,10 @@ static int Serve(const QStringList &args)
     if (args.size() > 3 && !holder.bind(QHostAddress::Any, quint16(args.at(3).toUInt())))
         return 2;
     TarnSrv server;
+    server.SetHeartBeatInterval(HeartBeatMs());
+    QObject::connect(&server, &TarnSrv::Log, [](const QString &text) {
+        QTextStream(stdout) << text << Qt::endl;
+    });
     if (server.Start(args.value(2).toInt()) != 0)
         return 1;
     QTextStream(stdout) << "listening" << Qt::endl;
@@ -31,6 +49,32 @@ static int Detect()
     return 0;
 }
 
+static int Hold(const QStringList &args)
+{
+    const QUrl url(args.value(2));
+    const int count = args.value(3).toInt();
+    std::vector<std::unique_ptr<TarnClt>> clients;
+    std::vector<ClientRecord> records(size_t(qMax(count, 0)));
+    int lost = 0;
+    QTextStream out(stdout);
+    for (ClientRecord &rec : records) {
+        rec.guestName = QStringLiteral("held");
+        clients.push_back(std::make_unique<TarnClt>());
+        clients.back()->SetHeartBeatInterval(HeartBeatMs());
+        QObject::connect(clients.back().get(), &TarnClt::UnexpectedDisconnection, [&] {
+            out << "lost" << Qt::endl;
+            if (++lost == count)
+                QCoreApplication::quit();
+        });
+        if (!clients.back()->Open(url, &rec))
+            return 1;
+    }
+    out << "connected" << Qt::endl;
+    // Give up when the losses are not all seen within forty heartbeats.
+    QTimer::singleShot(40 * HeartBeatMs(), [] { QCoreApplication::exit(1); });
+    return QCoreApplication::exec();
+}
+
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
@@ -39,6 +83,8 @@ int main(int argc, char **argv)
         return Serve(args);
     if (args.value(1) == QLatin1String("detect"))
         return Detect();
-    QTextStream(stderr) << "usage: discovery_probe serve PORT [HOLD_UDP_PORT] | detect\n";
+    if (args.value(1) == QLatin1String("hold"))
+        return Hold(args);
+    QTextStream(stderr) << "usage: discovery_probe serve PORT [HOLD_UDP_PORT] | detect | hold URL N\n";
     return 2;
 }

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Clients on another host lose their link: no FIN, no RST, only silence. With
+# the heartbeat shortened to 200 ms, the server drops each client on its fourth
+# silent tick and each client reports the loss once.
+#   netns_link_cut.sh PROBE
+set -u
+source "$(dirname "$0")/netns_hosts.sh"
+probe=$1
+clients=3
+
+TARN_TEST_HEARTBEAT_MS=200 start_responder "$probe" serve 50443
+TARN_TEST_HEARTBEAT_MS=200 on_client "$probe" hold "wss://$srv_addr:50443" "$clients" >"$out/clt" 2>&1 &
+holder=$!
+for _ in $(seq 50); do grep -q connected "$out/clt" && break; sleep 0.1; done
+grep -q connected "$out/clt" || { echo "FAIL: clients did not connect"; cat "$out/clt"; exit 1; }
+
+ip -n "$ns_clt" link set "$veth_clt" down
+wait "$holder"
+status=$?
+dropped=$(grep -c 'is unreachable and was disconnected' "$out/srv")
+lost=$(grep -c '^lost$' "$out/clt")
+echo "server dropped $dropped, clients reported $lost lost"
+[ "$status" -eq 0 ] && [ "$dropped" -eq "$clients" ] && [ "$lost" -eq "$clients" ] \
+    || { echo "FAIL"; cat "$out/srv" "$out/clt"; exit 1; }
+echo "PASS: link cut detected on both sides"
