@@ -1,7 +1,9 @@
 #include "guiprobe.h"
 #include "tarnclt.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QHeaderView>
 #include <QSettings>
 #include <QTcpServer>
@@ -66,6 +68,7 @@ private slots:
     void invalidManualPortUsesSystemPort();
     void clientsTree();
     void closingLogsOnlyClosedLine();
+    void corruptSettingsFile();
 
 private:
     void OpenWindow();
@@ -352,6 +355,24 @@ void TestTarnSrvGui::closingLogsOnlyClosedLine()
         "^<font color=\"black\">[\\d. :]+ - Info : </font><br>"
         "<font color=\"black\">[\\d. :]+ - Info : VARNOK Server closed\\.</font><br>$"));
     QVERIFY2(closing.match(tail).hasMatch(), qPrintable(tail));
+}
+
+void TestTarnSrvGui::corruptSettingsFile()
+{
+    const QString path = QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager")).fileName();
+    QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+    {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray("\xff\xfe\x00[[[\n===\n[Server\nAutoPort\n\x01\x02", 26) + QByteArray(4096, '\x80'));
+    }
+    // Nothing usable in it: the window comes up with its defaults and still stores changes.
+    OpenWindow();
+    QCOMPARE(gui->Status(), Stopped());
+    QCOMPARE(gui->PortMode()->currentIndex(), 0);
+    QVERIFY(!gui->AutoStart()->isChecked());
+    gui->PortMode()->setCurrentIndex(1);
+    QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(false));
 }
 
 TARN_GUI_TEST_MAIN(TestTarnSrvGui)

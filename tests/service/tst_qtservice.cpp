@@ -34,6 +34,8 @@ private slots:
     void dispatcherFailure_data();
     void dispatcherFailure();
     void concurrentControllers();
+    void killedServiceReadsStopped();
+    void unwritableDatabase();
 
 private:
     static DWORD state(const QString &name);
@@ -433,3 +435,33 @@ void TestQtService::concurrentControllers()
 
 QTEST_GUILESS_MAIN(TestQtService)
 #include "tst_qtservice.moc"
+
+void TestQtService::killedServiceReadsStopped()
+{
+    installProbe(name, QtServiceBase::CanBeSuspended);
+    QtServiceController controller(name);
+    QVERIFY(controller.start());
+    QVERIFY(waitForState(name, Scm::StateRunning));
+
+    // A service process that dies without reporting reads as stopped, and starts again.
+    killAll(probe);
+    QVERIFY(waitForState(name, Scm::StateStopped));
+    QVERIFY(!controller.isRunning());
+    QVERIFY(controller.start());
+    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(controller.stop());
+}
+
+void TestQtService::unwritableDatabase()
+{
+    // The database folder cannot be made: installing fails cleanly.
+    QFile blocker(root.filePath(QStringLiteral("not-a-folder")));
+    QVERIFY(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    qputenv("TARN_SCM_ROOT", root.filePath(QStringLiteral("not-a-folder/db")).toLocal8Bit());
+    qputenv("SVC_PROBE_NAME", name.toUtf8());
+    const bool installed = QtServiceController::install(probe);
+    qputenv("TARN_SCM_ROOT", root.path().toLocal8Bit());
+    QVERIFY(!installed);
+    QVERIFY(!QtServiceController(name).isInstalled());
+}
