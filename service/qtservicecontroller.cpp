@@ -5,6 +5,8 @@
 
 #ifdef Q_OS_WIN
 #include <QLibrary>
+
+#include <cstdio>
 #else
 void fillSubstituteScmFunctions(ScmFunctions &table); // scmsubstitute.cpp
 #endif
@@ -62,7 +64,10 @@ QString scmErrorText(DWORD code)
 
 void scmWarning(DWORD code, const char *text)
 {
-    qErrnoWarning(int(code), "%s", text);
+    // Straight to stderr in qErrnoWarning's format: the host is a GUI-subsystem
+    // program without a console, for which Qt's message handler writes to the
+    // debugger, not to stderr where the other command-line messages go.
+    fprintf(stderr, "%s (%s)\n", text, qPrintable(scmErrorText(code)));
 }
 #endif
 

@@ -167,7 +167,8 @@ QString fromWide(const WCHAR *text);
 
 // The system's text for a control-manager error code.
 QString scmErrorText(DWORD code);
-// qErrnoWarning for a control-manager error code: "text (system text)".
+// A warning for a control-manager error code on stderr, formatted like
+// qErrnoWarning: "text (system text)".
 void scmWarning(DWORD code, const char *text);
 
 #endif // SCMAPI_H

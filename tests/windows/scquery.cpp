@@ -1,0 +1,69 @@
+// Queries for the Windows check, straight from advapi32/kernel32 (not through
+// the framework under test):
+//   scquery state <service>   "<state> <pid>": the current state (1 stopped,
+//                             4 running, 7 paused, ...) and the service's
+//                             process, or "none" when it cannot be queried
+//   scquery alive <pid>       "yes" while the process runs, else "no"
+//   scquery text <code>       the system's message text for an error code, as
+//                             Qt's qt_error_string gives it
+
+#include <windows.h>
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+
+int wmain(int argc, wchar_t **argv)
+{
+    if (argc != 3)
+        return 2;
+    if (wcscmp(argv[1], L"state") == 0) {
+        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        SC_HANDLE service = manager ? OpenServiceW(manager, argv[2], SERVICE_QUERY_STATUS) : nullptr;
+        SERVICE_STATUS_PROCESS status = {};
+        DWORD needed = 0;
+        if (service && QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&status),
+                                            sizeof(status), &needed))
+            printf("%lu %lu\n", status.dwCurrentState, status.dwProcessId);
+        else
+            printf("none\n");
+        if (service)
+            CloseServiceHandle(service);
+        if (manager)
+            CloseServiceHandle(manager);
+        return 0;
+    }
+    if (wcscmp(argv[1], L"alive") == 0) {
+        const DWORD pid = DWORD(wcstoul(argv[2], nullptr, 10));
+        HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+        DWORD code = 0;
+        const bool alive = process && GetExitCodeProcess(process, &code) && code == STILL_ACTIVE;
+        if (process)
+            CloseHandle(process);
+        printf(alive ? "yes\n" : "no\n");
+        return 0;
+    }
+    if (wcscmp(argv[1], L"text") == 0) {
+        const DWORD code = DWORD(wcstoul(argv[2], nullptr, 10));
+        wchar_t *text = nullptr;
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                       nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                       reinterpret_cast<wchar_t *>(&text), 0, nullptr);
+        // As qt_error_string: a final CR LF dropped; UTF-8, without the C
+        // runtime's line-end translation and without a line end of its own.
+        size_t length = text ? wcslen(text) : 0;
+        if (length >= 2 && text[length - 2] == L'\r' && text[length - 1] == L'\n')
+            length -= 2;
+        char buffer[1024] = {};
+        if (length)
+            WideCharToMultiByte(CP_UTF8, 0, text, int(length), buffer, sizeof(buffer) - 1, nullptr, nullptr);
+        _setmode(_fileno(stdout), _O_BINARY);
+        fputs(buffer, stdout);
+        LocalFree(text);
+        return 0;
+    }
+    return 2;
+}
