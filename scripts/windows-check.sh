@@ -13,9 +13,10 @@
 #                   Qt 5 Core for Windows built from Debian's qtbase source
 #   TARN_WIN_BUILD  cross build directory (default <repo>/build-win)
 #
-# Preparing the cache (once per machine, as root: apt) takes about ten
-# minutes on two cores; later runs only cross-build and test (about a minute
-# or two, most of it creating the throwaway Wine prefix).
+# Preparing the cache (once per machine, as root: apt) takes about eight
+# minutes on two cores (download and unpack 10 s, configure 2.5 min, Qt Core
+# 4 min, install 10 s). Later runs cross-build (15 s from scratch) and test
+# (about 70 s, a quarter of it creating the throwaway Wine prefix).
 #
 # Where Wine differs from Windows, the checks below say so and what they
 # check instead:
@@ -30,11 +31,19 @@
 # - Event log: Wine has no event log; ReportEventW writes error records to
 #   its "eventlog" debug channel on the stderr of the process, so a service's
 #   records show in the log of Wine's service manager, which is read here.
-# - The dispatcher from a console fails with 1063 as on Windows. Wine offers
-#   no way to make it fail otherwise from outside the process (its only other
-#   failure is a second call in the same process, which the host never
-#   makes), so the record the host writes on such a failure is not provoked;
-#   the event-log path itself is checked through the probe service.
+# - The dispatcher from a console fails with 1063 as on Windows, but Wine
+#   first tries the control pipe of the service started last; while that
+#   service runs, the pipe is busy and the failure comes after a 10 s wait
+#   (Windows answers at once). Only the exit codes and outputs are checked,
+#   not how fast a start from a console returns.
+# - Wine offers no way to make the dispatcher fail otherwise from outside
+#   the process: its only other failure is a second call in the same process,
+#   which the host never makes, and a service registered under another name
+#   but running TarnSvc.exe still gets the table's first entry, as an
+#   own-process service does on Windows. So the event-log record the host
+#   writes on such a failure is not provoked here; the event-log path itself
+#   is checked through the probe service.
+# - A new prefix can be left with two services.exe (see below).
 set -uo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -81,7 +90,8 @@ Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
 EOF
         fi
         apt-get update -q >/dev/null || die "apt-get update failed"
-        (cd "$CACHE/src" && apt-get source --download-only "qtbase-opensource-src=$version") || die "no qtbase source"
+        (cd "$CACHE/src" && apt-get source --download-only "qtbase-opensource-src=$version") > "$CACHE/download.log" 2>&1 ||
+            die "no qtbase source, see $CACHE/download.log"
     fi
     local srcdir
     rm -rf "$CACHE"/src/qtbase-everywhere-src-* "$CACHE/build-qt" "$QT"
@@ -207,7 +217,14 @@ query() {
     read -r STATE PID < <(cd "$DIR" && wine scquery.exe state "$1" | tr -d '\r')
 }
 alive() { [ "$(cd "$DIR" && wine scquery.exe alive "$1" | tr -d '\r')" = yes ]; }
-gone() { ! alive "$1"; }
+gone() { # gone <pid>: the process ends within 10 s
+    local i
+    for i in $(seq 20); do
+        alive "$1" || return 0
+        sleep 0.5
+    done
+    return 1
+}
 
 # wait_state <service> <state>: up to 10 s.
 wait_state() {
@@ -256,6 +273,7 @@ NOT_INSTALLED="The service TarnSvc is not installed
 "
 NO_SERVICE_TEXT=$(cd "$DIR" && wine scquery.exe text 1060)
 [ -n "$NO_SERVICE_TEXT" ] || fail "no system text for error 1060"
+echo "system text for 1060: $NO_SERVICE_TEXT"
 
 # Not installed. A start without an installed service: the dispatcher
 # fails with 1063 and starting through the manager fails, so -4 (252).
@@ -317,7 +335,7 @@ check "probe installed" [ "$CODE" = 0 ]
 run "$PROBE" start-argument
 check "probe start from a console" [ "$CODE" = 0 ]
 check "probe running" wait_state TarnProbe $RUNNING
-check "probe main got its arguments" wait_line "$PROBE_LOG" '^start start-argument$'
+check "probe main got its name and arguments" wait_line "$PROBE_LOG" '^start TarnProbe[|]start-argument$'
 run "$PROBE" -c 5
 check "probe -c 5 exit code" [ "$CODE" = 0 ]
 check "probe processCommand(5)" wait_line "$PROBE_LOG" '^command 5$'
@@ -330,7 +348,7 @@ run "$PROBE" -t
 check "probe stopped" [ "$CODE" = 0 ]
 query TarnProbe
 check "probe stopped in the manager" [ "$STATE" = $STOPPED ]
-check "probe log" [ "$(cat "$PROBE_LOG")" = "start start-argument
+check "probe log" [ "$(cat "$PROBE_LOG")" = "start TarnProbe|start-argument
 command 5
 pause
 resume
@@ -344,9 +362,29 @@ expect "-t" "" "" 0 "$HOST" -t
 query TarnSvc
 check "stopped in the manager" [ "$STATE" = $STOPPED ]
 check "child asked to close" wait_line "$CHILD_LOG" '^close$'
-sleep 1
 check "child gone" gone "$CHILD_PID"
 check "host gone" gone "$HOST_PID"
+# A child that ignores the request to close: the host kills it on its way
+# out, so it does not outlive the service either. The host gives no grace
+# period between the request and the kill (the kill comes milliseconds later,
+# when its process object is destroyed), so whether this child got to note
+# the request is a race - about one stop in six loses it under Wine - and is
+# not checked here; the request itself is checked with the child above.
+touch "$DIR/TarnSrv.ignore-close"
+rm -f "$CHILD_LOG"
+expect "start again" "" "" 0 "$HOST"
+check "running again" wait_state TarnSvc $RUNNING
+HOST_PID=$PID
+check "stubborn child started" wait_line "$CHILD_LOG" '^started [0-9]+ \[\]$'
+CHILD_PID=$(awk '/^started/ {print $2; exit}' "$CHILD_LOG" 2>/dev/null)
+expect "-t, stubborn child" "" "" 0 "$HOST" -t
+query TarnSvc
+check "stopped again" [ "$STATE" = $STOPPED ]
+check "stubborn child gone" gone "${CHILD_PID:-0}"
+check "host gone again" gone "${HOST_PID:-0}"
+check "stubborn child killed, not ended" [ "$(grep -c '^exit' "$CHILD_LOG")" = 0 ]
+rm -f "$DIR/TarnSrv.ignore-close"
+
 version "installed and not running"
 expect "-v, stopped" "$VERSION" "" 0 "$HOST" -v
 
@@ -359,7 +397,9 @@ check "gone from the manager" [ "$STATE" = none ]
 
 step "end-to-end test done after $((SECONDS - E2E_START)) s: $CHECKS passed, $FAILURES failed"
 if [ $FAILURES != 0 ]; then
-    echo "--- service manager log"
-    cat "$WORK/services.log"
+    for log in "$WORK/services.log" "$CHILD_LOG" "$PROBE_LOG"; do
+        echo "--- $log"
+        cat "$log"
+    done
     exit 1
 fi

@@ -20,7 +20,7 @@ public:
 protected:
     void start() override
     {
-        note(QLatin1String("start ") + QCoreApplication::arguments().mid(1).join(QLatin1Char('|')));
+        note(QLatin1String("start ") + QCoreApplication::arguments().join(QLatin1Char('|')));
     }
     void stop() override { note(QStringLiteral("stop")); }
     void pause() override { note(QStringLiteral("pause")); }

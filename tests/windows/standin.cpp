@@ -1,7 +1,8 @@
 // Stand-in for the manager TarnSrv in the Windows check under Wine: the full
 // manager needs Qt modules the Windows check does not build. It notes in
 // TarnSrv.log beside it that it started (with its process id and arguments)
-// and whether it was asked to close.
+// and whether it was asked to close. With a file TarnSrv.ignore-close beside
+// it, it notes the request and keeps running, like a child that hangs.
 //
 // On Windows QProcess::terminate() posts WM_CLOSE to the process's top-level
 // windows and to its main thread. This program has no top-level window, so
@@ -32,10 +33,16 @@ public:
         const MSG *msg = static_cast<const MSG *>(message);
         if (msg->message != WM_CLOSE)
             return false;
-        note(QStringLiteral("close"));
-        QCoreApplication::quit();
+        if (ignoreClose) {
+            note(QStringLiteral("close ignored"));
+        } else {
+            note(QStringLiteral("close"));
+            QCoreApplication::quit();
+        }
         return true;
     }
+
+    bool ignoreClose = false;
 };
 
 } // namespace
@@ -44,6 +51,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     CloseFilter filter;
+    filter.ignoreClose = QFile::exists(QCoreApplication::applicationDirPath() + QLatin1String("/TarnSrv.ignore-close"));
     app.installNativeEventFilter(&filter);
     note(QStringLiteral("started %1 [%2]")
              .arg(GetCurrentProcessId())
