@@ -191,7 +191,7 @@ pass() { CHECKS=$((CHECKS + 1)); }
 # run <program> <args...>: runs it under wine, leaving OUT, ERR and CODE.
 run() {
     local program=$1; shift
-    (cd "$DIR" && wine "$program" "$@" > "$WORK/out" 2> "$WORK/err")
+    (cd "$DIR" && wine "$program" "$@" < /dev/null > "$WORK/out" 2> "$WORK/err")
     CODE=$?
 }
 
@@ -302,6 +302,11 @@ version "installed and not running"
 expect "-v, installed" "$VERSION" "" 0 "$HOST" -version
 query TarnSvc
 check "installed and stopped in the manager" [ "$STATE" = $STOPPED ]
+# Own process, interactive (0x110), demand start (3), no account (shown as
+# LocalSystem), the path as the host gave it (unquoted) and the description.
+config() { CONFIG=$(cd "$DIR" && wine scquery.exe config "$1" < /dev/null | tr -d '\r'); }
+config TarnSvc
+check "configuration: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|$HOST|VARNOK Server" ]
 
 # A bare start from a console: 1063, then the manager starts the service,
 # whose main runs the host, which launches the stand-in child.
@@ -394,6 +399,26 @@ expect "-u" "The service TarnSvc has been uninstalled.
 expect "-u again" "" "$NOT_INSTALLED" 0 "$HOST" -u
 query TarnSvc
 check "gone from the manager" [ "$STATE" = none ]
+
+# Accounts: a bare user gets the local prefix and makes the service
+# non-interactive; LocalSystem, prefixed or not, means no account. The
+# password is only handed to CreateServiceW (Wine does not check it).
+while IFS=';' read -r account password type shown; do
+    run "$HOST" -i "$account" "$password"
+    check "-i '$account': exit code $CODE" [ "$CODE" = 0 ]
+    config TarnSvc
+    check "-i '$account': configuration $CONFIG" [ "$CONFIG" = "$type|3|$shown|$HOST|VARNOK Server" ]
+    run "$HOST" -u
+    check "-i '$account': uninstalled" [ "$CODE" = 0 ]
+done <<'EOF_ACCOUNTS'
+someuser;secret;16;.\someuser
+DOM\bob;;16;DOM\bob
+LocalSystem;;272;LocalSystem
+NT AUTHORITY\LocalSystem;;272;LocalSystem
+localsystem;;16;.\localsystem
+EOF_ACCOUNTS
+query TarnSvc
+check "gone after the account checks" [ "$STATE" = none ]
 
 step "end-to-end test done after $((SECONDS - E2E_START)) s: $CHECKS passed, $FAILURES failed"
 if [ $FAILURES != 0 ]; then

@@ -3,6 +3,8 @@
 //   scquery state <service>   "<state> <pid>": the current state (1 stopped,
 //                             4 running, 7 paused, ...) and the service's
 //                             process, or "none" when it cannot be queried
+//   scquery config <service>  "<type>|<start type>|<account>|<binary path>|<description>"
+//                             in UTF-8, or "none" when it cannot be queried
 //   scquery alive <pid>       "yes" while the process runs, else "no"
 //   scquery text <code>       the system's message text for an error code, as
 //                             Qt's qt_error_string gives it
@@ -30,6 +32,36 @@ int wmain(int argc, wchar_t **argv)
             printf("%lu %lu\n", status.dwCurrentState, status.dwProcessId);
         else
             printf("none\n");
+        if (service)
+            CloseServiceHandle(service);
+        if (manager)
+            CloseServiceHandle(manager);
+        return 0;
+    }
+    if (wcscmp(argv[1], L"config") == 0) {
+        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        SC_HANDLE service = manager ? OpenServiceW(manager, argv[2], SERVICE_QUERY_CONFIG) : nullptr;
+        static unsigned long long config[1024], description[1024];
+        auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGW *>(config);
+        auto *d = reinterpret_cast<SERVICE_DESCRIPTIONW *>(description);
+        DWORD needed = 0;
+        if (service && QueryServiceConfigW(service, c, sizeof(config), &needed)
+            && QueryServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(d),
+                                    sizeof(description), &needed)) {
+            auto utf8 = [](const wchar_t *text) {
+                static char buffer[4][1024];
+                static int next = 0;
+                char *out = buffer[next++ % 4];
+                out[0] = 0;
+                if (text)
+                    WideCharToMultiByte(CP_UTF8, 0, text, -1, out, 1023, nullptr, nullptr);
+                return out;
+            };
+            printf("%lu|%lu|%s|%s|%s\n", c->dwServiceType, c->dwStartType, utf8(c->lpServiceStartName),
+                   utf8(c->lpBinaryPathName), utf8(d->lpDescription));
+        } else {
+            printf("none\n");
+        }
         if (service)
             CloseServiceHandle(service);
         if (manager)
