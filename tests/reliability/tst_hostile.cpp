@@ -99,7 +99,7 @@ private:
     qint64 baselineRssKb = 0;
     int baselineFds = 0;
     int cycles = 10000;
-    static constexpr qint64 MaxSilenceMs = 3000;
+    static constexpr qint64 MaxSilenceMs = 10000;
 };
 
 void TestHostile::initTestCase()
@@ -152,8 +152,9 @@ void TestHostile::cleanupTestCase()
 }
 
 // Every attack leaves the well-behaved client answered throughout: a pong may
-// miss its one-second wait on a loaded machine, but the server never falls
-// silent for longer than MaxSilenceMs.
+// miss its one-second wait, but the server never falls silent for longer than
+// MaxSilenceMs. The floods run on the same thread as the pinging client, so
+// the bound covers the test's own stalls too; the run reports the longest gap.
 void TestHostile::cleanup()
 {
     const int before = pings;
