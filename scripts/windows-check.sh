@@ -98,7 +98,7 @@ EOF
     tar -C "$CACHE/src" -xf "$CACHE"/src/qtbase-opensource-src_*.orig.tar.xz || die "cannot unpack qtbase"
     srcdir=$(echo "$CACHE"/src/qtbase-everywhere-src-*)
 
-    # Qt's win32-g++ spec calls <prefix>g++; point that at the posix-thread
+    # Qt's win32-g++ mkspec calls <prefix>g++; point that at the posix-thread
     # compilers (Debian's plain name is the win32-thread one).
     mkdir -p "$CACHE/bin"
     for tool in gcc g++ c++; do ln -sf "/usr/bin/$MINGW-$tool-posix" "$CACHE/bin/$MINGW-$tool"; done
