@@ -43,6 +43,9 @@ TarnSrv::TarnSrv()
     connect(&heartbeatTimer, &QTimer::timeout, this, &TarnSrv::SendHeartBeat);
     handshakeSweepTimer.setInterval(HandshakeSweepMs);
     connect(&handshakeSweepTimer, &QTimer::timeout, this, &TarnSrv::ReleaseAbandonedHandshakes);
+    memoryTrimTimer.setSingleShot(true);
+    memoryTrimTimer.setInterval(MemoryTrimDelayMs);
+    connect(&memoryTrimTimer, &QTimer::timeout, this, &TarnSrv::ReturnFreedMemory);
 }
 
 TarnSrv::~TarnSrv()
@@ -153,6 +156,7 @@ void TarnSrv::DisconnectAll()
     // No close frame: deleting the socket ends the connection.
     while (!registry.empty())
         EraseRecord(registry.begin());
+    StopHeartBeatIfEmpty();
     emit ClientsChanged();
 }
 
@@ -191,8 +195,7 @@ void TarnSrv::cltDisconnected()
     if (!RemoveClient(socket))
         emit ClientsChanged();
     socket->deleteLater();
-    if (registry.empty())
-        heartbeatTimer.stop();
+    StopHeartBeatIfEmpty();
     emit ClientsChanged();
 }
 
@@ -231,9 +234,18 @@ qint64 TarnSrv::SendHeartBeat()
         it = EraseRecord(it);
         emit ClientsChanged();
     }
-    if (registry.empty())
-        heartbeatTimer.stop();
+    StopHeartBeatIfEmpty();
     return 0;
+}
+
+// With nobody connected, the heap still holds the peak of the sessions that
+// ended; glibc keeps it unless asked, so a busy hour would stay resident.
+void TarnSrv::StopHeartBeatIfEmpty()
+{
+    if (!registry.empty())
+        return;
+    heartbeatTimer.stop();
+    memoryTrimTimer.start();
 }
 
 // The endpoint keeps the TLS socket of every connection that closed before its
@@ -253,11 +265,11 @@ void TarnSrv::ReleaseAbandonedHandshakes()
         }
     }
     if (released)
-        QTimer::singleShot(0, this, &TarnSrv::ReturnFreedMemory);
+        memoryTrimTimer.start();
 }
 
-// A burst of handshakes costs tens of kilobytes of TLS state each; once they
-// are gone, hand the freed heap back to the system instead of keeping the peak.
+// A connection costs tens of kilobytes of TLS state; once many are gone, hand
+// the freed heap back to the system instead of keeping the peak.
 void TarnSrv::ReturnFreedMemory()
 {
 #ifdef __GLIBC__

@@ -40,6 +40,9 @@ public:
     static constexpr quint64 MaxIncomingSize = 64 * 1024;
     // Period of the clean-up of connections that ended before their handshake.
     static constexpr int HandshakeSweepMs = 5000;
+    // Delay between a release of many connections and returning their memory,
+    // long enough for the deferred deletions to have run.
+    static constexpr int MemoryTrimDelayMs = 1000;
 
 signals:
     void ClientsChanged();
@@ -68,6 +71,7 @@ private:
     void ReplyActiveClients();
     void LogInfo(const QString &text);
     void Pause();
+    void StopHeartBeatIfEmpty();
 
     QWebSocketServer *endpoint = nullptr;
     // In order of acceptance; the index finds a socket's record without a walk.
@@ -77,4 +81,5 @@ private:
     SrvUrlDetect *discovery = nullptr;
     QTimer heartbeatTimer;
     QTimer handshakeSweepTimer;
+    QTimer memoryTrimTimer;
 };
