@@ -18,6 +18,8 @@
 #include <malloc.h>
 #endif
 
+#include <utility>
+
 using namespace Tarn;
 
 namespace {
@@ -160,6 +162,14 @@ void TarnSrv::DisconnectAll()
     emit ClientsChanged();
 }
 
+template <typename Handler>
+void TarnSrv::HandleFrom(QWebSocket *socket, Handler handle)
+{
+    QWebSocket *outer = std::exchange(senderSocket, socket);
+    handle();
+    senderSocket = outer;
+}
+
 void TarnSrv::cltConnection()
 {
     QWebSocket *socket = endpoint ? endpoint->nextPendingConnection() : nullptr;
@@ -174,8 +184,12 @@ void TarnSrv::cltConnection()
 
     ClientRecord rec = ClientRecord::FromOrigin(socket->origin());
     rec.socket = socket;
-    connect(socket, &QWebSocket::textMessageReceived, this, &TarnSrv::RcvdMessage);
-    connect(socket, &QWebSocket::disconnected, this, &TarnSrv::cltDisconnected);
+    connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
+        HandleFrom(socket, [this, &msg] { RcvdMessage(msg); });
+    });
+    connect(socket, &QWebSocket::disconnected, this, [this, socket] {
+        HandleFrom(socket, [this] { cltDisconnected(); });
+    });
 
     recordOf.insert(socket, registry.insert(registry.end(), rec));
     if (registry.size() == 1)
@@ -185,7 +199,7 @@ void TarnSrv::cltConnection()
 
 void TarnSrv::cltDisconnected()
 {
-    auto *socket = qobject_cast<QWebSocket *>(sender());
+    QWebSocket *socket = senderSocket;
     if (!socket) {
         emit ClientsChanged();
         return;
@@ -279,8 +293,8 @@ void TarnSrv::ReturnFreedMemory()
 
 void TarnSrv::ReplyToSender(const QString &text)
 {
-    if (auto *socket = qobject_cast<QWebSocket *>(sender()))
-        socket->sendTextMessage(text);
+    if (senderSocket)
+        senderSocket->sendTextMessage(text);
 }
 
 QString TarnSrv::ClientName(QWebSocket *socket) const
@@ -320,13 +334,13 @@ void TarnSrv::ReplyPing()
 {
     ReplyToSender(MsgServerPong);
     LogInfo(QStringLiteral("Received ping request from client ")
-            + ClientName(qobject_cast<QWebSocket *>(sender())) + QStringLiteral(", replied."));
+            + ClientName(senderSocket) + QStringLiteral(", replied."));
 }
 
 void TarnSrv::MarkHeartBeat()
 {
     // A heartbeat can still arrive after its record was dropped; nothing to mark then.
-    if (ClientRecord *rec = FindClient(qobject_cast<QWebSocket *>(sender())))
+    if (ClientRecord *rec = FindClient(senderSocket))
         rec->heartBeatSeen = true;
 }
 

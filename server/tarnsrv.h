@@ -72,6 +72,8 @@ private:
     void LogInfo(const QString &text);
     void Pause();
     void StopHeartBeatIfEmpty();
+    template <typename Handler>
+    void HandleFrom(QWebSocket *socket, Handler handle);
 
     QWebSocketServer *endpoint = nullptr;
     // In order of acceptance; the index finds a socket's record without a walk.
@@ -82,4 +84,8 @@ private:
     QTimer heartbeatTimer;
     QTimer handshakeSweepTimer;
     QTimer memoryTrimTimer;
+    // The client whose signal is being handled. QObject::sender() would find it
+    // by walking every connection made to this object, two per client, which
+    // made each message cost time in proportion to the number of clients.
+    QWebSocket *senderSocket = nullptr;
 };
