@@ -11,6 +11,7 @@
 int main(int argc, char *argv[])
 {
     Bench::RaiseFileLimit();
+    TarnSrv::PreferScalableEventLoop();
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
     const int port = args.value(1, QStringLiteral("0")).toInt();

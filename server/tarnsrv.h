@@ -31,6 +31,9 @@ public:
     QList<ActiveClient> GetActiveClients() const;
     void DisconnectAll();
 
+    // Call before the application object exists, in a program that serves.
+    static void PreferScalableEventLoop();
+
     // Port the endpoint listens on, 0 while stopped.
     quint16 ListeningPort() const;
     // Only tests shorten the heartbeat period; the product keeps HeartBeatIntervalMs.
