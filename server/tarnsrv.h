@@ -31,7 +31,7 @@ public:
     QList<ActiveClient> GetActiveClients() const;
     void DisconnectAll();
 
-    // Call before the application object exists, in a program that serves.
+    // Call before the application object exists, in a program with many sockets.
     static void PreferScalableEventLoop();
 
     // Port the endpoint listens on, 0 while stopped.
