@@ -4,6 +4,7 @@
 #include "tlsconfig.h"
 
 #include <QCoreApplication>
+#include <QScopedValueRollback>
 #include <QSet>
 #include <QSslSocket>
 #include <QTcpServer>
@@ -17,8 +18,6 @@
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
-
-#include <utility>
 
 using namespace Tarn;
 
@@ -168,16 +167,8 @@ void TarnSrv::DisconnectAll()
     // No close frame: deleting the socket ends the connection.
     while (!registry.empty())
         EraseRecord(registry.begin());
-    StopHeartBeatIfEmpty();
+    WindDownIfEmpty();
     emit ClientsChanged();
-}
-
-template <typename Handler>
-void TarnSrv::HandleFrom(QWebSocket *socket, Handler handle)
-{
-    QWebSocket *outer = std::exchange(senderSocket, socket);
-    handle();
-    senderSocket = outer;
 }
 
 void TarnSrv::cltConnection()
@@ -195,10 +186,12 @@ void TarnSrv::cltConnection()
     ClientRecord rec = ClientRecord::FromOrigin(socket->origin());
     rec.socket = socket;
     connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
-        HandleFrom(socket, [this, &msg] { RcvdMessage(msg); });
+        const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
+        RcvdMessage(msg);
     });
     connect(socket, &QWebSocket::disconnected, this, [this, socket] {
-        HandleFrom(socket, [this] { cltDisconnected(); });
+        const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
+        cltDisconnected();
     });
 
     recordOf.insert(socket, registry.insert(registry.end(), rec));
@@ -219,7 +212,7 @@ void TarnSrv::cltDisconnected()
     if (!RemoveClient(socket))
         emit ClientsChanged();
     socket->deleteLater();
-    StopHeartBeatIfEmpty();
+    WindDownIfEmpty();
     emit ClientsChanged();
 }
 
@@ -258,13 +251,14 @@ qint64 TarnSrv::SendHeartBeat()
         it = EraseRecord(it);
         emit ClientsChanged();
     }
-    StopHeartBeatIfEmpty();
+    WindDownIfEmpty();
     return 0;
 }
 
-// With nobody connected, the heap still holds the peak of the sessions that
-// ended; glibc keeps it unless asked, so a busy hour would stay resident.
-void TarnSrv::StopHeartBeatIfEmpty()
+// With nobody connected there is nothing to beat for, and the heap still holds
+// the peak of the sessions that ended: glibc keeps it unless asked, so a busy
+// hour would stay resident.
+void TarnSrv::WindDownIfEmpty()
 {
     if (!registry.empty())
         return;

@@ -74,9 +74,7 @@ private:
     void ReplyActiveClients();
     void LogInfo(const QString &text);
     void Pause();
-    void StopHeartBeatIfEmpty();
-    template <typename Handler>
-    void HandleFrom(QWebSocket *socket, Handler handle);
+    void WindDownIfEmpty();
 
     QWebSocketServer *endpoint = nullptr;
     // In order of acceptance; the index finds a socket's record without a walk.

@@ -796,7 +796,7 @@ const char *errorText(DWORD code)
 {
     switch (code) {
     case ErrorSuccess: return "The operation completed successfully.";
-    case ErrorFileNotFound: return "The system cannot find the file specified.";
+    case ErrorFileNotFound: return "The system cannot find the file.";
     case ErrorAccessDenied: return "Access is denied.";
     case ErrorInvalidHandle: return "The handle is invalid.";
     case ErrorInvalidParameter: return "The parameter is incorrect.";
@@ -807,13 +807,13 @@ const char *errorText(DWORD code)
     case ErrorServiceNoThread: return "A thread could not be created for the service.";
     case ErrorServiceAlreadyRunning: return "An instance of the service is already running.";
     case ErrorServiceDisabled: return "The service cannot be started, either because it is disabled or because it has no enabled devices associated with it.";
-    case ErrorServiceDoesNotExist: return "The specified service does not exist as an installed service.";
+    case ErrorServiceDoesNotExist: return "The named service does not exist as an installed service.";
     case ErrorServiceCannotAcceptCtrl: return "The service cannot accept control messages at this time.";
     case ErrorServiceNotActive: return "The service has not been started.";
     case Scm::ErrorNotConnectedToManager: return "The service process could not connect to the service controller.";
     case ErrorProcessAborted: return "The process terminated unexpectedly.";
-    case ErrorServiceMarkedForDelete: return "The specified service has been marked for deletion.";
-    case ErrorServiceExists: return "The specified service already exists.";
+    case ErrorServiceMarkedForDelete: return "The named service has been marked for deletion.";
+    case ErrorServiceExists: return "The named service already exists.";
     case ErrorServiceNotInExe: return "The executable program that this service is configured to run in does not implement the service.";
     default: return nullptr;
     }

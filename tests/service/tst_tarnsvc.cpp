@@ -172,7 +172,7 @@ void TestTarnSvc::notInstalled_data()
                         << QByteArray() << 0;
     QTest::newRow("-u") << QStringList{"-uninstall"} << QByteArray() << QByteArray("The service TarnSvc is not installed\n") << 0;
     QTest::newRow("-t") << QStringList{"-t"} << QByteArray()
-                        << QByteArray("The service could not be stopped. (The specified service does not exist as an installed service.)\n") << 0;
+                        << QByteArray("The service could not be stopped. (The named service does not exist as an installed service.)\n") << 0;
     QTest::newRow("-p") << QStringList{"-p"} << QByteArray() << QByteArray() << 0;
     QTest::newRow("-r") << QStringList{"-r"} << QByteArray() << QByteArray() << 0;
     QTest::newRow("-c 5") << QStringList{"-c", "5"} << QByteArray() << QByteArray() << 0;
