@@ -4,6 +4,8 @@ set -euo pipefail
 
 packages=(
     cmake ninja-build g++ pkg-config openssl iproute2 dpkg-dev file
+    # systemd-analyze rates the packaged unit's sandbox.
+    systemd
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
     g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev
     # scripts/fuzz.sh: clang with libFuzzer and the sanitizer runtimes (LeakSanitizer

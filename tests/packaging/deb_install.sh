@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian package, unpacks it into a throwaway root and runs the
 # programs from there: tarn --version, and TarnSrv offscreen on the port of its
-# TarnSrv.cfg, answering a ping.
+# TarnSrv.cfg, answering a ping. The systemd unit must start the packaged
+# TarnSrv and keep systemd-analyze's exposure rating at 4.0 ("OK") or below.
 #   deb_install.sh BUILD_DIR
 set -euo pipefail
 build=$1
@@ -29,6 +30,19 @@ for f in usr/share/applications/tarn-manager.desktop usr/lib/systemd/system/tarn
          usr/share/man/man1/tarn.1 usr/share/icons/hicolor/32x32/apps/tarn.png; do
     [ -e "$root/$f" ] || { echo "FAIL: $f not in the package"; exit 1; }
 done
+
+unit=$root/usr/lib/systemd/system/tarn-manager.service
+program=$(sed -n 's/^ExecStart=//p' "$unit")
+[ -x "$root$program" ] || { echo "FAIL: the unit starts $program, which is not in the package"; exit 1; }
+if systemd-analyze --help 2>/dev/null | grep -q -- --offline; then
+    systemd-analyze security --offline=true "$unit" >"$work/security" 2>&1 || true
+    exposure=$(sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\) .*/\1/p' "$work/security")
+    awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 4.0) }' \
+        || { cat "$work/security"; echo "FAIL: the unit's exposure is '$exposure', above 4.0"; exit 1; }
+    echo "Unit exposure: $exposure"
+else
+    echo "SKIP: this systemd-analyze cannot rate a unit file offline; the unit's exposure is not checked"
+fi
 
 version=$("$root/usr/bin/tarn" --version)
 [[ "$version" =~ ^tarn\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || { echo "FAIL: tarn --version said '$version'"; exit 1; }
