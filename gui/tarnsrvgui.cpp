@@ -59,6 +59,8 @@ TarnSrvGui::TarnSrvGui(QWidget *parent)
     InitTarnResources();
     ui->setupUi(this);
     ui->porNr_lineEdit->setValidator(new PortValidator(ui->porNr_lineEdit));
+    // Nothing may start the server or store a setting before the instance check.
+    ui->server_groupBox->setEnabled(false);
     connect(&server, SIGNAL(ClientsChanged()), this, SLOT(ClientsChanged()));
     ui->server_treeWidget->setColumnWidth(0, 150);
     ui->server_treeWidget->setColumnWidth(1, 300);
@@ -96,6 +98,7 @@ void TarnSrvGui::InitGui()
     // the settings and the port.
     if (!CheckRunningInstance())
         return;
+    ui->server_groupBox->setEnabled(true);
 
     QString report = QStringLiteral("VARNOK Server version ")
                      + QStringLiteral("%1.%2.%3").arg(1).arg(4).arg(0) + QStringLiteral(".\n\n");

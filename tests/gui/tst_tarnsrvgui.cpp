@@ -104,7 +104,10 @@ void TestTarnSrvGui::OpenWindow()
     gui = std::make_unique<GuiProbe>(*window);
     window->show();
     QCOMPARE(gui->Status(), QStringLiteral("-"));
+    // The controls wait for the instance check.
+    QVERIFY(!gui->Button("serverStart_pushButton")->isEnabled());
     QTRY_VERIFY(gui->Status() != QLatin1String("-"));
+    QVERIFY(gui->Button("serverStart_pushButton")->isEnabled());
 }
 
 void TestTarnSrvGui::Click(const char *button)
