@@ -6,6 +6,7 @@ InstanceGuard::InstanceGuard()
     : key(QStringLiteral("9913c03a-60e5-4b07-999e-d07c9d49bade"))
     , lockKey(DeriveKey(key, QStringLiteral("_memLockKey")))
     , segmentKey(DeriveKey(key, QStringLiteral("_sharedmemKey")))
+    , machineLock(LockName())
     , segment(segmentKey)
     , lock(lockKey, 1, QSystemSemaphore::Open)
 {
@@ -30,6 +31,42 @@ QString InstanceGuard::DeriveKey(const QUuid &key, const QString &suffix)
     return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha1).toHex());
 }
 
+QString InstanceGuard::LockName()
+{
+    const QString path = qEnvironmentVariable("TARN_INSTANCE_LOCK");
+#ifdef Q_OS_WIN
+    // A kernel object name takes no backslash after its namespace.
+    const QString name = QStringLiteral("Global\\tarn-manager");
+    return path.isEmpty() ? name
+                          : name + QLatin1Char('-')
+                                + QString::fromLatin1(QCryptographicHash::hash(path.toUtf8(), QCryptographicHash::Sha1).toHex());
+#else
+    if (!path.isEmpty())
+        return path;
+    // Fixed and shared by all users; a systemd unit's private /tmp would not be.
+#ifdef Q_OS_LINUX
+    return QStringLiteral("/run/lock/tarn-manager.lock");
+#else
+    return QStringLiteral("/tmp/tarn-manager.lock");
+#endif
+#endif
+}
+
+// The segment's key comes from the temporary folder, which a service's private
+// /tmp changes: it only stands in where the machine-wide lock cannot be used.
+bool InstanceGuard::Acquire()
+{
+    switch (machineLock.TryLock()) {
+    case MachineLock::State::Held:
+        return true;
+    case MachineLock::State::Taken:
+        return false;
+    case MachineLock::State::Unavailable:
+        break;
+    }
+    return AcquireSegment();
+}
+
 bool InstanceGuard::OtherInstanceExists()
 {
     if (segment.isAttached())
@@ -42,7 +79,7 @@ bool InstanceGuard::OtherInstanceExists()
     return attached;
 }
 
-bool InstanceGuard::Acquire()
+bool InstanceGuard::AcquireSegment()
 {
     // Asked again by the instance that already holds the segment: still the one.
     if (segment.isAttached())
@@ -61,6 +98,7 @@ bool InstanceGuard::Acquire()
 
 void InstanceGuard::Release()
 {
+    machineLock.Unlock();
     lock.acquire();
     if (segment.isAttached())
         segment.detach();

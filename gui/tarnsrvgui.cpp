@@ -6,7 +6,10 @@
 #include "tarnresources.h"
 #include "tarnsrvsettings.h"
 
+#include <QGuiApplication>
+#include <QIntValidator>
 #include <QMessageBox>
+#include <QTextStream>
 #include <QTimer>
 
 namespace {
@@ -14,6 +17,38 @@ const QString AutoStartKey = QStringLiteral("Server/AutoStart");
 const QString AutoPortKey = QStringLiteral("Server/AutoPort");
 const QString PortNrKey = QStringLiteral("Server/PortNr");
 constexpr int ManualPortIndex = 1;
+constexpr int RefusedExitCode = 1;
+
+// Offscreen, or with neither an X11 nor a Wayland display, nobody could
+// answer a message box.
+bool HasDisplay()
+{
+    const QString platform = QGuiApplication::platformName();
+    if (platform == QLatin1String("offscreen") || platform == QLatin1String("minimal"))
+        return false;
+#if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+#else
+    return true;
+#endif
+}
+
+// QIntValidator lets a number above the top pass while it has no more digits
+// than the top, as a step towards something valid; no port lies beyond 65535.
+class PortValidator : public QIntValidator
+{
+public:
+    explicit PortValidator(QObject *parent)
+        : QIntValidator(TarnSrvSettings::MinPort, TarnSrvSettings::MaxPort, parent)
+    {
+    }
+
+    State validate(QString &input, int &pos) const override
+    {
+        const State state = QIntValidator::validate(input, pos);
+        return state == Intermediate && input.toInt() > top() ? Invalid : state;
+    }
+};
 } // namespace
 
 TarnSrvGui::TarnSrvGui(QWidget *parent)
@@ -23,6 +58,9 @@ TarnSrvGui::TarnSrvGui(QWidget *parent)
     // The form's icon lives in the resources, registered on demand by a static library.
     InitTarnResources();
     ui->setupUi(this);
+    ui->porNr_lineEdit->setValidator(new PortValidator(ui->porNr_lineEdit));
+    // Nothing may start the server or store a setting before the instance check.
+    ui->server_groupBox->setEnabled(false);
     connect(&server, SIGNAL(ClientsChanged()), this, SLOT(ClientsChanged()));
     ui->server_treeWidget->setColumnWidth(0, 150);
     ui->server_treeWidget->setColumnWidth(1, 300);
@@ -36,7 +74,9 @@ TarnSrvGui::TarnSrvGui(QWidget *parent)
 TarnSrvGui::~TarnSrvGui()
 {
     // Closing never runs the stop flow; this one line is all the log gets.
-    logWindow->Log(QStringLiteral("\nVARNOK Server closed."), 0, false);
+    // A refused instance never had a log.
+    if (!refused)
+        logWindow->Log(QStringLiteral("\nVARNOK Server closed."), 0, false);
     delete settings;
     settings = nullptr;
     delete ui;
@@ -54,8 +94,11 @@ void TarnSrvGui::ShowStatus(const QString &text, const QString &color)
 
 void TarnSrvGui::InitGui()
 {
-    // A refused instance has closed its window, yet the remaining steps still run.
-    CheckRunningInstance();
+    // A refused instance touches nothing: the running one owns the log,
+    // the settings and the port.
+    if (!CheckRunningInstance())
+        return;
+    ui->server_groupBox->setEnabled(true);
 
     QString report = QStringLiteral("VARNOK Server version ")
                      + QStringLiteral("%1.%2.%3").arg(1).arg(4).arg(0) + QStringLiteral(".\n\n");
@@ -92,28 +135,47 @@ void TarnSrvGui::RestorePortNumber()
 {
     if (!settings->contains(PortNrKey))
         return;
+    // A port out of range would be cut to 16 bits: leave the field empty instead.
     const int port = settings->value(PortNrKey).toInt();
+    if (!TarnSrvSettings::IsPort(port))
+        return;
     ui->porNr_lineEdit->blockSignals(true);
     ui->porNr_lineEdit->setText(QString::number(port));
     ui->porNr_lineEdit->blockSignals(false);
 }
 
-void TarnSrvGui::CheckRunningInstance()
+bool TarnSrvGui::CheckRunningInstance()
 {
     static InstanceGuard guard;
     if (guard.Acquire())
-        return;
-    const QString text = QStringLiteral("Another instance of %1 is already running.\n")
-                             .arg(QStringLiteral("VARNOK Manager"))
-                         + QStringLiteral("The application will now close.");
-    QMessageBox::information(this, QStringLiteral("Instance Limit Reached"), text, QMessageBox::Ok);
+        return true;
+    refused = true;
+    const QString text = QStringLiteral("Another instance of %1 is already running.")
+                             .arg(QStringLiteral("VARNOK Manager"));
+    if (HasDisplay())
+        QMessageBox::information(this, QStringLiteral("Instance Limit Reached"),
+                                 text + QStringLiteral("\nThe application will now close."), QMessageBox::Ok);
+    else
+        QTextStream(stderr) << text << '\n';
     close();
+    QCoreApplication::exit(RefusedExitCode);
+    return false;
+}
+
+// While a start or stop processes events, the buttons are off: a click in the
+// meantime cannot begin another step inside this one.
+void TarnSrvGui::SetStepRunning(bool running)
+{
+    stepRunning = running;
+    for (QPushButton *button : {ui->serverStart_pushButton, ui->serverStop_pushButton, ui->serverRestart_pushButton})
+        button->setEnabled(!running);
 }
 
 int TarnSrvGui::StartServer(bool checkRunning)
 {
     if (checkRunning && server.IsRunning())
         return 0;
+    SetStepRunning(true);
     ShowStatus(QStringLiteral("Starting..."), QStringLiteral("blue"));
     QCoreApplication::processEvents();
     const int port = ui->portNr_comboBox->currentIndex() == ManualPortIndex
@@ -124,6 +186,7 @@ int TarnSrvGui::StartServer(bool checkRunning)
         ShowStatus(QStringLiteral("Running"), QStringLiteral("green"));
     else
         ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
+    SetStepRunning(false);
     return result;
 }
 
@@ -152,10 +215,12 @@ void TarnSrvGui::on_serverStop_pushButton_clicked()
 {
     if (!server.IsRunning())
         return;
+    SetStepRunning(true);
     ShowStatus(QStringLiteral("Stopping..."), QStringLiteral("blue"));
     QCoreApplication::processEvents();
     server.Stop();
     ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
+    SetStepRunning(false);
 }
 
 void TarnSrvGui::on_serverRestart_pushButton_clicked()
@@ -172,6 +237,11 @@ void TarnSrvGui::ServerSocketDestroyed(QObject *)
 {
     if (!restartPending)
         return;
+    // Destroyed while another step processes events: start once that one is over.
+    if (stepRunning) {
+        QTimer::singleShot(0, this, [this] { ServerSocketDestroyed(nullptr); });
+        return;
+    }
     StartServer(true);
     restartPending = false;
 }

@@ -32,7 +32,7 @@ private slots:
     void on_serverStop_pushButton_clicked();
     void on_serverRestart_pushButton_clicked();
     void InitGui();
-    void CheckRunningInstance();
+    bool CheckRunningInstance();
     void ClientsChanged();
     void ServerSocketDestroyed(QObject *socket);
 
@@ -40,6 +40,7 @@ private:
     static QString ColoredText(const QString &text, const QString &color);
     int StartServer(bool checkRunning);
     void ShowStatus(const QString &text, const QString &color);
+    void SetStepRunning(bool running);
     void RestorePortMode();
     void RestorePortNumber();
 
@@ -49,6 +50,8 @@ private:
     TarnClt client{nullptr};
     TarnSrv server;
     bool restartPending = false;
+    bool stepRunning = false;
+    bool refused = false;
     LogWindow *logWindow = nullptr;
     TarnSrvSettings *settings = nullptr;
 };

@@ -85,6 +85,9 @@ int TarnSrv::Start(int port)
 {
     if (endpoint)
         return 0;
+    if (busy)
+        return -1;
+    const QScopedValueRollback<bool> step(busy, true);
 
     LogInfo(QStringLiteral("Starting Tarn server."));
     Pause();
@@ -118,8 +121,9 @@ int TarnSrv::Start(int port)
 
 void TarnSrv::Stop()
 {
-    if (!endpoint)
+    if (!endpoint || busy)
         return;
+    const QScopedValueRollback<bool> step(busy, true);
 
     DisconnectAll();
     connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);

@@ -25,6 +25,8 @@ public:
     TarnSrv();
     ~TarnSrv() override;
 
+    // A Start or Stop called from inside another one, through the events it
+    // processes, does nothing: the one in progress decides. Start returns -1 then.
     int Start(int port);
     void Stop();
     bool IsRunning() const;
@@ -89,4 +91,6 @@ private:
     // by walking every connection made to this object, two per client, which
     // made each message cost time in proportion to the number of clients.
     QWebSocket *senderSocket = nullptr;
+    // A Start or Stop is under way.
+    bool busy = false;
 };

@@ -90,7 +90,16 @@ bool TarnSrvSettings::ParseConfigLine(int n, const QString &line, ConfigValues &
     const QString key = parts.at(0).trimmed();
     const QString value = parts.at(1).trimmed();
     if (key == QLatin1String("PortNr")) {
-        values.port = value.toInt(nullptr, 10);
+        // Text that is no number reads as 0, which leaves the file without a
+        // port; a number the port field cannot hold is refused here.
+        const int port = value.toInt(nullptr, 10);
+        if (port != 0 && !IsPort(port)) {
+            report += quoted + QStringLiteral(" is out of range.\nExpecting a port number from %1 to %2.\n")
+                                   .arg(MinPort)
+                                   .arg(MaxPort);
+            return false;
+        }
+        values.port = port;
         report += QStringLiteral("Port number: %1\n").arg(values.port);
     } else if (key == QLatin1String("LoggingEnable")) {
         values.loggingEnabled = value.toLower() == QLatin1String("true");

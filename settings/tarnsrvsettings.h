@@ -24,6 +24,11 @@ public:
     void ApplyConfigFile(QString &report);
     void ApplyConfigFile(const QString &path, QString &report);
 
+    // The ports an operator may choose; 0 leaves the choice to the system.
+    static constexpr int MinPort = 1;
+    static constexpr int MaxPort = 65535;
+    static bool IsPort(int port) { return port >= MinPort && port <= MaxPort; }
+
     static QString ConfigFilePath();
     static bool ParseConfigStream(QFile &file, ConfigValues &values, QString &report);
     static bool ParseConfigLine(int n, const QString &line, ConfigValues &values, QString &report);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "instanceguard.h"
 #include "tarnsrvgui.h"
 
 #include <QCheckBox>
@@ -52,20 +51,17 @@ inline QString Colored(const QString &text, const QString &color)
 #include <QTemporaryDir>
 #include <QtTest>
 
-// A test main whose settings store lives in a private folder, so the
-// operator's own settings are never read or written. A manager already
-// running on the machine would make every window show its refusal box and
-// wait for a click: the tests stop at once instead.
-#define TARN_GUI_TEST_MAIN(TestClass)                                       \
-    int main(int argc, char *argv[])                                       \
-    {                                                                      \
-        QTemporaryDir config;                                              \
-        qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());           \
-        if (!InstanceGuard().Acquire()) {                                  \
-            qCritical("Another manager is running on this machine.");     \
-            return 1;                                                      \
-        }                                                                  \
-        QApplication app(argc, argv);                                      \
-        TestClass test;                                                    \
-        return QTest::qExec(&test, argc, argv);                            \
+// A test main whose settings store and single-instance lock live in a
+// private folder, so the operator's own settings are never read or written
+// and a manager running on the machine does not refuse the test's windows.
+// The programs the tests start inherit both.
+#define TARN_GUI_TEST_MAIN(TestClass)                                             \
+    int main(int argc, char *argv[])                                             \
+    {                                                                            \
+        QTemporaryDir config;                                                    \
+        qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());                 \
+        qputenv("TARN_INSTANCE_LOCK", config.filePath("instance.lock").toLocal8Bit()); \
+        QApplication app(argc, argv);                                            \
+        TestClass test;                                                          \
+        return QTest::qExec(&test, argc, argv);                                  \
     }

@@ -1,12 +1,31 @@
 #include "instanceguard.h"
 #include "guiprobe.h"
 
-#include <QApplication>
-#include <QMessageBox>
 #include <QProcess>
+#include <QScopeGuard>
+#include <QTcpServer>
 #include <QtTest>
 #include <memory>
 #include <signal.h>
+#include <sys/stat.h>
+
+namespace {
+
+QProcessEnvironment Env(const QStringList &assignments)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString &assignment : assignments)
+        env.insert(assignment.section(QLatin1Char('='), 0, 0), assignment.section(QLatin1Char('='), 1));
+    return env;
+}
+
+QByteArray FileBytes(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<no file>");
+}
+
+} // namespace
 
 class TestInstanceGuard : public QObject
 {
@@ -15,17 +34,20 @@ class TestInstanceGuard : public QObject
 private slots:
     void deriveKey_data();
     void deriveKey();
-    void refusedWindowStillStartsUp();
+    void refusedManagerTouchesNothing();
     void killedHolderDoesNotBlock();
+    void simultaneousStartsLeaveOne_data();
     void simultaneousStartsLeaveOne();
 
 private:
-    std::unique_ptr<QProcess> StartHolder(const QString &mode);
+    static std::unique_ptr<QProcess> StartHolder(const QString &mode,
+                                                 const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 };
 
-std::unique_ptr<QProcess> TestInstanceGuard::StartHolder(const QString &mode)
+std::unique_ptr<QProcess> TestInstanceGuard::StartHolder(const QString &mode, const QProcessEnvironment &env)
 {
     auto holder = std::make_unique<QProcess>();
+    holder->setProcessEnvironment(env);
     holder->start(QStringLiteral(GUARD_HOLDER_PATH), {mode});
     holder->waitForStarted();
     return holder;
@@ -49,46 +71,60 @@ void TestInstanceGuard::deriveKey()
     QCOMPARE(InstanceGuard::DeriveKey(uuid, suffix), key);
 }
 
-// The window's guard is one per process, so this process meets it refused
-// exactly once: while another process holds the instance.
-void TestInstanceGuard::refusedWindowStillStartsUp()
+// The holder and the second manager each have a temporary folder of their
+// own, as a systemd unit with a private /tmp and a desktop session do. The
+// second one is refused and ends at once, before any of the start-up that
+// would take the port, the settings or the log of the running one.
+void TestInstanceGuard::refusedManagerTouchesNothing()
 {
-    auto holder = StartHolder(QStringLiteral("hold"));
+    QTemporaryDir holderTmp, managerTmp, app;
+    auto holder = StartHolder(QStringLiteral("hold"), Env({"TMPDIR=" + holderTmp.path()}));
     QVERIFY(holder->waitForReadyRead(5000));
     QCOMPARE(holder->readLine().trimmed(), QByteArray("held"));
+    auto probe = StartHolder(QStringLiteral("probe"), Env({"TMPDIR=" + managerTmp.path()}));
+    QVERIFY(probe->waitForFinished(5000));
+    QCOMPARE(probe->readAllStandardOutput().trimmed(), QByteArray("refused"));
 
-    QString title, text;
-    QMessageBox::StandardButtons buttons;
-    QTimer dismiss;
-    connect(&dismiss, &QTimer::timeout, this, [&] {
-        if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
-            title = box->windowTitle();
-            text = box->text();
-            buttons = box->standardButtons();
-            box->button(QMessageBox::Ok)->click();
-        }
+    const QString program = app.filePath(QStringLiteral("TarnSrv"));
+    QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
+    const QString logDir = app.filePath(QStringLiteral("log"));
+    const QString log = logDir + QStringLiteral("/TarnSrvSvc.html");
+    QVERIFY(QDir().mkpath(logDir));
+    {
+        QFile previous(log);
+        QVERIFY(previous.open(QIODevice::WriteOnly));
+        previous.write("the running manager's log");
+        QTcpServer probePort;
+        QVERIFY(probePort.listen(QHostAddress::LocalHost, 0));
+        QFile config(app.filePath(QStringLiteral("TarnSrv.cfg")));
+        QVERIFY(config.open(QIODevice::WriteOnly));
+        config.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(probePort.serverPort()).arg(logDir).toUtf8());
+    }
+
+    QProcess manager;
+    const auto stop = qScopeGuard([&manager] {
+        manager.kill();
+        manager.waitForFinished();
     });
-    dismiss.start(20);
+    const QString config = app.filePath(QStringLiteral("config"));
+    manager.setProcessEnvironment(Env({"TMPDIR=" + managerTmp.path(), "XDG_CONFIG_HOME=" + config,
+                                       "XDG_RUNTIME_DIR=" + managerTmp.path()}));
+    manager.start(program, {});
+    QVERIFY(manager.waitForFinished(10000));
+    QCOMPARE(manager.exitStatus(), QProcess::NormalExit);
+    QVERIFY(manager.exitCode() != 0);
+    const QByteArray err = manager.readAllStandardError();
+    QVERIFY2(err.endsWith("\nAnother instance of VARNOK Manager is already running.\n")
+                 || err == "Another instance of VARNOK Manager is already running.\n",
+             err.constData());
+    QCOMPARE(err.count("already running"), 1);
 
-    TarnSrvGui window;
-    window.show();
-    GuiProbe gui(window);
-    QTRY_VERIFY(!title.isEmpty());
-    QCOMPARE(title, QStringLiteral("Instance Limit Reached"));
-    QCOMPARE(text, QStringLiteral("Another instance of VARNOK Manager is already running.\n"
-                                  "The application will now close."));
-    QCOMPARE(buttons, QMessageBox::StandardButtons(QMessageBox::Ok));
-    // Closed, but the rest of the start-up ran all the same.
-    QTRY_VERIFY(!window.isVisible());
-    QVERIFY(gui.LogView()->toPlainText().contains(QStringLiteral("VARNOK Server version 1.4.0.")));
-    QCOMPARE(gui.Status(), Colored(QStringLiteral("Stopped"), QStringLiteral("red")));
+    QCOMPARE(QDir(logDir).entryList(QDir::Files), QStringList{QStringLiteral("TarnSrvSvc.html")});
+    QCOMPARE(FileBytes(log), QByteArray("the running manager's log"));
+    QVERIFY(!QFileInfo::exists(config));
 
-    // The running instance keeps its claim.
-    InstanceGuard again;
-    QVERIFY(!again.Acquire());
     holder->closeWriteChannel();
     QVERIFY(holder->waitForFinished(5000));
-    QVERIFY(again.Acquire());
 }
 
 void TestInstanceGuard::killedHolderDoesNotBlock()
@@ -99,22 +135,45 @@ void TestInstanceGuard::killedHolderDoesNotBlock()
     ::kill(pid_t(holder->processId()), SIGKILL);
     QVERIFY(holder->waitForFinished(5000));
 
-    // The segment outlives its killed owner; a new guard clears it.
     InstanceGuard next;
     QVERIFY(next.Acquire());
 }
 
+void TestInstanceGuard::simultaneousStartsLeaveOne_data()
+{
+    QTest::addColumn<QString>("lockFile");
+    QTest::addColumn<bool>("lockUsable");
+
+    QTest::newRow("machine-wide lock") << "instance.lock" << true;
+    // Nowhere to put the lock: the shared-memory segment stands in.
+    QTest::newRow("no place for the lock") << "missing/instance.lock" << false;
+}
+
 void TestInstanceGuard::simultaneousStartsLeaveOne()
 {
+    QFETCH(QString, lockFile);
+    QFETCH(bool, lockUsable);
+
+    QTemporaryDir dir;
+    const QString lock = dir.filePath(lockFile);
+    const QProcessEnvironment env = Env({"TARN_INSTANCE_LOCK=" + lock, "TMPDIR=" + dir.path()});
+    // A service's restrictive umask must not lock other users out of the file.
+    const mode_t umask = ::umask(077);
     std::vector<std::unique_ptr<QProcess>> probes;
     for (int i = 0; i < 4; ++i)
-        probes.push_back(StartHolder(QStringLiteral("probe")));
+        probes.push_back(StartHolder(QStringLiteral("probe"), env));
+    ::umask(umask);
     int held = 0;
     for (auto &probe : probes) {
         QVERIFY(probe->waitForFinished(10000));
         held += probe->readAllStandardOutput().trimmed() == "held";
     }
     QCOMPARE(held, 1);
+
+    struct stat st = {};
+    QCOMPARE(::stat(QFile::encodeName(lock).constData(), &st) == 0, lockUsable);
+    if (lockUsable)
+        QCOMPARE(st.st_mode & 07777, mode_t(0644));
 }
 
 TARN_GUI_TEST_MAIN(TestInstanceGuard)

@@ -5,8 +5,10 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHeaderView>
+#include <QRandomGenerator>
 #include <QSettings>
 #include <QTcpServer>
+#include <functional>
 #include <memory>
 
 namespace {
@@ -65,7 +67,10 @@ private slots:
     void stopDuringRestartKeepsRestart();
     void startWhileRunningAndStopWhileStopped();
     void operatorChangesStored();
-    void invalidManualPortUsesSystemPort();
+    void portFieldTakesOnlyPorts_data();
+    void portFieldTakesOnlyPorts();
+    void zeroManualPortUsesSystemPort();
+    void burstOfClicks();
     void clientsTree();
     void closingLogsOnlyClosedLine();
     void corruptSettingsFile();
@@ -99,7 +104,10 @@ void TestTarnSrvGui::OpenWindow()
     gui = std::make_unique<GuiProbe>(*window);
     window->show();
     QCOMPARE(gui->Status(), QStringLiteral("-"));
+    // The controls wait for the instance check.
+    QVERIFY(!gui->Button("serverStart_pushButton")->isEnabled());
     QTRY_VERIFY(gui->Status() != QLatin1String("-"));
+    QVERIFY(gui->Button("serverStart_pushButton")->isEnabled());
 }
 
 void TestTarnSrvGui::Click(const char *button)
@@ -153,10 +161,13 @@ void TestTarnSrvGui::startup_data()
     const QVariantMap autoStart{{AutoStartKey, true}};
     const QVariantMap autoStartText{{AutoStartKey, QStringLiteral("true")}};
     const QVariantMap manual5{{AutoPortKey, QStringLiteral("false")}, {PortNrKey, QStringLiteral("5")}};
+    const QVariantMap manual70000{{AutoPortKey, false}, {PortNrKey, QStringLiteral("70000")}};
 
     // PORT and LOG in the configuration are replaced by a free port and a log folder.
     QTest::newRow("nothing stored") << none << QString() << 0 << "" << false << none;
     QTest::newRow("manual 0123") << manual0123 << QString() << 1 << "123" << false << manual0123;
+    // Would listen on 70000 cut to 16 bits; an empty field leaves the port to the system.
+    QTest::newRow("manual port out of range") << manual70000 << QString() << 1 << "" << false << manual70000;
     QTest::newRow("auto start") << autoStart << QString() << 0 << "" << true << autoStart;
     QTest::newRow("auto start as text") << autoStartText << QString() << 0 << "" << true << autoStartText;
     QTest::newRow("invalid file keeps settings") << manual5 << "PortNr = abc\n" << 1 << "5" << false << manual5;
@@ -276,9 +287,10 @@ void TestTarnSrvGui::operatorChangesStored()
     QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(false));
     QVERIFY(gui->PortEdit()->isEnabled());
 
-    QTest::keyClicks(gui->PortEdit(), QStringLiteral("012a"));
-    const QVariant typed = StoredSettings().value(PortNrKey);
-    QCOMPARE(typed.toString(), QStringLiteral("012a"));
+    QTest::keyClicks(gui->PortEdit(), QStringLiteral("8"));
+    QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("8"));
+    QTest::keyClicks(gui->PortEdit(), QStringLiteral("0"));
+    QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("80"));
 
     gui->PortMode()->setCurrentIndex(0);
     QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(true));
@@ -289,15 +301,91 @@ void TestTarnSrvGui::operatorChangesStored()
     QCOMPARE(gui->Status(), Stopped());
 }
 
-void TestTarnSrvGui::invalidManualPortUsesSystemPort()
+void TestTarnSrvGui::portFieldTakesOnlyPorts_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::addColumn<QString>("shown");
+
+    QTest::newRow("highest port") << "65535" << "65535";
+    QTest::newRow("one past it") << "65536" << "6553";
+    QTest::newRow("beyond 16 bits") << "70000" << "7000";
+    QTest::newRow("sign") << "-1" << "1";
+    QTest::newRow("letters") << "12a" << "12";
+}
+
+void TestTarnSrvGui::portFieldTakesOnlyPorts()
+{
+    QFETCH(QString, typed);
+    QFETCH(QString, shown);
+    OpenWindow();
+    gui->PortMode()->setCurrentIndex(1);
+    QTest::keyClicks(gui->PortEdit(), typed);
+    QCOMPARE(gui->PortEdit()->text(), shown);
+    QCOMPARE(StoredSettings().value(PortNrKey).toString(), shown);
+}
+
+void TestTarnSrvGui::zeroManualPortUsesSystemPort()
 {
     OpenWindow();
     gui->PortMode()->setCurrentIndex(1);
-    QTest::keyClicks(gui->PortEdit(), QStringLiteral("12a"));
+    QTest::keyClicks(gui->PortEdit(), QStringLiteral("0"));
     Click("serverStart_pushButton");
     QCOMPARE(gui->Status(), Running());
     QVERIFY(gui->ListeningPort() > 1024);
-    QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("12a"));
+    QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("0"));
+}
+
+// Clicks land while a start or stop is still processing events, as an
+// impatient operator's do. Whatever the order, the server's steps never
+// interleave in the log, and the window ends in a state that matches the server.
+void TestTarnSrvGui::burstOfClicks()
+{
+    OpenWindow();
+    const char *const buttons[] = {"serverStart_pushButton", "serverStop_pushButton", "serverRestart_pushButton"};
+    QRandomGenerator random(15);
+    int clicks = 0;
+    QObject clicking; // ends the clicks still armed when the test returns early
+    std::function<void()> clickLater = [&] {
+        const int delayMs = random.bounded(2) ? 0 : int(random.bounded(300));
+        QTimer::singleShot(delayMs, &clicking, [&] {
+            // Armed before this click, so the next one can land inside the step it begins.
+            if (++clicks < 30)
+                clickLater();
+            Click(buttons[random.bounded(3)]);
+        });
+    };
+    clickLater();
+    QTRY_VERIFY_WITH_TIMEOUT(clicks >= 30, 30000);
+    // A restart still due runs once its old endpoint is gone.
+    QTest::qWait(300);
+    for (const char *button : buttons)
+        QVERIFY(gui->Button(button)->isEnabled());
+
+    static const QRegularExpression prefix(QStringLiteral("^[\\d. :]+ - \\w+ : "));
+    const QStringList flow{QStringLiteral("Starting Tarn server."), QStringLiteral("Tarn server started on port"),
+                           QStringLiteral("Disconnecting all clients..."), QStringLiteral("Stopping Tarn server..."),
+                           QStringLiteral("Tarn server stopped.")};
+    QStringList steps;
+    const QStringList lines = gui->LogView()->toPlainText().split(QLatin1Char('\n'));
+    for (QString line : lines) {
+        line.remove(prefix);
+        for (int i = 0; i < flow.size(); ++i)
+            if (line.startsWith(flow.at(i)))
+                steps.append(QString::number(i));
+    }
+    // Each start logs 0 1, each stop 2 3 4, one after the other.
+    static const QRegularExpression wellFormed(QStringLiteral("^(01|234)*$"));
+    const QString sequence = steps.join(QString());
+    QVERIFY2(wellFormed.match(sequence).hasMatch(), qPrintable(sequence));
+    const bool running = sequence.endsWith(QLatin1String("01"));
+    QCOMPARE(gui->Status(), running ? Running() : Stopped());
+
+    if (!running)
+        Click("serverStart_pushButton");
+    TarnClt client;
+    ClientRecord rec = Identity(QUuid::createUuid().toString(), QStringLiteral("Ann"));
+    QVERIFY(client.Open(QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(gui->ListeningPort())), &rec));
+    QCOMPARE(client.Ping(), 0);
 }
 
 void TestTarnSrvGui::clientsTree()

@@ -53,7 +53,8 @@ version=$("$root/usr/bin/tarn" --version)
 port=$((41000 + $$ % 8000))
 mkdir -p "$work/log" "$work/config"
 printf 'PortNr = %s\nLoggingFolder = %s\n' "$port" "$work/log" >"$root/etc/tarn/TarnSrv.cfg"
-QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME="$work/config" "$root/usr/bin/TarnSrv" >"$work/srv.log" 2>&1 &
+QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME="$work/config" TARN_INSTANCE_LOCK="$work/instance.lock" \
+    "$root/usr/bin/TarnSrv" >"$work/srv.log" 2>&1 &
 server=$!
 for _ in $(seq 50); do
     if "$root/usr/bin/tarn" ping "wss://127.0.0.1:$port" >"$work/ping" 2>&1; then

@@ -3,6 +3,7 @@
 
 #include <QSslSocket>
 #include <QTcpServer>
+#include <QWebSocketServer>
 #include <QtTest>
 #include <memory>
 
@@ -46,6 +47,8 @@ private slots:
     void stopLogsInOrderAndEmitsSocketDestroyed();
     void secondStartKeepsPort();
     void startOnBusyPortFails();
+    void nestedStartStopIgnored_data();
+    void nestedStartStopIgnored();
 
 private:
     std::unique_ptr<WsClient> Connect(const QString &session, const QString &name);
@@ -309,6 +312,56 @@ void TestTarnSrv::startOnBusyPortFails()
     QCOMPARE(lines.at(1).text,
              QStringLiteral("Failed to start Tarn server. An other server might already be running on port %1.")
                  .arg(port));
+}
+
+void TestTarnSrv::nestedStartStopIgnored_data()
+{
+    QTest::addColumn<bool>("outerStart");
+    QTest::addColumn<QString>("atLine");
+    QTest::addColumn<bool>("nestedStart");
+
+    // The window's events run inside these steps; a click there calls in again.
+    QTest::newRow("stop inside stop") << false << "Disconnecting all clients..." << false;
+    QTest::newRow("start inside stop") << false << "Stopping Tarn server..." << true;
+    QTest::newRow("start inside start") << true << "Starting Tarn server." << true;
+}
+
+void TestTarnSrv::nestedStartStopIgnored()
+{
+    QFETCH(bool, outerStart);
+    QFETCH(QString, atLine);
+    QFETCH(bool, nestedStart);
+
+    if (outerStart) {
+        QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
+        server->Stop();
+        QTRY_COMPARE(destroyed.count(), 1);
+    }
+    int nestedResult = 0;
+    connect(server.get(), &TarnSrv::Log, this, [&](const QString &text) {
+        if (text != atLine)
+            return;
+        if (nestedStart)
+            nestedResult = server->Start(0);
+        else
+            server->Stop();
+    });
+    log.clear();
+    if (outerStart)
+        QCOMPARE(server->Start(0), 0);
+    else
+        server->Stop();
+
+    QCOMPARE(nestedResult, nestedStart ? -1 : 0);
+    QCOMPARE(server->IsRunning(), outerStart);
+    const QStringList once = outerStart ? QStringList{QStringLiteral("Starting Tarn server."),
+                                                      QStringLiteral("Tarn server started on port %1.\n")
+                                                          .arg(server->ListeningPort())}
+                                        : QStringList{QStringLiteral("Disconnecting all clients..."),
+                                                      QStringLiteral("Stopping Tarn server..."),
+                                                      QStringLiteral("Tarn server stopped.")};
+    QCOMPARE(LogTexts(), once);
+    QTRY_COMPARE(server->findChildren<QWebSocketServer *>().size(), outerStart ? 1 : 0);
 }
 
 QTEST_MAIN(TestTarnSrv)

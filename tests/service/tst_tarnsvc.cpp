@@ -51,8 +51,10 @@ void TestTarnSvc::initTestCase()
 {
     QVERIFY(temp.isValid());
     qputenv("TARN_SCM_ROOT", temp.filePath(QStringLiteral("scm")).toLocal8Bit());
-    // The manager child keeps its settings here, not in the user's.
+    // The manager child keeps its settings and its single-instance lock here,
+    // away from the user's and from a manager running on the machine.
     qputenv("XDG_CONFIG_HOME", temp.filePath(QStringLiteral("config")).toLocal8Bit());
+    qputenv("TARN_INSTANCE_LOCK", temp.filePath(QStringLiteral("instance.lock")).toLocal8Bit());
     host = copyHost(temp.filePath(QStringLiteral("svc host")));
     QVERIFY(QFile::copy(QStringLiteral(TARNSRV_PATH), temp.filePath(QStringLiteral("svc host/TarnSrv"))));
     QVERIFY(resolveScmFunctions());

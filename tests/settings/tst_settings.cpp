@@ -111,7 +111,13 @@ void TestSettings::parseLine_data()
     QTest::addColumn<QString>("folder");
 
     QTest::newRow("port") << " PortNr=4000 " << true << "Port number: 4000\n" << 4000 << true << "";
-    QTest::newRow("negative port") << "PortNr = -7" << true << "Port number: -7\n" << -7 << true << "";
+    QTest::newRow("highest port") << "PortNr = 65535" << true << "Port number: 65535\n" << 65535 << true << "";
+    QTest::newRow("port 0 leaves no port") << "PortNr = 0" << true << "Port number: 0\n" << 0 << true << "";
+    const QString range = QStringLiteral("\" is out of range.\nExpecting a port number from 1 to 65535.\n");
+    QTest::newRow("port above range") << "PortNr = 70000" << false << "Line number 3 with value \"PortNr = 70000" + range
+                                      << 0 << true << "";
+    QTest::newRow("negative port") << "PortNr = -7" << false << "Line number 3 with value \"PortNr = -7" + range << 0
+                                   << true << "";
     QTest::newRow("port not a number") << "PortNr = abc" << true << "Port number: 0\n" << 0 << true << "";
     QTest::newRow("port with leading zero") << "PortNr = 0080" << true << "Port number: 80\n" << 80 << true << "";
     QTest::newRow("logging TRUE") << "LoggingEnable = TRUE" << true << "Logging: enabled\n" << 0 << true << "";
@@ -274,8 +280,8 @@ void TestSettings::storedValueTypes_data()
     QTest::newRow("logging into a folder") << QByteArray("PortNr = 4000\nLoggingEnable = TRUE\nLoggingFolder = DIR\n")
                                            << "int:4000" << "bool:true" << "QString:" + dir.path();
     // Logging off, so the empty folder (the root) is never written to.
-    QTest::newRow("no folder, port out of range") << QByteArray("PortNr = 70000\nLoggingEnable = off\n")
-                                                  << "int:70000" << "bool:false" << "QString:";
+    QTest::newRow("no folder") << QByteArray("PortNr = 65535\nLoggingEnable = off\n") << "int:65535" << "bool:false"
+                               << "QString:";
 }
 
 void TestSettings::storedValueTypes()
