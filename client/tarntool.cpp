@@ -10,6 +10,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
+#include <algorithm>
 
 using namespace Tarn;
 
@@ -31,12 +32,6 @@ QString LoginName()
             return name;
     }
     return QStringLiteral("tarn");
-}
-
-bool IsServerUrl(const QUrl &url)
-{
-    return url.isValid() && url.scheme() == QLatin1String("wss") && !url.host().isEmpty()
-           && url.port() > 0 && url.path().isEmpty();
 }
 
 QString Describe(const ActiveClient &client)
@@ -123,10 +118,19 @@ bool TarnTool::ParseIdentity()
     return true;
 }
 
-int TarnTool::Discover()
+QList<QUrl> TarnTool::DiscoverServers()
 {
     SrvUrlDetect detector(nullptr);
-    const QList<QUrl> urls = detector.Detect();
+    QList<QUrl> urls = detector.Detect();
+    // Anyone on the network can answer; only server URLs are printed or used.
+    urls.erase(std::remove_if(urls.begin(), urls.end(), [](const QUrl &url) { return !IsServerUrl(url); }),
+               urls.end());
+    return urls;
+}
+
+int TarnTool::Discover()
+{
+    const QList<QUrl> urls = DiscoverServers();
     if (urls.isEmpty())
         return Fail(QStringLiteral("no Tarn server answered the discovery request"));
     for (const QUrl &url : urls)
@@ -152,8 +156,7 @@ int TarnTool::Connect(TarnClt &client, QUrl &url)
 
 int TarnTool::DiscoverOne(QUrl &url)
 {
-    SrvUrlDetect detector(nullptr);
-    const QList<QUrl> urls = detector.Detect();
+    const QList<QUrl> urls = DiscoverServers();
     if (urls.isEmpty())
         return Fail(QStringLiteral("no Tarn server answered the discovery request; give its URL"));
     if (urls.size() > 1) {
