@@ -10,6 +10,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
+#include <algorithm>
 
 using namespace Tarn;
 
@@ -33,15 +34,54 @@ QString LoginName()
     return QStringLiteral("tarn");
 }
 
-bool IsServerUrl(const QUrl &url)
+// Characters a terminal may act on instead of showing them: C0 and C1 controls,
+// DEL, format characters such as bidirectional overrides, and line and
+// paragraph separators.
+bool IsUnsafeForTerminal(uint ucs4)
 {
-    return url.isValid() && url.scheme() == QLatin1String("wss") && !url.host().isEmpty()
-           && url.port() > 0 && url.path().isEmpty();
+    switch (QChar::category(ucs4)) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Guest names come from any client. Text output shows each unsafe character
+// as U+FFFD (toUcs4 already makes unpaired surrogates one).
+QString Printable(const QString &text)
+{
+    QString shown;
+    shown.reserve(text.size());
+    for (const uint ucs4 : text.toUcs4())
+        shown += IsUnsafeForTerminal(ucs4) ? QString(QChar::ReplacementCharacter) : QString::fromUcs4(&ucs4, 1);
+    return shown;
+}
+
+// QJsonDocument escapes only what JSON requires (below U+0020); the rest of the
+// unsafe characters get the \u escapes that JSON allows, so that a parser still
+// reads the exact name. A raw line feed can only be the layout's own.
+QString PrintableJson(const QJsonDocument &document)
+{
+    QString json;
+    for (const uint ucs4 : QString::fromUtf8(document.toJson(QJsonDocument::Indented)).toUcs4()) {
+        const QString character = QString::fromUcs4(&ucs4, 1);
+        if (ucs4 == '\n' || !IsUnsafeForTerminal(ucs4)) {
+            json += character;
+            continue;
+        }
+        for (const QChar unit : character)
+            json += QStringLiteral("\\u%1").arg(unit.unicode(), 4, 16, QLatin1Char('0'));
+    }
+    return json;
 }
 
 QString Describe(const ActiveClient &client)
 {
-    return client.guestName + QLatin1Char(' ') + UuidText(client.sessionUuid);
+    return Printable(client.guestName) + QLatin1Char(' ') + UuidText(client.sessionUuid);
 }
 
 } // namespace
@@ -123,10 +163,19 @@ bool TarnTool::ParseIdentity()
     return true;
 }
 
-int TarnTool::Discover()
+QList<QUrl> TarnTool::DiscoverServers()
 {
     SrvUrlDetect detector(nullptr);
-    const QList<QUrl> urls = detector.Detect();
+    QList<QUrl> urls = detector.Detect();
+    // Anyone on the network can answer; only server URLs are printed or used.
+    urls.erase(std::remove_if(urls.begin(), urls.end(), [](const QUrl &url) { return !IsServerUrl(url); }),
+               urls.end());
+    return urls;
+}
+
+int TarnTool::Discover()
+{
+    const QList<QUrl> urls = DiscoverServers();
     if (urls.isEmpty())
         return Fail(QStringLiteral("no Tarn server answered the discovery request"));
     for (const QUrl &url : urls)
@@ -152,8 +201,7 @@ int TarnTool::Connect(TarnClt &client, QUrl &url)
 
 int TarnTool::DiscoverOne(QUrl &url)
 {
-    SrvUrlDetect detector(nullptr);
-    const QList<QUrl> urls = detector.Detect();
+    const QList<QUrl> urls = DiscoverServers();
     if (urls.isEmpty())
         return Fail(QStringLiteral("no Tarn server answered the discovery request; give its URL"));
     if (urls.size() > 1) {
@@ -210,13 +258,15 @@ int TarnTool::ClientsCommand()
         for (const ActiveClient &c : qAsConst(clients))
             array.append(QJsonObject{{QStringLiteral("guestName"), c.guestName},
                                      {QStringLiteral("sessionUuid"), UuidText(c.sessionUuid)}});
-        out << QJsonDocument(array).toJson(QJsonDocument::Indented);
+        out << PrintableJson(QJsonDocument(array));
         return Ok;
     }
     const QString nameHeader = QStringLiteral("GUEST NAME");
     int width = nameHeader.size();
-    for (const ActiveClient &c : qAsConst(clients))
+    for (ActiveClient &c : clients) {
+        c.guestName = Printable(c.guestName);
         width = qMax(width, c.guestName.size());
+    }
     out << nameHeader.leftJustified(width) << "  SESSION\n";
     for (const ActiveClient &c : qAsConst(clients))
         out << c.guestName.leftJustified(width) << "  " << UuidText(c.sessionUuid) << '\n';

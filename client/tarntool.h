@@ -29,6 +29,7 @@ private:
     // discovery finds; returns Ok or the exit code after reporting the failure.
     int Connect(TarnClt &client, QUrl &url);
     int DiscoverOne(QUrl &url);
+    QList<QUrl> DiscoverServers();
     bool FetchClients(TarnClt &client, QList<ActiveClient> &clients);
     int Fail(const QString &message, int code = Failed);
 

@@ -8,6 +8,7 @@
 // left unanswered before any reply is built.
 
 #include "fuzzsupport.h"
+#include "protocol.h"
 #include "srvurldetect.h"
 
 #include <QUdpSocket>
@@ -24,6 +25,8 @@ void FeedDetector(const QByteArray &datagram)
     QUdpSocket unbound;
     detector.ProcessDatagram(&unbound, datagram);
     Require(detector.Urls().size() <= 1, "a datagram adds at most one URL to a detector");
+    Require(detector.Urls().isEmpty() || Tarn::IsServerUrl(detector.Urls().first()),
+            "a detector keeps only server URLs");
 }
 
 void FeedResponder(const QByteArray &datagram)
@@ -34,8 +37,7 @@ void FeedResponder(const QByteArray &datagram)
     auto *socket = responder.findChild<QUdpSocket *>();
     Require(socket != nullptr, "an advertised responder owns its socket");
     responder.ProcessDatagram(socket, datagram);
-    Require(!responder.Urls().isEmpty() && responder.Urls().first() == AnnouncedUrl,
-            "a datagram never changes the announced URL");
+    Require(responder.Urls() == QList<QUrl>{AnnouncedUrl}, "a datagram never changes the announced URL");
 }
 
 } // namespace

@@ -1,5 +1,31 @@
 #include "protocol.h"
 
+#include <QHostAddress>
+#include <QUrl>
+
+namespace {
+
+// Dot-separated labels of ASCII letters, digits, '-' and '_', as resolvers accept them.
+bool IsHostName(const QString &host)
+{
+    if (host.size() > 253)
+        return false;
+    const QStringList labels = host.split(QLatin1Char('.'));
+    for (const QString &label : labels) {
+        if (label.isEmpty() || label.size() > 63 || label.startsWith(QLatin1Char('-'))
+            || label.endsWith(QLatin1Char('-')))
+            return false;
+        for (const QChar c : label) {
+            const bool asciiAlnum = c.unicode() < 128 && c.isLetterOrNumber();
+            if (!asciiAlnum && c != QLatin1Char('-') && c != QLatin1Char('_'))
+                return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
 namespace Tarn {
 
 QStringList SplitMessage(const QString &msg)
@@ -16,6 +42,21 @@ QString MessageName(const QString &msg)
 QString UuidText(const QUuid &uuid)
 {
     return uuid.toString(QUuid::WithBraces);
+}
+
+bool IsServerUrl(const QUrl &url)
+{
+    if (!url.isValid() || url.scheme() != QLatin1String("wss") || url.toEncoded().size() > MaxUrlLength)
+        return false;
+    // port() is -1 when absent; QUrl itself refuses ports above 65535. Even an
+    // empty user, path, query or fragment ("@", "/", "?", "#") is refused.
+    const QUrl::FormattingOptions extras =
+        QUrl::RemoveUserInfo | QUrl::RemovePath | QUrl::RemoveQuery | QUrl::RemoveFragment;
+    if (url.port() < 1 || url != url.adjusted(extras))
+        return false;
+    // The encoded host is ASCII even for international names.
+    const QString host = url.host(QUrl::FullyEncoded);
+    return !QHostAddress(host).isNull() || IsHostName(host);
 }
 
 QList<ActiveClient> ParseActiveClients(const QString &body)

@@ -4,6 +4,7 @@
 #include <QStringList>
 #include <QUuid>
 
+class QUrl;
 class QWebSocket;
 
 // Vocabulary and identity shared by the session server and the client connector.
@@ -26,6 +27,15 @@ QString MessageName(const QString &msg);
 
 // Braced lower-case form used on the wire.
 QString UuidText(const QUuid &uuid);
+
+// Longest server URL accepted, in encoded form; a real one is about 25 characters.
+constexpr int MaxUrlLength = 256;
+
+// A URL as a responder announces it, wss://HOST:PORT and nothing else: HOST an
+// IP address or a host name, PORT 1-65535, at most MaxUrlLength characters.
+// Discovered URLs come from anyone on the network, so both the detector and
+// the tool check them with this before keeping or printing one.
+bool IsServerUrl(const QUrl &url);
 
 } // namespace Tarn
 

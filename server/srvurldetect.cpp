@@ -1,5 +1,7 @@
 #include "srvurldetect.h"
 
+#include "protocol.h"
+
 #include <QDataStream>
 #include <QEventLoop>
 #include <QNetworkInterface>
@@ -30,9 +32,24 @@ int SrvUrlDetect::Bind()
     if (sockets.isEmpty())
         sockets.append(new QUdpSocket(this));
     QUdpSocket *socket = sockets.last();
-    // Another program may hold a port of the range: search upward, without limit.
-    while (!socket->bind(QHostAddress::Any, quint16(port)))
+    // Another program may hold a port of the range: search upward, to the last
+    // port there is. Windows reports a port reserved by the system as an access
+    // error. Any other failure, such as no descriptor left, would recur on every
+    // port, so it ends the search at once.
+    while (!socket->bind(QHostAddress::Any, quint16(port))) {
+        const QAbstractSocket::SocketError error = socket->error();
+        const bool portTaken = error == QAbstractSocket::AddressInUseError
+                               || error == QAbstractSocket::SocketAccessError;
+        if (!portTaken || port == LastUdpPort) {
+            emit Log(QStringLiteral("Discovery is not available: cannot bind UDP port %1 (%2). "
+                                    "Clients need the server's URL.")
+                         .arg(port)
+                         .arg(socket->errorString()),
+                     1, false);
+            return -1;
+        }
         ++port;
+    }
     // Deliberately only the last port is refused: a responder above the range is
     // accepted although no detector reaches it.
     if (port == DiscoveryLastPort)
@@ -48,6 +65,7 @@ int SrvUrlDetect::Advertise(const QUrl &url)
         return result;
     urls.clear();
     urls.append(url);
+    advertised = true;
     return 0;
 }
 
@@ -70,6 +88,7 @@ QByteArray SrvUrlDetect::ReplyDatagram(const QUrl &url)
 QList<QUrl> SrvUrlDetect::Detect()
 {
     urls.clear();
+    advertised = false;
     const QByteArray request = RequestDatagram();
     const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
     for (const QHostAddress &address : addresses) {
@@ -111,13 +130,20 @@ void SrvUrlDetect::ProcessDatagram(QUdpSocket *socket, const QByteArray &datagra
     in >> id;
     if (id == DiscoveryRequestId && !urls.isEmpty()) {
         AnswerRequest(socket);
-    } else if (id == DiscoveryReplyId) {
+    } else if (id == DiscoveryReplyId && !advertised) {
         QUrl url;
         in >> url;
-        if (!urls.contains(url))
-            urls.append(url);
-        replyReceived = true;
+        CollectReply(url);
     }
+}
+
+// Anyone on the network can send replies: keep only server URLs, each once,
+// and only a few of them.
+void SrvUrlDetect::CollectReply(const QUrl &url)
+{
+    replyReceived = true;
+    if (urls.size() < MaxDetectedUrls && Tarn::IsServerUrl(url) && !urls.contains(url))
+        urls.append(url);
 }
 
 void SrvUrlDetect::AnswerRequest(QUdpSocket *socket)

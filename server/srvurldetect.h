@@ -19,6 +19,10 @@ public:
     static constexpr int DiscoveryFirstPort = 49152;
     static constexpr int DiscoveryLastPort = 49172;
     static constexpr int DetectionWaitMs = 500;
+    // Where the responder's port search gives up.
+    static constexpr int LastUdpPort = 65535;
+    // A detection keeps at most this many URLs; a LAN has a few servers at most.
+    static constexpr int MaxDetectedUrls = 32;
 
     explicit SrvUrlDetect(QObject *parent);
     ~SrvUrlDetect() override;
@@ -38,6 +42,9 @@ public:
 
     static quint32 LocalAddressFor(quint32 peer);
 
+signals:
+    void Log(QString text, quint32 type, bool msgBox);
+
 public slots:
     void ReadPendingDatagrams();
 
@@ -46,11 +53,14 @@ public:
 
 private:
     void AnswerRequest(QUdpSocket *socket);
+    void CollectReply(const QUrl &url);
     void CloseSockets();
 
     QList<QUdpSocket *> sockets;
     qint32 port = DiscoveryFirstPort;
     QList<QUrl> urls;
+    // Set by a successful Advertise: a responder has nothing to learn from replies.
+    bool advertised = false;
     bool replyReceived = false;
     QHostAddress senderAddress;
     quint16 senderPort = 0;

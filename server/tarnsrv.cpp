@@ -114,6 +114,7 @@ int TarnSrv::Start(int port)
 
     if (!discovery) {
         discovery = new SrvUrlDetect(nullptr);
+        connect(discovery, &SrvUrlDetect::Log, this, &TarnSrv::Log);
         discovery->Advertise(serverUrl);
     }
     return 0;

@@ -71,6 +71,10 @@ void TestTarnTool::StartTool(QProcess &tool, QStringList args)
 {
     args.replaceInStrings(QStringLiteral("URL"), url);
     args.replaceInStrings(QStringLiteral("CLOSED"), QString::number(closedPort));
+    // Output beyond ASCII (U+FFFD for unsafe characters) comes as UTF-8 whatever the locale.
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    tool.setProcessEnvironment(env);
     tool.start(QStringLiteral(TARN_TOOL_PATH), args);
     QVERIFY(tool.waitForStarted());
 }
@@ -97,6 +101,14 @@ void TestTarnTool::commands_data()
                                         "]\n").arg(SessionA, SessionB);
     const QStringList zed{QStringLiteral("--name"), QStringLiteral("Zed"),
                           QStringLiteral("--session"), SessionB};
+    // ESC, BEL and DEL: a terminal acts on each instead of showing it.
+    const QStringList eve{QStringLiteral("--name"), QStringLiteral("Eve\x1b[2J\x07\x7f!"),
+                          QStringLiteral("--session"), SessionB};
+    const QString eveTable = QStringLiteral("GUEST NAME  SESSION\n"
+                                            "Ann         %1\n"
+                                            "Eve\ufffd[2J\ufffd\ufffd!  %2\n")
+                                 .arg(SessionA, SessionB);
+    const QString eveJson = QStringLiteral("\"guestName\": \"Eve\\u001b[2J\\u0007\\u007f!\",");
 
     // out and err are regular expressions matched against the whole stream.
     QTest::newRow("ping") << QStringList{"ping", "URL"} << 0
@@ -105,6 +117,11 @@ void TestTarnTool::commands_data()
                                    << QRegularExpression::escape(table) << "";
     QTest::newRow("clients json") << QStringList{"clients", "URL", "--json", "--name", "Zed <3", "--session", SessionB}
                                   << 0 << QRegularExpression::escape(json) << "";
+    QTest::newRow("clients table, control characters") << QStringList{"clients", "URL"} + eve << 0
+                                                       << QRegularExpression::escape(eveTable) << "";
+    QTest::newRow("clients json, control characters") << QStringList{"clients", "URL", "--json"} + eve << 0
+                                                      << "(.|\n)*" + QRegularExpression::escape(eveJson) + "(.|\n)*"
+                                                      << "";
     QTest::newRow("version") << QStringList{"--version"} << 0 << "tarn " TARN_VERSION "\n" << "";
     QTest::newRow("malformed url") << QStringList{"ping", "http://x"} << 2 << ""
                                    << "tarn: 'http://x' is not a server URL; expected wss://HOST:PORT\n";

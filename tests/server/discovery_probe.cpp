@@ -4,6 +4,8 @@
 //   discovery_probe detect                      - prints each URL a detection finds
 //   discovery_probe hold URL N                  - N connected clients; prints "lost"
 //                                                 for each that loses its server
+//   discovery_probe flood PORT N BYTES          - N spoofed replies, each with another
+//                                                 URL of about BYTES, to 127.0.0.1:PORT
 // TARN_TEST_HEARTBEAT_MS shortens the heartbeat of both sides.
 #include "srvurldetect.h"
 #include "tarnclt.h"
@@ -11,6 +13,7 @@
 
 #include <QCoreApplication>
 #include <QTextStream>
+#include <QThread>
 #include <QTimer>
 #include <QUdpSocket>
 #include <memory>
@@ -75,6 +78,24 @@ static int Hold(const QStringList &args)
     return QCoreApplication::exec();
 }
 
+static int Flood(const QStringList &args)
+{
+    const auto port = quint16(args.value(2).toUInt());
+    const int count = args.value(3).toInt();
+    const QString padding(qMax(args.value(4).toInt(), 0), QLatin1Char('x'));
+    QUdpSocket socket;
+    for (int i = 0; i < count; ++i) {
+        // Each URL differs, so a receiver that keeps replies cannot fold them into one.
+        const QUrl url(QStringLiteral("wss://10.0.0.1:443/%1/%2").arg(i).arg(padding));
+        // Loopback only: the flood stays inside the test's own namespace.
+        socket.writeDatagram(SrvUrlDetect::ReplyDatagram(url), QHostAddress::LocalHost, port);
+        // Paced, so that the receiver's buffer holds them rather than the kernel dropping them.
+        if (i % 8 == 7)
+            QThread::msleep(2);
+    }
+    return 0;
+}
+
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
@@ -85,6 +106,9 @@ int main(int argc, char **argv)
         return Detect();
     if (args.value(1) == QLatin1String("hold"))
         return Hold(args);
-    QTextStream(stderr) << "usage: discovery_probe serve PORT [HOLD_UDP_PORT] | detect | hold URL N\n";
+    if (args.value(1) == QLatin1String("flood"))
+        return Flood(args);
+    QTextStream(stderr) << "usage: discovery_probe serve PORT [HOLD_UDP_PORT] | detect | hold URL N"
+                           " | flood PORT N BYTES\n";
     return 2;
 }

@@ -19,6 +19,8 @@ private slots:
     void requestAnswered_data();
     void requestAnswered();
     void repliesCollectedOnce();
+    void replyChecked_data();
+    void replyChecked();
     void bindSkipsTakenPorts_data();
     void bindSkipsTakenPorts();
     void localAddressFor_data();
@@ -26,7 +28,17 @@ private slots:
 
 private:
     static QByteArray Utf16Id(const QString &id);
+    static QByteArray RawReply(const QByteArray &url);
 };
+
+// A reply carrying any bytes as its URL, as a hostile peer may send.
+QByteArray TestSrvUrlDetect::RawReply(const QByteArray &url)
+{
+    QByteArray datagram;
+    QDataStream out(&datagram, QIODevice::WriteOnly);
+    out << SrvUrlDetect::DiscoveryReplyId << url;
+    return datagram;
+}
 
 QByteArray TestSrvUrlDetect::Utf16Id(const QString &id)
 {
@@ -83,7 +95,8 @@ void TestSrvUrlDetect::requestAnswered()
     QFETCH(bool, answered);
 
     SrvUrlDetect responder(nullptr);
-    QCOMPARE(responder.Advertise(QUrl(QStringLiteral("wss://0.0.0.0:50443"))), 0);
+    const QUrl advertised(QStringLiteral("wss://0.0.0.0:50443"));
+    QCOMPARE(responder.Advertise(advertised), 0);
 
     QUdpSocket requester;
     QVERIFY(requester.bind(QHostAddress::LocalHost, 0));
@@ -102,27 +115,79 @@ void TestSrvUrlDetect::requestAnswered()
     QCOMPARE(requester.hasPendingDatagrams(), false);
     for (const QByteArray &reply : replies)
         QCOMPARE(reply, SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:50443"))));
+    // A responder learns nothing from replies, however many arrive.
+    QCOMPARE(responder.Urls(), QList<QUrl>{advertised});
 }
 
 void TestSrvUrlDetect::repliesCollectedOnce()
 {
-    // A detector keeps each URL once, in order of arrival...
+    // A detector keeps each URL once, in order of arrival, and only the first
+    // MaxDetectedUrls of them...
     SrvUrlDetect detector(nullptr);
     QCOMPARE(detector.Bind(), 0);
     QUdpSocket peer;
     QVERIFY(peer.bind(QHostAddress::LocalHost, 0));
     const auto target = quint16(detector.Port());
-    const QUrl first(QStringLiteral("wss://10.1.1.1:443"));
-    const QUrl second(QStringLiteral("wss://10.2.2.2:443"));
-    for (const QUrl &url : {first, second, first})
+    QList<QUrl> sent;
+    for (int i = 0; i <= SrvUrlDetect::MaxDetectedUrls; ++i)
+        sent.append(QUrl(QStringLiteral("wss://10.1.1.%1:443").arg(i)));
+    for (const QUrl &url : QList<QUrl>{sent.first()} + sent)
         peer.writeDatagram(SrvUrlDetect::ReplyDatagram(url), QHostAddress::LocalHost, target);
-    QTRY_COMPARE(detector.Urls(), QList<QUrl>({first, second}));
+    QTRY_COMPARE(detector.Urls(), sent.mid(0, SrvUrlDetect::MaxDetectedUrls));
 
     // ...and, holding URLs, answers a request as a responder would.
     peer.writeDatagram(SrvUrlDetect::RequestDatagram(), QHostAddress::LocalHost, target);
     QTRY_VERIFY(peer.hasPendingDatagrams());
     QCOMPARE(peer.receiveDatagram().data(),
              SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:443"))));
+}
+
+void TestSrvUrlDetect::replyChecked_data()
+{
+    QTest::addColumn<QByteArray>("reply");
+    QTest::addColumn<bool>("kept");
+
+    // 4 labels of 61 characters: a host name of 247, a URL of 257 characters.
+    const QByteArray longHost = QByteArray(61, 'a') + '.' + QByteArray(61, 'b') + '.' + QByteArray(61, 'c') + '.'
+                                + QByteArray(61, 'd');
+    const QByteArray reply = SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://10.9.9.9:443")));
+
+    QTest::newRow("address") << RawReply("wss://192.168.10.7:50443") << true;
+    QTest::newRow("host name") << RawReply("wss://tarn-1.example.lan:443") << true;
+    QTest::newRow("IPv6 address") << RawReply("wss://[fe80::1]:443") << true;
+    QTest::newRow("identifier only") << reply.left(76) << false;
+    QTest::newRow("URL cut short") << reply.left(reply.size() - 3) << false;
+    QTest::newRow("empty URL") << RawReply("") << false;
+    QTest::newRow("other scheme") << RawReply("https://10.9.9.9:443") << false;
+    QTest::newRow("no port") << RawReply("wss://10.9.9.9") << false;
+    QTest::newRow("port 0") << RawReply("wss://10.9.9.9:0") << false;
+    QTest::newRow("port 70000") << RawReply("wss://10.9.9.9:70000") << false;
+    QTest::newRow("path") << RawReply("wss://10.9.9.9:443/") << false;
+    QTest::newRow("user") << RawReply("wss://me:pw@10.9.9.9:443") << false;
+    QTest::newRow("empty user") << RawReply("wss://@10.9.9.9:443") << false;
+    QTest::newRow("query") << RawReply("wss://10.9.9.9:443?x") << false;
+    QTest::newRow("fragment") << RawReply("wss://10.9.9.9:443#x") << false;
+    QTest::newRow("escape in host") << RawReply("wss://a\x1b[2Jb:443") << false;
+    QTest::newRow("encoded escape in host") << RawReply("wss://a%1B%5B2Jb:443") << false;
+    QTest::newRow("253-character URL") << RawReply("wss://" + longHost.left(243) + ":443") << true;
+    QTest::newRow("257-character URL") << RawReply("wss://" + longHost + ":443") << false;
+}
+
+// The reply is followed by a good one: once that arrives, the first was judged.
+void TestSrvUrlDetect::replyChecked()
+{
+    QFETCH(QByteArray, reply);
+    QFETCH(bool, kept);
+
+    SrvUrlDetect detector(nullptr);
+    QCOMPARE(detector.Bind(), 0);
+    QUdpSocket peer;
+    QVERIFY(peer.bind(QHostAddress::LocalHost, 0));
+    const QUrl good(QStringLiteral("wss://10.0.0.1:443"));
+    peer.writeDatagram(reply, QHostAddress::LocalHost, quint16(detector.Port()));
+    peer.writeDatagram(SrvUrlDetect::ReplyDatagram(good), QHostAddress::LocalHost, quint16(detector.Port()));
+    QTRY_VERIFY(detector.Urls().contains(good));
+    QCOMPARE(detector.Urls().size(), kept ? 2 : 1);
 }
 
 void TestSrvUrlDetect::bindSkipsTakenPorts_data()

@@ -5,7 +5,10 @@
 #include <QTcpServer>
 #include <QWebSocketServer>
 #include <QtTest>
+#include <fcntl.h>
 #include <memory>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 const QString SessionA = QStringLiteral("{aaaaaaaa-0000-0000-0000-000000000001}");
@@ -49,6 +52,7 @@ private slots:
     void startOnBusyPortFails();
     void nestedStartStopIgnored_data();
     void nestedStartStopIgnored();
+    void discoveryWithoutDescriptorsGivesUp();
 
 private:
     std::unique_ptr<WsClient> Connect(const QString &session, const QString &name);
@@ -362,6 +366,36 @@ void TestTarnSrv::nestedStartStopIgnored()
                                                       QStringLiteral("Tarn server stopped.")};
     QCOMPARE(LogTexts(), once);
     QTRY_COMPARE(server->findChildren<QWebSocketServer *>().size(), outerStart ? 1 : 0);
+}
+
+// With no descriptor left for the responder's socket, the server still runs
+// and says once that it cannot be discovered, instead of trying port after port.
+void TestTarnSrv::discoveryWithoutDescriptorsGivesUp()
+{
+    TarnSrv second;
+    QList<LogLine> lines;
+    connect(&second, &TarnSrv::Log, this,
+            [&lines](const QString &text, quint32 type, bool) { lines.append({text, type}); });
+
+    // Leave exactly one descriptor free: the endpoint's.
+    rlimit saved{};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    const int lowestFree = open("/dev/null", O_RDONLY);
+    QVERIFY(lowestFree >= 0);
+    close(lowestFree);
+    const rlimit tight{rlim_t(lowestFree) + 1, saved.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    auto restore = qScopeGuard([&saved] { setrlimit(RLIMIT_NOFILE, &saved); });
+    const int started = second.Start(0);
+    restore.dismiss();
+    setrlimit(RLIMIT_NOFILE, &saved);
+
+    QCOMPARE(started, 0);
+    QVERIFY(second.IsRunning());
+    QCOMPARE(lines.size(), 3);
+    QCOMPARE(lines.at(2).type, 1u);
+    QVERIFY2(lines.at(2).text.startsWith(QStringLiteral("Discovery is not available: cannot bind UDP port 49152 (")),
+             qPrintable(lines.at(2).text));
 }
 
 QTEST_MAIN(TestTarnSrv)
