@@ -1,5 +1,8 @@
 #include "protocol.h"
 
+#include <QSslSocket>
+#include <QWebSocket>
+
 namespace Tarn {
 
 QStringList SplitMessage(const QString &msg)
@@ -16,6 +19,11 @@ QString MessageName(const QString &msg)
 QString UuidText(const QUuid &uuid)
 {
     return uuid.toString(QUuid::WithBraces);
+}
+
+qint64 UnsentBytes(const QWebSocket *socket, const QSslSocket *transport)
+{
+    return socket->bytesToWrite() + (transport ? transport->encryptedBytesToWrite() : 0);
 }
 
 QList<ActiveClient> ParseActiveClients(const QString &body)
@@ -38,5 +46,6 @@ ClientRecord ClientRecord::FromOrigin(const QString &origin)
     rec.sessionUuid = QUuid(fields.value(1));
     rec.thirdUuid = QUuid(fields.value(2));
     rec.guestName = fields.value(3);
+    rec.guestName.truncate(Tarn::MaxGuestNameLength);
     return rec;
 }
