@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QElapsedTimer>
+#include <QSslSocket>
 #include <QWebSocket>
 
 using namespace Tarn;
@@ -37,6 +38,8 @@ bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
 
     socket = new QWebSocket(BuildOrigin(rec ? *rec : ClientRecord()),
                             QWebSocketProtocol::Version13, this);
+    socket->setMaxAllowedIncomingFrameSize(MaxIncomingSize);
+    socket->setMaxAllowedIncomingMessageSize(MaxIncomingSize);
     connect(socket, &QWebSocket::connected, this, &TarnClt::connected);
     connect(socket, &QWebSocket::disconnected, this, &TarnClt::disconnected);
     connect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
@@ -94,12 +97,16 @@ void TarnClt::disconnected()
 {
     disconnect(socket, &QWebSocket::textMessageReceived, this, &TarnClt::RcvdMessage);
     // Only a completed connection that went away is unexpected; a failed attempt is not.
-    if (!url.isEmpty()) {
-        heartbeatTimer.stop();
-        Close();
-        emit UnexpectedDisconnection();
-    }
+    if (!url.isEmpty())
+        LoseConnection();
     isConnected = false;
+}
+
+void TarnClt::LoseConnection()
+{
+    heartbeatTimer.stop();
+    Close();
+    emit UnexpectedDisconnection();
 }
 
 void TarnClt::onSslErrors(const QList<QSslError> &errors)
@@ -137,18 +144,21 @@ qint64 TarnClt::SendHeartBeat()
         missedBeats = 0;
         serverBeatSeen = false;
     } else if (++missedBeats > MaxMissedBeats) {
-        heartbeatTimer.stop();
-        Close();
-        emit UnexpectedDisconnection();
+        LoseConnection();
         return 0;
     }
     return Send(MsgHeartBeat);
 }
 
+// -1 when the connection was given up because the server does not read.
 qint64 TarnClt::Send(const QString &text)
 {
     reply.clear();
-    return socket->sendTextMessage(text);
+    const qint64 sent = socket->sendTextMessage(text);
+    if (UnsentBytes(socket, socket->findChild<QSslSocket *>(QString(), Qt::FindDirectChildrenOnly)) <= MaxUnsentBytes)
+        return sent;
+    LoseConnection();
+    return -1;
 }
 
 void TarnClt::WaitForReply()

@@ -35,6 +35,12 @@ public:
     static constexpr int ConnectAttempts = 30;
     static constexpr int ConnectAttemptMs = 100;
     static constexpr int ReplyTimeoutMs = 1000;
+    // Largest message taken from a server: an active-clients list of some
+    // twenty thousand entries with the longest names.
+    static constexpr quint64 MaxIncomingSize = 16 * 1024 * 1024;
+    // The connector's own messages are tiny: this much unsent means the server
+    // stopped reading, and the connection is given up.
+    static constexpr qint64 MaxUnsentBytes = 1024 * 1024;
 
 signals:
     void UnexpectedDisconnection();
@@ -49,6 +55,7 @@ private slots:
 private:
     void WaitForReply();
     void WaitForConnection();
+    void LoseConnection();
 
     QEventLoop connectLoop;
     QUrl url;

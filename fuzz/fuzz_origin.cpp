@@ -21,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const ClientRecord rec = ClientRecord::FromOrigin(TarnFuzz::Utf8Text(data, size));
     Require(!rec.guestName.contains(QLatin1Char(',')), "a guest name ends at the first comma");
+    Require(rec.guestName.size() <= Tarn::MaxGuestNameLength, "a guest name is kept to its limit");
     Require(rec.socket == nullptr && !rec.heartBeatSeen && rec.missedBeats == 0,
             "an origin sets identity fields only");
     // The origin a client builds from that identity reads back as the same identity.

@@ -35,6 +35,9 @@ Fixture &TheFixture()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     Fixture &f = TheFixture();
+    // Each input starts a new period of log lines, so none is held back as a repeat.
+    Require(QMetaObject::invokeMethod(&f.server, "SummarizeRepeatedLines", Qt::DirectConnection),
+            "the period slot is callable");
     f.logged.clear();
     const QString msg = TarnFuzz::Utf8Text(data, size);
     Require(QMetaObject::invokeMethod(&f.server, "RcvdMessage", Qt::DirectConnection, Q_ARG(QString, msg)),

@@ -1,7 +1,9 @@
 #include "protocol.h"
 
 #include <QHostAddress>
+#include <QSslSocket>
 #include <QUrl>
+#include <QWebSocket>
 
 namespace {
 
@@ -59,6 +61,11 @@ bool IsServerUrl(const QUrl &url)
     return !QHostAddress(host).isNull() || IsHostName(host);
 }
 
+qint64 UnsentBytes(const QWebSocket *socket, const QSslSocket *transport)
+{
+    return socket->bytesToWrite() + (transport ? transport->encryptedBytesToWrite() : 0);
+}
+
 QList<ActiveClient> ParseActiveClients(const QString &body)
 {
     const QStringList fields = SplitMessage(body);
@@ -79,5 +86,6 @@ ClientRecord ClientRecord::FromOrigin(const QString &origin)
     rec.sessionUuid = QUuid(fields.value(1));
     rec.thirdUuid = QUuid(fields.value(2));
     rec.guestName = fields.value(3);
+    rec.guestName.truncate(Tarn::MaxGuestNameLength);
     return rec;
 }

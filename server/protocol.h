@@ -4,6 +4,7 @@
 #include <QStringList>
 #include <QUuid>
 
+class QSslSocket;
 class QUrl;
 class QWebSocket;
 
@@ -12,6 +13,8 @@ namespace Tarn {
 
 constexpr int HeartBeatIntervalMs = 20000;
 constexpr int MaxMissedBeats = 3;
+// Longest guest name a record keeps; every active-clients reply repeats it.
+constexpr int MaxGuestNameLength = 256;
 
 inline const QString MsgServerPing = QStringLiteral("Server ping");
 inline const QString MsgServerPong = QStringLiteral("Server pong");
@@ -36,6 +39,9 @@ constexpr int MaxUrlLength = 256;
 // Discovered URLs come from anyone on the network, so both the detector and
 // the tool check them with this before keeping or printing one.
 bool IsServerUrl(const QUrl &url);
+// What waits to be sent on a connection: the frames not yet encrypted, and the
+// encrypted bytes in its TLS socket (when known) not yet taken by the system.
+qint64 UnsentBytes(const QWebSocket *socket, const QSslSocket *transport);
 
 } // namespace Tarn
 
@@ -50,7 +56,8 @@ struct ClientRecord
     qint32 missedBeats = 0;
 
     // Reads the four comma-separated origin fields by position. Fields past the
-    // fourth are ignored; missing ones keep their defaults.
+    // fourth are ignored; missing ones keep their defaults. A longer guest name
+    // is cut to MaxGuestNameLength characters.
     static ClientRecord FromOrigin(const QString &origin);
 };
 

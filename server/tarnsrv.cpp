@@ -23,6 +23,9 @@ using namespace Tarn;
 
 namespace {
 
+// How log lines name a peer that has no record.
+const QString UnknownHost = QStringLiteral("Unknown host");
+
 // QTcpServer listens with a backlog of 50. When more clients than that connect
 // at once, the kernel drops their SYNs and they retry only after a second, so a
 // burst of connections stalls while the server sits idle. Listening again on the
@@ -47,6 +50,8 @@ TarnSrv::TarnSrv()
     memoryTrimTimer.setSingleShot(true);
     memoryTrimTimer.setInterval(MemoryTrimDelayMs);
     connect(&memoryTrimTimer, &QTimer::timeout, this, &TarnSrv::ReturnFreedMemory);
+    summaryTimer.setInterval(LogSummaryPeriodMs);
+    connect(&summaryTimer, &QTimer::timeout, this, &TarnSrv::SummarizeRepeatedLines);
 }
 
 TarnSrv::~TarnSrv()
@@ -67,6 +72,11 @@ void TarnSrv::PreferScalableEventLoop()
 void TarnSrv::SetHeartBeatInterval(int ms)
 {
     heartbeatTimer.setInterval(ms);
+}
+
+void TarnSrv::SetLogSummaryPeriod(int ms)
+{
+    summaryTimer.setInterval(ms);
 }
 
 // Lets queued work (disconnections, deferred deletions) run before a blocking step.
@@ -108,6 +118,7 @@ int TarnSrv::Start(int port)
     WidenListenBacklog(endpoint->nativeDescriptor());
     serverUrl = endpoint->serverUrl();
     handshakeSweepTimer.start();
+    summaryTimer.start();
     connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
     connect(endpoint, &QWebSocketServer::sslErrors, this, &TarnSrv::onSslErrors);
     LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(endpoint->serverPort()));
@@ -127,6 +138,8 @@ void TarnSrv::Stop()
     const QScopedValueRollback<bool> step(busy, true);
 
     DisconnectAll();
+    SummarizeRepeatedLines();
+    summaryTimer.stop();
     connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);
     handshakeSweepTimer.stop();
     endpoint->deleteLater();
@@ -188,8 +201,9 @@ void TarnSrv::cltConnection()
     socket->setMaxAllowedIncomingFrameSize(MaxIncomingSize);
     socket->setMaxAllowedIncomingMessageSize(MaxIncomingSize);
 
-    ClientRecord rec = ClientRecord::FromOrigin(socket->origin());
+    Client rec(ClientRecord::FromOrigin(socket->origin()));
     rec.socket = socket;
+    rec.transport = TransportOf(socket);
     connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
         const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
         RcvdMessage(msg);
@@ -200,6 +214,7 @@ void TarnSrv::cltConnection()
     });
 
     recordOf.insert(socket, registry.insert(registry.end(), rec));
+    activeClientsReply.clear();
     if (registry.size() == 1)
         heartbeatTimer.start();
     emit ClientsChanged();
@@ -247,8 +262,9 @@ qint64 TarnSrv::SendHeartBeat()
             ++it->missedBeats;
         }
         if (it->missedBeats <= MaxMissedBeats) {
-            it->socket->sendTextMessage(MsgHeartBeat);
-            ++it;
+            QWebSocket *socket = it->socket;
+            ++it; // the send may drop this client
+            SendTo(socket, MsgHeartBeat);
             continue;
         }
         LogInfo(QStringLiteral("Client %1 is unreachable and was disconnected.")
@@ -300,20 +316,75 @@ void TarnSrv::ReturnFreedMemory()
 #endif
 }
 
-void TarnSrv::ReplyToSender(const QString &text)
+// False when the sender was dropped for not reading.
+bool TarnSrv::ReplyToSender(const QString &text)
 {
-    if (senderSocket)
-        senderSocket->sendTextMessage(text);
+    return !senderSocket || SendTo(senderSocket, text);
+}
+
+// Every reply waits in the server until the client reads it, so a client that
+// asks without reading would make the server hold without end: past its limit,
+// it is dropped. False when it was.
+bool TarnSrv::SendTo(QWebSocket *socket, const QString &text)
+{
+    socket->sendTextMessage(text);
+    const Client *client = FindClient(socket);
+    const qint64 unsent = UnsentBytes(socket, client ? client->transport.data() : nullptr);
+    if (unsent <= UnsentFloorBytes || unsent <= UnsentLimit())
+        return true;
+    DropSlowReader(socket);
+    return false;
+}
+
+// Room for two full active-clients replies, whatever the size of the list:
+// UTF-8 takes at most three bytes per UTF-16 unit.
+qint64 TarnSrv::UnsentLimit()
+{
+    return UnsentFloorBytes + 2 * 3 * qint64(ActiveClientsReply().size());
+}
+
+void TarnSrv::DropSlowReader(QWebSocket *socket)
+{
+    // Detached first: the abort reports the disconnection at once, and
+    // nothing more from this socket is to be handled.
+    disconnect(socket, nullptr, this, nullptr);
+    const QString name = ClientName(socket);
+    const bool known = RemoveClient(socket);
+    socket->abort();
+    socket->deleteLater();
+    emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected.").arg(name), 1, false);
+    if (known) {
+        WindDownIfEmpty();
+        emit ClientsChanged();
+    }
+}
+
+// The encrypted bytes of a connection wait in its TLS socket, which stays with
+// the endpoint's listener. Newest connections come last, so the walk is short.
+QSslSocket *TarnSrv::TransportOf(const QWebSocket *socket) const
+{
+    const QTcpServer *listener = endpoint ? endpoint->findChild<QTcpServer *>(QString(), Qt::FindDirectChildrenOnly)
+                                          : nullptr;
+    if (!listener)
+        return nullptr;
+    const QObjectList &children = listener->children();
+    for (auto it = children.crbegin(); it != children.crend(); ++it) {
+        auto *tls = qobject_cast<QSslSocket *>(*it);
+        if (tls && tls->peerPort() == socket->peerPort() && tls->peerAddress() == socket->peerAddress()
+            && tls->state() == QAbstractSocket::ConnectedState)
+            return tls;
+    }
+    return nullptr;
 }
 
 QString TarnSrv::ClientName(QWebSocket *socket) const
 {
     const auto it = recordOf.constFind(socket);
     // Guest names come from the network; escape them before they reach the HTML log.
-    return it == recordOf.cend() ? QStringLiteral("Unknown host") : (*it)->guestName.toHtmlEscaped();
+    return it == recordOf.cend() ? UnknownHost : (*it)->guestName.toHtmlEscaped();
 }
 
-ClientRecord *TarnSrv::FindClient(QWebSocket *socket)
+TarnSrv::Client *TarnSrv::FindClient(QWebSocket *socket)
 {
     const auto it = recordOf.constFind(socket);
     return it == recordOf.cend() ? nullptr : &**it;
@@ -326,7 +397,9 @@ bool TarnSrv::RemoveClient(QWebSocket *socket)
         return false;
     const Registry::iterator rec = *it;
     recordOf.erase(it);
+    LogPingSummary(rec->guestName.toHtmlEscaped(), rec->pingLines);
     registry.erase(rec);
+    activeClientsReply.clear();
     return true;
 }
 
@@ -336,14 +409,45 @@ TarnSrv::Registry::iterator TarnSrv::EraseRecord(Registry::iterator it)
     QWebSocket *socket = it->socket;
     recordOf.remove(socket);
     socket->deleteLater();
+    LogPingSummary(it->guestName.toHtmlEscaped(), it->pingLines);
+    activeClientsReply.clear();
     return registry.erase(it);
 }
 
 void TarnSrv::ReplyPing()
 {
-    ReplyToSender(MsgServerPong);
-    LogInfo(QStringLiteral("Received ping request from client ")
-            + ClientName(senderSocket) + QStringLiteral(", replied."));
+    if (!ReplyToSender(MsgServerPong))
+        return;
+    Client *client = FindClient(senderSocket);
+    if ((client ? client->pingLines : unknownPingLines).Spend())
+        LogInfo(QStringLiteral("Received ping request from client ")
+                + ClientName(senderSocket) + QStringLiteral(", replied."));
+}
+
+bool TarnSrv::LineBudget::Spend()
+{
+    if (written < RepeatedLinesPerPeriod) {
+        ++written;
+        return true;
+    }
+    ++suppressed;
+    return false;
+}
+
+// Writes what a budget held back, and opens its next period.
+void TarnSrv::LogPingSummary(const QString &name, LineBudget &budget)
+{
+    if (budget.suppressed > 0)
+        LogInfo(QStringLiteral("Client %1: %2 more ping requests answered in the last %3 s.")
+                    .arg(name, QString::number(budget.suppressed), QString::number(summaryTimer.interval() / 1000)));
+    budget = LineBudget();
+}
+
+void TarnSrv::SummarizeRepeatedLines()
+{
+    for (Client &client : registry)
+        LogPingSummary(client.guestName.toHtmlEscaped(), client.pingLines);
+    LogPingSummary(UnknownHost, unknownPingLines);
 }
 
 void TarnSrv::MarkHeartBeat()
@@ -355,9 +459,18 @@ void TarnSrv::MarkHeartBeat()
 
 void TarnSrv::ReplyActiveClients()
 {
-    QString text = MsgActiveClients + QLatin1Char(',');
-    const QList<ActiveClient> clients = GetActiveClients();
-    for (const ActiveClient &client : clients)
-        text += client.guestName + QLatin1Char(',') + UuidText(client.sessionUuid) + QLatin1Char(',');
-    ReplyToSender(text);
+    ReplyToSender(ActiveClientsReply());
+}
+
+// A burst of requests gets one reply built once, until the registry changes.
+const QString &TarnSrv::ActiveClientsReply()
+{
+    if (activeClientsReply.isNull()) {
+        QString text = MsgActiveClients + QLatin1Char(',');
+        const QList<ActiveClient> clients = GetActiveClients();
+        for (const ActiveClient &client : clients)
+            text += client.guestName + QLatin1Char(',') + UuidText(client.sessionUuid) + QLatin1Char(',');
+        activeClientsReply = text;
+    }
+    return activeClientsReply;
 }

@@ -5,12 +5,14 @@
 #include <QHash>
 #include <QList>
 #include <QObject>
+#include <QPointer>
 #include <QSslError>
 #include <QTimer>
 #include <QUrl>
 
 #include <list>
 
+class QSslSocket;
 class QWebSocket;
 class QWebSocketServer;
 class SrvUrlDetect;
@@ -38,8 +40,10 @@ public:
 
     // Port the endpoint listens on, 0 while stopped.
     quint16 ListeningPort() const;
-    // Only tests shorten the heartbeat period; the product keeps HeartBeatIntervalMs.
+    // Only tests shorten these periods; the product keeps HeartBeatIntervalMs
+    // and LogSummaryPeriodMs.
     void SetHeartBeatInterval(int ms);
+    void SetLogSummaryPeriod(int ms);
 
     // Upper bound for one incoming frame or message; the protocol's are tiny.
     static constexpr quint64 MaxIncomingSize = 64 * 1024;
@@ -48,6 +52,13 @@ public:
     // Delay between a release of many connections and returning their memory,
     // long enough for the deferred deletions to have run.
     static constexpr int MemoryTrimDelayMs = 1000;
+    // A client may leave this much unread, plus two active-clients replies; one
+    // request at a time never comes near it. Past it the client is dropped.
+    static constexpr qint64 UnsentFloorBytes = 1024 * 1024;
+    // Per client and period, the first repeats of a log line are written as
+    // they are; the rest are counted into one summary line.
+    static constexpr int RepeatedLinesPerPeriod = 10;
+    static constexpr int LogSummaryPeriodMs = 10000;
 
 signals:
     void ClientsChanged();
@@ -62,19 +73,41 @@ private slots:
     qint64 SendHeartBeat();
     void ReleaseAbandonedHandshakes();
     void ReturnFreedMemory();
+    void SummarizeRepeatedLines();
 
 private:
-    using Registry = std::list<ClientRecord>;
+    // Lets the first repeats of a line through in each period and counts the rest.
+    struct LineBudget
+    {
+        int written = 0;
+        int suppressed = 0;
+        bool Spend();
+    };
+    // A record with what only the server keeps about the connection.
+    struct Client : ClientRecord
+    {
+        explicit Client(const ClientRecord &rec) : ClientRecord(rec) {}
+        // The TLS socket under the WebSocket, where encrypted bytes wait to be sent.
+        QPointer<QSslSocket> transport;
+        LineBudget pingLines;
+    };
+    using Registry = std::list<Client>;
 
-    void ReplyToSender(const QString &text);
+    bool ReplyToSender(const QString &text);
+    bool SendTo(QWebSocket *socket, const QString &text);
+    qint64 UnsentLimit();
+    void DropSlowReader(QWebSocket *socket);
+    QSslSocket *TransportOf(const QWebSocket *socket) const;
     QString ClientName(QWebSocket *socket) const;
-    ClientRecord *FindClient(QWebSocket *socket);
+    Client *FindClient(QWebSocket *socket);
     bool RemoveClient(QWebSocket *socket);
     Registry::iterator EraseRecord(Registry::iterator it);
     void ReplyPing();
     void MarkHeartBeat();
     void ReplyActiveClients();
+    const QString &ActiveClientsReply();
     void LogInfo(const QString &text);
+    void LogPingSummary(const QString &name, LineBudget &budget);
     void Pause();
     void WindDownIfEmpty();
 
@@ -87,6 +120,11 @@ private:
     QTimer heartbeatTimer;
     QTimer handshakeSweepTimer;
     QTimer memoryTrimTimer;
+    QTimer summaryTimer;
+    // Pings from sockets without a record share one budget.
+    LineBudget unknownPingLines;
+    // Built on the first request after the registry changed; null until then.
+    QString activeClientsReply;
     // The client whose signal is being handled. QObject::sender() would find it
     // by walking every connection made to this object, two per client, which
     // made each message cost time in proportion to the number of clients.

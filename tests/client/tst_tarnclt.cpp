@@ -72,6 +72,8 @@ private slots:
     void replyRecognition_data();
     void replyRecognition();
     void unreachableServer();
+    void oversizedTrafficGivesUp_data();
+    void oversizedTrafficGivesUp();
 
 private:
     std::unique_ptr<TarnSrv> server;
@@ -245,6 +247,33 @@ void TestTarnClt::unreachableServer()
     QVERIFY(!client.Open(LocalUrl(port), &rec));
     QVERIFY(elapsed.elapsed() >= TarnClt::ConnectAttempts * TarnClt::ConnectAttemptMs - 100);
     QCOMPARE(lost.count(), 0);
+}
+
+void TestTarnClt::oversizedTrafficGivesUp_data()
+{
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<QString>("request");
+
+    QTest::newRow("reply too large to keep")
+        << QStringLiteral("Active clients,") + QString(int(TarnClt::MaxIncomingSize), QLatin1Char('x'))
+        << QStringLiteral("Get active clients");
+    QTest::newRow("more than may wait unsent") << QStringLiteral("Server pong")
+                                               << QString(int(TarnClt::MaxUnsentBytes) + 1, QLatin1Char('x'));
+}
+
+void TestTarnClt::oversizedTrafficGivesUp()
+{
+    QFETCH(QString, answer);
+    QFETCH(QString, request);
+
+    ScriptedServer scripted(answer);
+    ClientRecord rec = Identity(SessionA, QStringLiteral("Ann"));
+    TarnClt client;
+    QSignalSpy lost(&client, &TarnClt::UnexpectedDisconnection);
+    QVERIFY(client.Open(scripted.Url(), &rec));
+    client.Send(request);
+    QTRY_COMPARE(lost.count(), 1);
+    QCOMPARE(client.Ping(), -10);
 }
 
 QTEST_MAIN(TestTarnClt)

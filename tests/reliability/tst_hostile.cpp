@@ -78,11 +78,17 @@ private slots:
     void hostileNames_data();
     void hostileNames();
     void rapidConnectClose();
+
+    // Floods that make the server write: what waits unsent, and the log.
+    void slowReaderFloodsActiveClients();
+    void pingFlood();
+
     void afterwardsNothingLeft();
 
 private:
     std::unique_ptr<QSslSocket> RawWebSocket(const QByteArray &origin);
     void PingOnce();
+    QByteArray LogFile() const;
 
     QTemporaryDir dir;
     QProcess manager;
@@ -328,6 +334,92 @@ void TestHostile::rapidConnectClose()
         QVERIFY(client.Open(url, &rec));
         client.Close();
     }
+}
+
+QByteArray TestHostile::LogFile() const
+{
+    QFile log(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
+    return log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
+}
+
+// Twenty listed clients with long names, and one that asks for the list again
+// and again without ever reading the replies.
+void TestHostile::slowReaderFloodsActiveClients()
+{
+    constexpr qint64 MaxGrowthKb = 16 * 1024;
+    const qint64 pid = manager.processId();
+    const qint64 before = ProcStatusKb(pid, "VmRSS");
+
+    std::vector<std::unique_ptr<QWebSocket>> listed;
+    for (int i = 0; i < 20; ++i) {
+        const QString origin = QStringLiteral(",%1,,").arg(QUuid::createUuid().toString()) + QString(4000, QLatin1Char('n'));
+        listed.push_back(std::make_unique<QWebSocket>(origin, QWebSocketProtocol::Version13));
+        QWebSocket *socket = listed.back().get();
+        connect(socket, &QWebSocket::sslErrors, socket, [socket] { socket->ignoreSslErrors(); });
+        socket->open(url);
+    }
+    QTRY_VERIFY(std::all_of(listed.begin(), listed.end(), [](const auto &s) {
+        return s->state() == QAbstractSocket::ConnectedState;
+    }));
+
+    const QUuid slowSession = QUuid::createUuid();
+    auto slow = RawWebSocket("," + slowSession.toByteArray() + ",,SlowReader");
+    QVERIFY(slow);
+    slow->setReadBufferSize(4096);
+    QByteArray batch;
+    for (int i = 0; i < 100; ++i)
+        batch += Frame(0x1, "Get active clients", 18);
+    qint64 peak = before;
+    int sent = 0;
+    for (; sent < 1500 && slow->state() == QAbstractSocket::ConnectedState; sent += 100) {
+        slow->write(batch);
+        QTest::qWait(50);
+        peak = qMax(peak, ProcStatusKb(pid, "VmRSS"));
+    }
+    qInfo("slow reader: %d requests sent, RSS %lld KiB before, peak %lld KiB", sent, before, peak);
+
+    // The server drops the reader, says so once, and lists the others with their names cut.
+    QString body;
+    QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body), !body.contains(slowSession.toString())), 15000);
+    QCOMPARE(body.count(QString(256, QLatin1Char('n')) + QLatin1Char(',')), 20);
+    QVERIFY(!body.contains(QString(257, QLatin1Char('n'))));
+    const QByteArray warning = "Client SlowReader did not read what the server sent and was disconnected.";
+    QTRY_COMPARE(LogFile().count(warning), 1);
+    QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
+}
+
+// One connection sends 20,000 pings at once: the log keeps its first lines
+// and a count of the rest, and neither it nor the server grows with the rate.
+void TestHostile::pingFlood()
+{
+    constexpr int Pings = 20000;
+    constexpr qint64 MaxLogGrowth = 64 * 1024;
+    constexpr qint64 MaxGrowthKb = 8 * 1024;
+    const qint64 pid = manager.processId();
+    const qint64 rssBefore = ProcStatusKb(pid, "VmRSS");
+    const qint64 logBefore = LogFile().size();
+
+    auto flood = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000004},,PingFlood");
+    QVERIFY(flood);
+    const QByteArray ping = Frame(0x1, "Server ping", 11);
+    flood->write(ping.repeated(Pings));
+    QByteArray replies;
+    QTRY_VERIFY_WITH_TIMEOUT((replies += flood->readAll()).count("Server pong") == Pings, 60000);
+    const qint64 rssAfter = ProcStatusKb(pid, "VmRSS");
+    const qint64 logGrowth = LogFile().size() - logBefore;
+    qInfo("ping flood: log grew %lld bytes, RSS %lld KiB before, %lld KiB after", logGrowth, rssBefore, rssAfter);
+    QVERIFY2(logGrowth < MaxLogGrowth, qPrintable(QString::number(logGrowth)));
+    QVERIFY2(rssAfter - rssBefore < MaxGrowthKb, qPrintable(QString::number(rssAfter - rssBefore)));
+
+    // Leaving writes out the count of this period.
+    flood->abort();
+    const QByteArray summaryStart = "Client PingFlood: ";
+    QTRY_VERIFY(LogFile().contains(summaryStart));
+    const QByteArray log = LogFile();
+    int answered = log.count("Received ping request from client PingFlood, replied.");
+    for (int at = log.indexOf(summaryStart); at >= 0; at = log.indexOf(summaryStart, at + 1))
+        answered += log.mid(at + summaryStart.size(), 12).split(' ').value(0).toInt();
+    QCOMPARE(answered, Pings);
 }
 
 void TestHostile::afterwardsNothingLeft()

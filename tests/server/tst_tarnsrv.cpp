@@ -47,6 +47,7 @@ private slots:
     void abortedHandshakesReleased();
     void silentClientsDropped();
     void heartbeatingClientKept();
+    void repeatedPingLinesSummarized();
     void stopLogsInOrderAndEmitsSocketDestroyed();
     void secondStartKeepsPort();
     void startOnBusyPortFails();
@@ -264,6 +265,27 @@ void TestTarnSrv::heartbeatingClientKept()
     QTest::qWait(200 * 8);
     QCOMPARE(server->GetActiveClients().size(), 1);
     QVERIFY(live->received.size() >= 6);
+}
+
+// A client that pings on and then goes quiet: the first lines as they are,
+// then one count for the rest once the period ends.
+void TestTarnSrv::repeatedPingLinesSummarized()
+{
+    auto ann = Connect(SessionA, QStringLiteral("Ann"));
+    QVERIFY(ann);
+    log.clear();
+    // The period starts now, so the whole burst falls into it.
+    server->SetLogSummaryPeriod(1000);
+    const int pings = TarnSrv::RepeatedLinesPerPeriod + 5;
+    for (int i = 0; i < pings; ++i)
+        ann->socket.sendTextMessage(QStringLiteral("Server ping"));
+    QVERIFY(ann->WaitForMessages(pings));
+    const QString summary = QStringLiteral("Client Ann: 5 more ping requests answered in the last 1 s.");
+    QTRY_VERIFY_WITH_TIMEOUT(LogTexts().contains(summary), 3000);
+    QCOMPARE(LogTexts(), Repeated(TarnSrv::RepeatedLinesPerPeriod,
+                                  QStringLiteral("Received ping request from client Ann, replied."))
+                             << summary);
+    QCOMPARE(log.last().type, 0u);
 }
 
 void TestTarnSrv::stopLogsInOrderAndEmitsSocketDestroyed()
