@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QMenu>
 #include <QMessageBox>
+#include <QTextBlock>
 
 namespace {
 
@@ -43,7 +44,6 @@ LogWindow::LogWindow(QWidget *parent)
     , logFolder(QCoreApplication::applicationDirPath())
 {
     ui->setupUi(this);
-    ui->plainTextEdit->setMaximumBlockCount(MaxViewLines);
     ui->plainTextEdit->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(ui->plainTextEdit, &QPlainTextEdit::customContextMenuRequested, this, &LogWindow::ShowContextMenu);
 }
@@ -118,9 +118,23 @@ void LogWindow::ShowMessageBox(const QString &text, quint32 type)
 
 void LogWindow::AppendPlainHtml(const QString &html)
 {
-    ui->plainTextEdit->appendHtml(html);
+    AppendToView(html);
     if (logToFile)
         AppendToFile(html);
+}
+
+// Trimmed in batches, not per line: each removal lays out the new top line
+// again, which per line nearly doubles the cost of logging once the view is full.
+void LogWindow::AppendToView(const QString &html)
+{
+    ui->plainTextEdit->appendHtml(html);
+    QTextDocument *document = ui->plainTextEdit->document();
+    if (document->blockCount() <= MaxViewLines)
+        return;
+    const int drop = document->blockCount() - MaxViewLines + ViewTrimLines;
+    QTextCursor cursor(document);
+    cursor.setPosition(document->findBlockByNumber(drop).position(), QTextCursor::KeepAnchor);
+    cursor.removeSelectedText();
 }
 
 // A failure shows once in the view, and again only after a line has got through.
@@ -130,7 +144,7 @@ void LogWindow::AppendToFile(const QString &html)
     const bool written = WriteToFile(html, error);
     if (!written && !fileFailing) {
         const QString text = QStringLiteral("Cannot write the log file %1: %2.").arg(LogFilePath(), error);
-        ui->plainTextEdit->appendHtml(FormatLine(Warning, Now(), text.toHtmlEscaped()));
+        AppendToView(FormatLine(Warning, Now(), text.toHtmlEscaped()));
     }
     fileFailing = !written;
 }

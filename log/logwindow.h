@@ -13,8 +13,9 @@ class LogWindow : public QWidget
     Q_OBJECT
 
 public:
-    // The view keeps the newest lines only.
+    // The view holds at most MaxViewLines; when full, the oldest ViewTrimLines go.
     static constexpr int MaxViewLines = 10000;
+    static constexpr int ViewTrimLines = 1000;
     // The file is rotated at this size; with its numbered generations the log
     // never takes more than (LogGenerations + 1) x the size on disk.
     static constexpr qint64 DefaultMaxFileSize = 4 * 1024 * 1024;
@@ -45,6 +46,7 @@ private slots:
     void ClearAll();
 
 private:
+    void AppendToView(const QString &html);
     void AppendToFile(const QString &html);
     bool WriteToFile(const QString &html, QString &error);
     void ShowMessageBox(const QString &text, quint32 type);

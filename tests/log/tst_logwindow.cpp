@@ -283,12 +283,16 @@ void TestLogWindow::viewKeepsNewestLines()
 {
     LogWindow window;
     window.SetLogFile(false, dir.path());
-    for (int i = 0; i < LogWindow::MaxViewLines + 5; ++i)
-        window.Log(QString::number(i), 0);
     QPlainTextEdit *view = View(window);
+    for (int i = 0; i < LogWindow::MaxViewLines; ++i)
+        window.Log(QString::number(i), 0);
     QCOMPARE(view->blockCount(), LogWindow::MaxViewLines);
-    QVERIFY(view->document()->firstBlock().text().endsWith(QStringLiteral("Info : 5")));
-    QVERIFY(view->document()->lastBlock().text().endsWith(QString::number(LogWindow::MaxViewLines + 4)));
+
+    window.Log(QString::number(LogWindow::MaxViewLines), 0);
+    QCOMPARE(view->blockCount(), LogWindow::MaxViewLines - LogWindow::ViewTrimLines);
+    QVERIFY(view->document()->firstBlock().text().endsWith(
+        QStringLiteral("Info : %1").arg(LogWindow::ViewTrimLines + 1)));
+    QVERIFY(view->document()->lastBlock().text().endsWith(QStringLiteral("Info : %1").arg(LogWindow::MaxViewLines)));
 }
 
 void TestLogWindow::logFilePath_data()
