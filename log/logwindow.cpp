@@ -4,9 +4,10 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
+#include <QFileInfo>
 #include <QMenu>
 #include <QMessageBox>
-#include <QTextStream>
+#include <QTextBlock>
 
 namespace {
 
@@ -28,6 +29,11 @@ QString LevelColor(quint32 type)
     case Error: return QStringLiteral("red");
     default: return QStringLiteral("black");
     }
+}
+
+QString Now()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("dd.MM.yyyy HH:mm:ss"));
 }
 
 } // namespace
@@ -58,14 +64,27 @@ void LogWindow::SetLogFile(bool enable, const QString &folder)
     logFolder = folder;
 }
 
-void LogWindow::RemoveLogFile()
+void LogWindow::SetMaxFileSize(qint64 bytes)
 {
+    maxFileSize = bytes;
+}
+
+void LogWindow::RotateLogFiles()
+{
+    if (!QFileInfo(LogFilePath()).isFile())
+        return;
+    QFile::remove(LogFilePath(LogGenerations));
+    for (int n = LogGenerations; n > 0; --n)
+        QFile::rename(LogFilePath(n - 1), LogFilePath(n));
+    // A file that could not be moved is dropped rather than left to grow.
     QFile::remove(LogFilePath());
 }
 
-QString LogWindow::LogFilePath() const
+QString LogWindow::LogFilePath(int generation) const
 {
-    return QStringLiteral("%1/TarnSrvSvc.html").arg(logFolder);
+    if (generation == 0)
+        return QStringLiteral("%1/TarnSrvSvc.html").arg(logFolder);
+    return QStringLiteral("%1/TarnSrvSvc.%2.html").arg(logFolder, QString::number(generation));
 }
 
 QString LogWindow::FormatLine(quint32 type, const QString &stamp, const QString &text)
@@ -81,10 +100,8 @@ QString LogWindow::FormatLine(quint32 type, const QString &stamp, const QString 
 void LogWindow::Log(const QString &text, quint32 type, bool msgBox)
 {
     const QStringList parts = text.split(QLatin1Char('\n'), Qt::KeepEmptyParts, Qt::CaseSensitive);
-    for (const QString &part : parts) {
-        const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("dd.MM.yyyy HH:mm:ss"));
-        AppendPlainHtml(FormatLine(type, stamp, part));
-    }
+    for (const QString &part : parts)
+        AppendPlainHtml(FormatLine(type, Now(), part));
     if (msgBox)
         ShowMessageBox(text, type);
 }
@@ -101,22 +118,57 @@ void LogWindow::ShowMessageBox(const QString &text, quint32 type)
 
 void LogWindow::AppendPlainHtml(const QString &html)
 {
-    ui->plainTextEdit->appendHtml(html);
+    AppendToView(html);
     if (logToFile)
         AppendToFile(html);
 }
 
-// Opened and closed per line; a folder that is missing or read-only leaves only the view.
-void LogWindow::AppendToFile(const QString &html) const
+// Trimmed in batches, not per line: each removal lays out the new top line
+// again, which per line nearly doubles the cost of logging once the view is full.
+void LogWindow::AppendToView(const QString &html)
 {
-    QFile file(LogFilePath());
-    if (!file.open(QIODevice::Append | QIODevice::Text))
+    ui->plainTextEdit->appendHtml(html);
+    QTextDocument *document = ui->plainTextEdit->document();
+    if (document->blockCount() <= MaxViewLines)
         return;
-    QTextStream out(&file);
+    const int drop = document->blockCount() - MaxViewLines + ViewTrimLines;
+    QTextCursor cursor(document);
+    cursor.setPosition(document->findBlockByNumber(drop).position(), QTextCursor::KeepAnchor);
+    cursor.removeSelectedText();
+}
+
+// A failure shows once in the view, and again only after a line has got through.
+void LogWindow::AppendToFile(const QString &html)
+{
+    QString error;
+    const bool written = WriteToFile(html, error);
+    if (!written && !fileFailing) {
+        const QString text = QStringLiteral("Cannot write the log file %1: %2.").arg(LogFilePath(), error);
+        AppendToView(FormatLine(Warning, Now(), text.toHtmlEscaped()));
+    }
+    fileFailing = !written;
+}
+
+// Opened and closed per line; a missing folder is not created.
+bool LogWindow::WriteToFile(const QString &html, QString &error)
+{
+    QByteArray bytes = (html + QLatin1String("<br>")).toUtf8();
+    QFile file(LogFilePath());
+    const qint64 size = file.size();
+    if (size > 0 && size + bytes.size() > maxFileSize)
+        RotateLogFiles();
+    if (!file.open(QIODevice::Append | QIODevice::Text)) {
+        error = file.errorString();
+        return false;
+    }
     // Guest names need not be ASCII: UTF-8, marked for browsers when a file begins.
-    out.setCodec("UTF-8");
-    out.setGenerateByteOrderMark(file.size() == 0);
-    out << html << "<br>";
+    if (file.size() == 0)
+        bytes.prepend("\xEF\xBB\xBF");
+    if (file.write(bytes) != bytes.size() || !file.flush()) {
+        error = file.errorString();
+        return false;
+    }
+    return true;
 }
 
 void LogWindow::ShowContextMenu(const QPoint &pos)

@@ -13,14 +13,26 @@ class LogWindow : public QWidget
     Q_OBJECT
 
 public:
+    // The view holds at most MaxViewLines; when full, the oldest ViewTrimLines go.
+    static constexpr int MaxViewLines = 10000;
+    static constexpr int ViewTrimLines = 1000;
+    // The file is rotated at this size; with its numbered generations the log
+    // never takes more than (LogGenerations + 1) x the size on disk.
+    static constexpr qint64 DefaultMaxFileSize = 4 * 1024 * 1024;
+    static constexpr int LogGenerations = 5;
+
     explicit LogWindow(QWidget *parent = nullptr);
     ~LogWindow() override;
 
     QSize sizeHint() const override;
 
     void SetLogFile(bool enable, const QString &folder);
-    void RemoveLogFile();
-    QString LogFilePath() const;
+    void SetMaxFileSize(qint64 bytes);
+    // Moves the current file to generation 1, 1 to 2 and so on, dropping the
+    // oldest; the next line begins a new file.
+    void RotateLogFiles();
+    // Generation 0 is the current file.
+    QString LogFilePath(int generation = 0) const;
 
     // One formatted line as the sink builds it; exposed for its exact layout.
     static QString FormatLine(quint32 type, const QString &stamp, const QString &text);
@@ -34,10 +46,14 @@ private slots:
     void ClearAll();
 
 private:
-    void AppendToFile(const QString &html) const;
+    void AppendToView(const QString &html);
+    void AppendToFile(const QString &html);
+    bool WriteToFile(const QString &html, QString &error);
     void ShowMessageBox(const QString &text, quint32 type);
 
     Ui::LogWindow *ui;
     bool logToFile = true;
     QString logFolder;
+    qint64 maxFileSize = DefaultMaxFileSize;
+    bool fileFailing = false;
 };

@@ -39,8 +39,9 @@ void TarnSrvSettings::ApplyConfigFile(const QString &path, QString &report)
         }
     }
     // The parsed switch counts even from an invalid file, and is on when there was none.
+    // Each run begins a new file; the previous runs are kept as numbered generations.
     if (values.loggingEnabled)
-        logWindow->RemoveLogFile();
+        logWindow->RotateLogFiles();
     logWindow->Log(report, 0, false);
 }
 

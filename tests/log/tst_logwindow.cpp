@@ -10,6 +10,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTemporaryDir>
+#include <QTextBlock>
 #include <QtTest>
 
 namespace {
@@ -26,6 +27,20 @@ QByteArray FileBytes(const QString &path)
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
+
+// The message parts of a log file's lines; a file that does not begin with its mark gives none.
+QStringList FileMessages(const QString &path)
+{
+    const QByteArray bytes = FileBytes(path);
+    if (!bytes.startsWith(Bom))
+        return {};
+    static const QRegularExpression prefix(QStringLiteral("^<font color=\"\\w+\">") + Stamp + " - \\w+ : ");
+    QStringList lines = QString::fromUtf8(bytes.mid(Bom.size())).split(QStringLiteral("<br>"));
+    lines.removeLast();
+    for (QString &line : lines)
+        line.remove(prefix).chop(int(qstrlen("</font>")));
+    return lines;
+}
 } // namespace
 
 class TestLogWindow : public QObject
@@ -40,9 +55,14 @@ private slots:
     void logSplitsIntoStampedLines_data();
     void logSplitsIntoStampedLines();
     void fileIsUtf8AndAppended();
-    void unusableFolderKeepsView_data();
-    void unusableFolderKeepsView();
+    void writeFailureWarnsOnce_data();
+    void writeFailureWarnsOnce();
     void switchedOffLeavesFile();
+    void startKeepsPreviousRuns_data();
+    void startKeepsPreviousRuns();
+    void rotatesAtSizeLimit_data();
+    void rotatesAtSizeLimit();
+    void viewKeepsNewestLines();
     void logFilePath_data();
     void logFilePath();
     void clearAllLeavesFile();
@@ -61,7 +81,8 @@ private:
 
 void TestLogWindow::init()
 {
-    QFile::remove(LogPath());
+    QVERIFY(QDir(dir.path()).removeRecursively());
+    QVERIFY(QDir().mkpath(dir.path()));
 }
 
 void TestLogWindow::formatLine_data()
@@ -142,33 +163,42 @@ void TestLogWindow::fileIsUtf8AndAppended()
     QVERIFY(added.endsWith(QByteArray("Warning : Zo\xC3\xAB <i></font><br>")));
 }
 
-void TestLogWindow::unusableFolderKeepsView_data()
+void TestLogWindow::writeFailureWarnsOnce_data()
 {
     QTest::addColumn<QString>("folder");
-    QTest::addColumn<bool>("blockedByDirectory");
+    QTest::addColumn<QString>("error");
 
-    QTest::newRow("missing folder") << "missing/folder" << false;
-    QTest::newRow("folder is a file") << "plain.txt" << false;
-    QTest::newRow("log file is a folder") << "blocked" << true;
+    QTest::newRow("missing folder") << "missing/folder" << "No such file or directory";
+    QTest::newRow("folder is a file") << "plain.txt" << "Not a directory";
+    QTest::newRow("log file is a folder") << "blocked" << "Is a directory";
+    QTest::newRow("disk full") << "full" << "No space left on device";
 }
 
-void TestLogWindow::unusableFolderKeepsView()
+// The lines stay in the view, with one warning however many lines fail.
+void TestLogWindow::writeFailureWarnsOnce()
 {
     QFETCH(QString, folder);
-    QFETCH(bool, blockedByDirectory);
+    QFETCH(QString, error);
 
     QVERIFY(QFile(dir.filePath(QStringLiteral("plain.txt"))).open(QIODevice::WriteOnly));
     QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("blocked/TarnSrvSvc.html")));
+    QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("full")));
+    if (folder == QLatin1String("full")
+        && !QFile::link(QStringLiteral("/dev/full"), dir.filePath(QStringLiteral("full/TarnSrvSvc.html"))))
+        QSKIP("no /dev/full to fill");
 
     LogWindow window;
     window.SetLogFile(true, dir.filePath(folder));
     window.Log(QStringLiteral("one"), 0);
-    window.Log(QStringLiteral("two"), 1);
+    window.Log(QStringLiteral("two\nthree"), 1);
 
-    QCOMPARE(QFileInfo(window.LogFilePath()).isDir(), blockedByDirectory);
-    QCOMPARE(QFileInfo(window.LogFilePath()).isFile(), false);
-    QCOMPARE(View(window)->blockCount(), 2);
-    QVERIFY(View(window)->toPlainText().endsWith(QStringLiteral("Warning : two")));
+    const QStringList lines = View(window)->toPlainText().split(QLatin1Char('\n'));
+    QCOMPARE(lines.size(), 4);
+    QCOMPARE(lines.filter(QStringLiteral(" - Warning : Cannot write the log file ")), QStringList{lines.at(1)});
+    QVERIFY2(lines.at(1).endsWith(window.LogFilePath() + QStringLiteral(": ") + error + QLatin1Char('.')),
+             qPrintable(lines.at(1)));
+    QVERIFY(lines.at(3).endsWith(QStringLiteral("Warning : three")));
+    QVERIFY(!QFileInfo(window.LogFilePath()).isFile());
 }
 
 void TestLogWindow::switchedOffLeavesFile()
@@ -182,10 +212,87 @@ void TestLogWindow::switchedOffLeavesFile()
     window.Log(QStringLiteral("view only"), 0);
     QCOMPARE(FileBytes(LogPath()), kept);
     QCOMPARE(View(window)->blockCount(), 2);
+}
 
-    window.RemoveLogFile();
-    QVERIFY(!QFile::exists(LogPath()));
-    window.RemoveLogFile(); // nothing left to remove: silently nothing
+void TestLogWindow::startKeepsPreviousRuns_data()
+{
+    QTest::addColumn<int>("runs");
+
+    QTest::newRow("first run") << 1;
+    QTest::newRow("second run") << 2;
+    QTest::newRow("oldest dropped") << LogWindow::LogGenerations + 3;
+}
+
+// Each run rotates before its first line, as start-up does.
+void TestLogWindow::startKeepsPreviousRuns()
+{
+    QFETCH(int, runs);
+
+    for (int run = 1; run <= runs; ++run) {
+        LogWindow window;
+        window.SetLogFile(true, dir.path());
+        window.RotateLogFiles();
+        window.Log(QStringLiteral("run %1").arg(run), 0);
+    }
+    LogWindow window;
+    window.SetLogFile(true, dir.path());
+    for (int generation = 0; generation <= LogWindow::LogGenerations + 1; ++generation) {
+        const int run = runs - generation;
+        const bool kept = run > 0 && generation <= LogWindow::LogGenerations;
+        QCOMPARE(FileMessages(window.LogFilePath(generation)),
+                 kept ? QStringList{QStringLiteral("run %1").arg(run)} : QStringList());
+        QCOMPARE(QFile::exists(window.LogFilePath(generation)), kept);
+    }
+}
+
+void TestLogWindow::rotatesAtSizeLimit_data()
+{
+    QTest::addColumn<int>("textLength");
+
+    QTest::newRow("several lines a file") << 10;
+    QTest::newRow("lines longer than the limit") << 400;
+}
+
+// The newest lines survive, in order, in files within the limit unless one line alone exceeds it.
+void TestLogWindow::rotatesAtSizeLimit()
+{
+    QFETCH(int, textLength);
+    const qint64 limit = 300;
+    const int count = 60;
+
+    LogWindow window;
+    window.SetLogFile(true, dir.path());
+    window.SetMaxFileSize(limit);
+    for (int i = 0; i < count; ++i)
+        window.Log(QStringLiteral("%1").arg(i, textLength, 10, QLatin1Char('0')), 0);
+
+    QStringList kept;
+    for (int generation = LogWindow::LogGenerations; generation >= 0; --generation) {
+        const QString path = window.LogFilePath(generation);
+        const QStringList lines = FileMessages(path);
+        QVERIFY2(!lines.isEmpty(), qPrintable(path));
+        QVERIFY(QFileInfo(path).size() <= limit || lines.size() == 1);
+        kept += lines;
+    }
+    QVERIFY(!QFile::exists(window.LogFilePath(LogWindow::LogGenerations + 1)));
+    for (int i = 0; i < kept.size(); ++i)
+        QCOMPARE(kept.at(i).toInt(), count - kept.size() + i);
+}
+
+void TestLogWindow::viewKeepsNewestLines()
+{
+    LogWindow window;
+    window.SetLogFile(false, dir.path());
+    QPlainTextEdit *view = View(window);
+    for (int i = 0; i < LogWindow::MaxViewLines; ++i)
+        window.Log(QString::number(i), 0);
+    QCOMPARE(view->blockCount(), LogWindow::MaxViewLines);
+
+    window.Log(QString::number(LogWindow::MaxViewLines), 0);
+    QCOMPARE(view->blockCount(), LogWindow::MaxViewLines - LogWindow::ViewTrimLines);
+    QVERIFY(view->document()->firstBlock().text().endsWith(
+        QStringLiteral("Info : %1").arg(LogWindow::ViewTrimLines + 1)));
+    QVERIFY(view->document()->lastBlock().text().endsWith(QStringLiteral("Info : %1").arg(LogWindow::MaxViewLines)));
 }
 
 void TestLogWindow::logFilePath_data()

@@ -80,6 +80,7 @@ private slots:
 private:
     void WriteConfig(const QByteArray &content);
     QString LogPath() const { return dir.filePath(QStringLiteral("TarnSrvSvc.html")); }
+    QString PreviousLogPath() const { return dir.filePath(QStringLiteral("TarnSrvSvc.1.html")); }
 
     QTemporaryDir dir;
     QString configPath;
@@ -91,6 +92,7 @@ void TestSettings::init()
     QFile::remove(configPath);
     QDir(dir.path()).rmdir(QStringLiteral("TarnSrv.cfg"));
     QFile::remove(LogPath());
+    QFile::remove(PreviousLogPath());
     TarnSrvSettings(nullptr).clear();
 }
 
@@ -161,7 +163,7 @@ void TestSettings::parseLine()
     QCOMPARE(values.loggingFolder, folder);
 }
 
-// A valid file moves the log: the new folder's old file is replaced, the old folder's is left.
+// A valid file moves the log: the new folder's old file is kept as the previous run, the old folder's is left.
 void TestSettings::workedExample()
 {
     const QString logs = dir.filePath(QStringLiteral("logs"));
@@ -187,6 +189,7 @@ void TestSettings::workedExample()
     QCOMPARE(LoggedMessages(newLog), lines);
     QCOMPARE(ViewMessages(window), lines);
     QCOMPARE(FileBytes(LogPath()), QByteArray("previous run"));
+    QCOMPARE(FileBytes(logs + QStringLiteral("/TarnSrvSvc.1.html")), QByteArray("previous run"));
 }
 
 void TestSettings::applyFile_data()
@@ -194,7 +197,7 @@ void TestSettings::applyFile_data()
     QTest::addColumn<int>("kind");
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QStringList>("report");
-    QTest::addColumn<bool>("oldLogRemoved");
+    QTest::addColumn<bool>("oldLogRotated");
     QTest::addColumn<bool>("reportInFile");
 
     const QString reading = QStringLiteral("Reading configuration file CFG.");
@@ -243,7 +246,7 @@ void TestSettings::applyFile()
     QFETCH(int, kind);
     QFETCH(QByteArray, content);
     QFETCH(QStringList, report);
-    QFETCH(bool, oldLogRemoved);
+    QFETCH(bool, oldLogRotated);
     QFETCH(bool, reportInFile);
 
     if (kind == File)
@@ -266,8 +269,10 @@ void TestSettings::applyFile()
     report.replaceInStrings(QStringLiteral("CFG"), configPath);
     QCOMPARE(text, Banner + report.join(QLatin1Char('\n')));
     QCOMPARE(ViewMessages(window), QStringList{"old"} + BannerLines + report);
-    const QStringList old = oldLogRemoved ? QStringList() : QStringList{"old"};
-    QCOMPARE(LoggedMessages(LogPath()), old + (reportInFile ? BannerLines + report : QStringList()));
+    const QStringList old{"old"};
+    QCOMPARE(LoggedMessages(LogPath()),
+             (oldLogRotated ? QStringList() : old) + (reportInFile ? BannerLines + report : QStringList()));
+    QCOMPARE(LoggedMessages(PreviousLogPath()), oldLogRotated ? old : QStringList{"<no file>"});
 }
 
 void TestSettings::storedValueTypes_data()
