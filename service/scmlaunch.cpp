@@ -65,15 +65,16 @@ DWORD beginStart(SC_HANDLE handle, DWORD argc, LPCWSTR *argv, Record *record)
     return ErrorSuccess;
 }
 
-// Launches the record's program; its process id, or 0.
+// Launches the program of the record's binary path; its process id, or 0.
 qint64 launch(const Record &r)
 {
     // Like a real service process it inherits nothing from the command line
     // but what the manager hands it; the name and arguments also appear on
     // the command line so that ps shows which service a process runs.
+    const QStringList command = splitBinaryPath(r.path);
     QProcess process;
-    process.setProgram(r.path);
-    process.setArguments(QStringList(r.name) + r.startArgs);
+    process.setProgram(command.first());
+    process.setArguments(command.mid(1) + QStringList(r.name) + r.startArgs);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QLatin1String(LaunchServiceVar), r.name);
     env.insert(QLatin1String(LaunchTokenVar), r.launchToken);

@@ -343,14 +343,20 @@ void Sleep(DWORD milliseconds)
 DWORD GetModuleFileNameW(HMODULE, LPWSTR buffer, DWORD size)
 {
     const QString path = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
-    if (path.isEmpty() || size == 0)
+    if (path.isEmpty())
         return fail(ErrorFileNotFound);
-    const DWORD length = qMin(DWORD(path.size()), size - 1);
-    memcpy(buffer, path.utf16(), length * sizeof(WCHAR));
-    buffer[length] = 0;
-    if (length < DWORD(path.size()))
+    // As on Windows, a path that does not fit is cut to size - 1 characters
+    // and the result is size: the caller retries with a larger buffer.
+    if (DWORD(path.size()) >= size) {
+        if (size) {
+            memcpy(buffer, path.utf16(), (size - 1) * sizeof(WCHAR));
+            buffer[size - 1] = 0;
+        }
         lastError = ErrorInsufficientBuffer;
-    return length;
+        return size;
+    }
+    memcpy(buffer, path.utf16(), (path.size() + 1) * sizeof(WCHAR));
+    return DWORD(path.size());
 }
 
 QString scmErrorText(DWORD code)

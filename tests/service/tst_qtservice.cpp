@@ -171,10 +171,13 @@ void TestQtService::install_data()
     QTest::addColumn<QString>("service");
     QTest::addColumn<QString>("description");
     QTest::addColumn<bool>("autoStart");
+    QTest::addColumn<QString>("account");
+    QTest::addColumn<QString>("password");
 
-    QTest::newRow("demand start, no description") << "tst_plain" << QString() << false;
-    QTest::newRow("automatic start with description") << "tst_auto" << "Probe service" << true;
-    QTest::newRow("name with spaces") << "tst probe two" << "two words" << false;
+    QTest::newRow("demand start, no description") << "tst_plain" << QString() << false << QString() << QString();
+    QTest::newRow("automatic start with description") << "tst_auto" << "Probe service" << true << QString() << QString();
+    QTest::newRow("name with spaces") << "tst probe two" << "two words" << false << QString() << QString();
+    QTest::newRow("account and password") << "tst_account" << QString() << false << "someuser" << "s3cret word";
 }
 
 void TestQtService::install()
@@ -182,11 +185,27 @@ void TestQtService::install()
     QFETCH(QString, service);
     QFETCH(QString, description);
     QFETCH(bool, autoStart);
+    QFETCH(QString, account);
+    QFETCH(QString, password);
 
     qputenv("SVC_PROBE_DESCRIPTION", description.toUtf8());
     if (autoStart)
         qputenv("SVC_PROBE_AUTO", "1");
-    installProbe(service, 0);
+    qputenv("SVC_PROBE_NAME", service.toUtf8());
+    // Installed through a wrapper that notes its command line and stdin: the
+    // password must never be on a command line, where every user can read it.
+    const QString wrapper = root.filePath(QStringLiteral("wrapper.sh"));
+    QFile script(wrapper);
+    QVERIFY(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.args\"\ntimeout 5 cat > \"$0.stdin\"\nexec \"" + probe.toUtf8()
+                 + "\" \"$@\" < \"$0.stdin\"\n");
+    script.close();
+    QVERIFY(script.setPermissions(script.permissions() | QFileDevice::ExeOwner));
+    QVERIFY(QtServiceController::install(wrapper, account, password));
+    QFile args(wrapper + QLatin1String(".args")), input(wrapper + QLatin1String(".stdin"));
+    QVERIFY(args.open(QIODevice::ReadOnly) && input.open(QIODevice::ReadOnly));
+    QCOMPARE(QString::fromUtf8(args.readAll()), QStringLiteral("-i\n%1\n").arg(account));
+    QCOMPARE(QString::fromUtf8(input.readAll()), password + QLatin1Char('\n'));
 
     QtServiceController controller(service);
     QVERIFY(controller.isInstalled());

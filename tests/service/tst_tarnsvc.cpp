@@ -22,6 +22,7 @@ private slots:
     void help();
     void notInstalled_data();
     void notInstalled();
+    void installTwiceAndUninstallTwice_data();
     void installTwiceAndUninstallTwice();
     void installAccounts_data();
     void installAccounts();
@@ -39,7 +40,7 @@ private:
     Result run(const QStringList &args, const QString &host = QString());
     static bool waitForState(DWORD wanted);
     static DWORD state();
-    static QString account(DWORD *serviceType);
+    static QString config(DWORD *serviceType, QString *binaryPath = nullptr);
     QString copyHost(const QString &dir);
 
     QTemporaryDir temp;
@@ -113,7 +114,8 @@ bool TestTarnSvc::waitForState(DWORD wanted)
     return true;
 }
 
-QString TestTarnSvc::account(DWORD *serviceType)
+// The account of the installed service, with its type and binary path.
+QString TestTarnSvc::config(DWORD *serviceType, QString *binaryPath)
 {
     ScmFunctions &scm = scmFunctions();
     SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
@@ -125,6 +127,8 @@ QString TestTarnSvc::account(DWORD *serviceType)
     if (service && scm.QueryServiceConfigW(service, config, DWORD(buffer.size() * 8), &needed)) {
         result = fromWide(config->lpServiceStartName);
         *serviceType = config->dwServiceType;
+        if (binaryPath)
+            *binaryPath = fromWide(config->lpBinaryPathName);
     }
     if (service)
         scm.CloseServiceHandle(service);
@@ -195,28 +199,47 @@ void TestTarnSvc::notInstalled()
     QVERIFY(!QtServiceController(name).isInstalled());
 }
 
+void TestTarnSvc::installTwiceAndUninstallTwice_data()
+{
+    QTest::addColumn<QString>("folder"); // empty: the host in "svc host"
+
+    QTest::newRow("path with a space") << QString();
+    // Longer than Windows' MAX_PATH of 260 characters.
+    const QString part(100, QLatin1Char('d'));
+    QTest::newRow("path over 259 characters") << part + QLatin1Char('/') + part + QLatin1Char('/') + part;
+}
+
 void TestTarnSvc::installTwiceAndUninstallTwice()
 {
-    Result r = run({QStringLiteral("-i")});
-    QCOMPARE(r.out, "The service TarnSvc has been installed under: " + host.toLatin1() + "\n");
+    QFETCH(QString, folder);
+    const QString program = folder.isEmpty() ? host : copyHost(temp.filePath(folder));
+    const auto runWith = [this, &program](const QString &option) { return run({option}, program); };
+
+    Result r = runWith(QStringLiteral("-i"));
+    QCOMPARE(r.out, "The service TarnSvc has been installed under: " + program.toLatin1() + "\n");
     QCOMPARE(r.code, 0);
     QtServiceController controller(name);
-    QCOMPARE(controller.serviceFilePath(), host);
+    QCOMPARE(controller.serviceFilePath(), program);
+    // Quoted: an unquoted path with spaces can be taken for a shorter program.
+    DWORD type = 0;
+    QString binaryPath;
+    config(&type, &binaryPath);
+    QCOMPARE(binaryPath, QLatin1Char('"') + program + QLatin1Char('"'));
     QCOMPARE(controller.serviceDescription(), QStringLiteral("VARNOK Server"));
     QCOMPARE(controller.startupType(), QtServiceController::ManualStartup);
 
-    r = run({QStringLiteral("-install")});
+    r = runWith(QStringLiteral("-install"));
     QCOMPARE(r.out, QByteArray());
     QCOMPARE(r.err, QByteArray("The service TarnSvc is already installed\n"));
     QCOMPARE(r.code, 0);
 
-    r = run({QStringLiteral("-version")});
-    QCOMPARE(r.out, "The service\n\tTarnSvc\n\t" + host.toLatin1() + "\n\nis installed and not running\n\n");
+    r = runWith(QStringLiteral("-version"));
+    QCOMPARE(r.out, "The service\n\tTarnSvc\n\t" + program.toLatin1() + "\n\nis installed and not running\n\n");
 
-    r = run({QStringLiteral("-u")});
+    r = runWith(QStringLiteral("-u"));
     QCOMPARE(r.out, QByteArray("The service TarnSvc has been uninstalled.\n"));
     QCOMPARE(r.code, 0);
-    r = run({QStringLiteral("-u")});
+    r = runWith(QStringLiteral("-u"));
     QCOMPARE(r.err, QByteArray("The service TarnSvc is not installed\n"));
     QCOMPARE(r.code, 0);
 }
@@ -242,7 +265,7 @@ void TestTarnSvc::installAccounts()
 
     QCOMPARE(run(args).code, 0);
     DWORD type = 0;
-    QCOMPARE(TestTarnSvc::account(&type), account);
+    QCOMPARE(config(&type), account);
     QCOMPARE(uint(type), serviceType);
 }
 
