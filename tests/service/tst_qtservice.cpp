@@ -1,19 +1,12 @@
 #include "proctools.h"
+#include "scmtools.h"
 #include "qtservice.h"
 #include "scmapi.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
-#include <QScopeGuard>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
-#include <grp.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 // The framework end to end: a probe service run by the substitute control
 // manager in a private database directory.
@@ -43,14 +36,8 @@ private slots:
     void dispatcherFailure();
     void concurrentControllers();
     void killedServiceReadsStopped();
-    void unusableDatabase_data();
-    void unusableDatabase();
-    void databaseIsPrivate();
-    void controlFromOtherUserRefused();
 
 private:
-    static DWORD state(const QString &name);
-    static bool waitForState(const QString &name, DWORD wanted, int timeoutMs = 5000);
     QStringList notes() const;
     void installProbe(const QString &name, int flags);
 
@@ -83,31 +70,6 @@ void TestQtService::cleanup()
     const QStringList records = QDir(root.path()).entryList({QStringLiteral("*.svc")});
     for (const QString &record : records)
         QFile::remove(root.filePath(record));
-}
-
-DWORD TestQtService::state(const QString &service)
-{
-    ScmFunctions &scm = scmFunctions();
-    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
-    SC_HANDLE handle = scm.OpenServiceW(manager, wideText(service), Scm::ServiceQueryStatus);
-    SERVICE_STATUS status = {};
-    const bool ok = handle && scm.QueryServiceStatus(handle, &status);
-    if (handle)
-        scm.CloseServiceHandle(handle);
-    scm.CloseServiceHandle(manager);
-    return ok ? status.dwCurrentState : 0;
-}
-
-bool TestQtService::waitForState(const QString &service, DWORD wanted, int timeoutMs)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (state(service) != wanted) {
-        if (timer.elapsed() > timeoutMs)
-            return false;
-        QThread::msleep(20);
-    }
-    return true;
 }
 
 QStringList TestQtService::notes() const
@@ -262,9 +224,9 @@ void TestQtService::lifecycle()
     QtServiceController controller(name);
 
     QVERIFY(controller.start({QStringLiteral("alpha"), QStringLiteral("beta gamma")}));
-    QCOMPARE(state(name), DWORD(Scm::StateStartPending));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStartPending));
     QVERIFY(controller.isRunning());
-    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
     QCOMPARE(notes(), QStringList{QStringLiteral("start tst_probe|alpha|beta gamma main")});
 
     SetLastError(0);
@@ -272,14 +234,14 @@ void TestQtService::lifecycle()
     QCOMPARE(GetLastError(), DWORD(1056));
 
     QVERIFY(controller.pause());
-    QCOMPARE(state(name), DWORD(Scm::StatePaused));
+    QCOMPARE(serviceState(name), DWORD(Scm::StatePaused));
     QVERIFY(controller.isRunning());
     QVERIFY(controller.sendCommand(2)); // accepted while paused
     QVERIFY(controller.resume());
-    QCOMPARE(state(name), DWORD(Scm::StateRunning));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateRunning));
 
     QVERIFY(controller.stop());
-    QCOMPARE(state(name), DWORD(Scm::StateStopped));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QVERIFY(!controller.isRunning());
     QCOMPARE(notes().mid(1), (QStringList{QStringLiteral("pause main"), QStringLiteral("enter 2 main"),
                                           QStringLiteral("leave 2 main"), QStringLiteral("resume main"),
@@ -313,7 +275,7 @@ void TestQtService::commandRange()
     if (installed) {
         installProbe(name, 0);
         QVERIFY(controller.start());
-        QVERIFY(waitForState(name, Scm::StateRunning));
+        QVERIFY(waitForServiceState(name, Scm::StateRunning));
     }
     const DWORD marker = 4242;
     SetLastError(marker);
@@ -340,7 +302,7 @@ void TestQtService::refusedControls()
     installProbe(name, flags);
     QtServiceController controller(name);
     QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     bool result = true;
     if (operation == QLatin1String("stop")) {
@@ -351,11 +313,11 @@ void TestQtService::refusedControls()
     }
     QVERIFY(!result);
     QCOMPARE(GetLastError(), DWORD(1052));
-    QCOMPARE(state(name), DWORD(Scm::StateRunning));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateRunning));
     QCOMPARE(notes().size(), 1);
 
     QVERIFY(controller.sendCommand(99)); // the probe quits on its own
-    QVERIFY(waitForState(name, Scm::StateStopped));
+    QVERIFY(waitForServiceState(name, Scm::StateStopped));
 }
 
 void TestQtService::stopGivesUpAfterTwoSeconds()
@@ -364,15 +326,15 @@ void TestQtService::stopGivesUpAfterTwoSeconds()
     installProbe(name, 0);
     QtServiceController controller(name);
     QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     QElapsedTimer timer;
     timer.start();
     QVERIFY(!controller.stop());
     QVERIFY2(timer.elapsed() >= 1900 && timer.elapsed() < 2900, qPrintable(QString::number(timer.elapsed())));
-    QCOMPARE(state(name), DWORD(Scm::StateStopPending));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopPending));
     QVERIFY(controller.isRunning());
-    QVERIFY(waitForState(name, Scm::StateStopped, 3000));
+    QVERIFY(waitForServiceState(name, Scm::StateStopped, 3000));
 }
 
 void TestQtService::uninstallRunning()
@@ -380,7 +342,7 @@ void TestQtService::uninstallRunning()
     installProbe(name, 0);
     QtServiceController controller(name);
     QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     QVERIFY(controller.uninstall());
     QVERIFY(controller.isInstalled()); // gone only once stopped
@@ -412,7 +374,7 @@ void TestQtService::dispatcherFailure()
         installProbe(name, 0);
         qputenv("SVC_PROBE_NAME", "tst_other"); // the launched program claims another name
         QVERIFY(!QtServiceController(name).start());
-        QCOMPARE(state(name), DWORD(Scm::StateStopped));
+        QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     } else {
         // Not launched by the manager: it asks for a start of "itself", which is not installed.
         QProcess host;
@@ -437,7 +399,7 @@ void TestQtService::concurrentControllers()
     installProbe(name, QtServiceBase::CanBeSuspended);
     QtServiceController controller(name);
     QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     QProcess first, second;
     first.start(probe, {QStringLiteral("-c"), QStringLiteral("5")});
@@ -469,150 +431,14 @@ void TestQtService::killedServiceReadsStopped()
     installProbe(name, QtServiceBase::CanBeSuspended);
     QtServiceController controller(name);
     QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     // A service process that dies without reporting reads as stopped, and starts again.
     killAll(probe);
-    QVERIFY(waitForState(name, Scm::StateStopped));
+    QVERIFY(waitForServiceState(name, Scm::StateStopped));
     QVERIFY(!controller.isRunning());
     QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
-    QVERIFY(controller.stop());
-}
-
-void TestQtService::unusableDatabase_data()
-{
-    QTest::addColumn<bool>("readOnly");
-    QTest::addColumn<QString>("reason");
-
-    QTest::newRow("folder cannot be made") << false << "cannot create the folder";
-    QTest::newRow("read-only folder") << true << "cannot write to it (";
-}
-
-// A database that cannot be used: one clear line, at once, not an endless
-// wait for its lock.
-void TestQtService::unusableDatabase()
-{
-    QFETCH(bool, readOnly);
-    QFETCH(QString, reason);
-
-    QString db = root.filePath(QStringLiteral("db"));
-    QStringList command = {probe, QStringLiteral("-v")};
-    if (!readOnly) {
-        QFile blocker(root.filePath(QStringLiteral("not-a-folder")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        db = blocker.fileName() + QLatin1String("/db");
-    } else if (::geteuid() == 0) { // root writes through modes: a read-only mount of its own
-        QVERIFY(QDir().mkpath(db));
-        command = QStringList{QStringLiteral("unshare"), QStringLiteral("-m"), QStringLiteral("sh"), QStringLiteral("-c"),
-                              QStringLiteral("mount --bind \"$1\" \"$1\" && mount -o remount,bind,ro \"$1\" || exit 77; "
-                                             "exec \"$2\" -v"),
-                              QStringLiteral("sh"), db, probe};
-    } else {
-        QVERIFY(QDir().mkpath(db));
-        QVERIFY(QFile::setPermissions(db, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
-    }
-    qputenv("TARN_SCM_ROOT", db.toLocal8Bit());
-    QProcess host;
-    host.start(command.first(), command.mid(1));
-    const bool finished = host.waitForFinished(15000);
-    if (!finished) {
-        host.kill();
-        host.waitForFinished();
-    }
-    QFile::setPermissions(db, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    QVERIFY(finished);
-    if (host.exitCode() == 77)
-        QSKIP("no read-only mount possible here");
-    QCOMPARE(host.exitCode(), 0);
-    QCOMPARE(host.readAllStandardOutput(),
-             "The service\n\ttst_probe\n\t" + probe.toUtf8() + "\n\nis not installed and not running\n\n");
-    const QByteArray err = host.readAllStandardError();
-    QVERIFY2(err.startsWith("Service control manager: the database folder " + db.toUtf8() + " is not usable: "
-                            + reason.toUtf8())
-                 && err.count('\n') == 1,
-             err.constData());
-}
-
-// A permissive umask must not open the database to other users: it holds
-// the launch tokens and the services' output.
-void TestQtService::databaseIsPrivate()
-{
-    const QString db = root.filePath(QStringLiteral("private/db"));
-    qputenv("TARN_SCM_ROOT", db.toLocal8Bit());
-    const mode_t mask = ::umask(0);
-    const auto restoreMask = qScopeGuard([mask] { ::umask(mask); });
-    installProbe(name, 0);
-    QtServiceController controller(name);
-    QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
-    NamedService(name).logMessage(QStringLiteral("event"));
-
-    const QFileDevice::Permissions others = QFileDevice::ReadGroup | QFileDevice::WriteGroup | QFileDevice::ExeGroup
-                                            | QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther;
-    const QFileDevice::Permissions owner = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
-    QCOMPARE(QFileInfo(db).permissions() & (owner | others), owner);
-    QStringList kinds;
-    const QFileInfoList entries = QDir(db).entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
-    for (const QFileInfo &entry : entries) {
-        QVERIFY2(!(entry.permissions() & others), qPrintable(entry.fileName()));
-        kinds.append(entry.suffix());
-    }
-    kinds.sort();
-    QCOMPARE(kinds, (QStringList{"ctl", "log", "svc", "txt"})); // socket, output, record, event log
-    QVERIFY(controller.stop());
-}
-
-// Sends a control code to a service's socket from a process of user nobody:
-// 0 accepted, 1 refused, 2 no connection.
-static int controlAsNobody(const QString &dir, const QString &socketName, quint32 code)
-{
-    const QByteArray folder = QFile::encodeName(dir);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    qstrncpy(address.sun_path, QFile::encodeName(socketName).constData(), sizeof(address.sun_path));
-    const quint32 request = qToBigEndian(code);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(10);
-        // Connected from inside the folder, so its parents need not be open to nobody.
-        const uid_t nobody = 65534;
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        if (::chdir(folder.constData()) != 0 || ::setgroups(0, nullptr) != 0 || ::setgid(nobody) != 0
-            || ::setuid(nobody) != 0 || fd < 0
-            || ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
-            ::_exit(2);
-        quint32 error = 1;
-        const bool replied = ::write(fd, &request, sizeof(request)) == sizeof(request)
-                             && ::read(fd, &error, sizeof(error)) == sizeof(error);
-        ::_exit(replied && error == 0 ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void TestQtService::controlFromOtherUserRefused()
-{
-    if (::geteuid() != 0)
-        QSKIP("connecting as another user needs root");
-    installProbe(name, QtServiceBase::CanBeSuspended);
-    QtServiceController controller(name);
-    QVERIFY(controller.start());
-    QVERIFY(waitForState(name, Scm::StateRunning));
-
-    // Folder and socket opened to everybody: only the credentials check is left.
-    const QList<qint64> services = processesOf(probe);
-    QCOMPARE(services.size(), 1);
-    const QString socket = QStringLiteral("%1.ctl").arg(services.first());
-    const QFileDevice::Permissions all(0x7777);
-    QVERIFY(QFile::setPermissions(root.path(), all));
-    QVERIFY(QFile::setPermissions(root.filePath(socket), all));
-    const int outcome = controlAsNobody(root.path(), socket, Scm::ControlPause);
-    QFile::setPermissions(root.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    QCOMPARE(outcome, 1);
-    QCOMPARE(state(name), DWORD(Scm::StateRunning));
-    QCOMPARE(notes().size(), 1);
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
     QVERIFY(controller.stop());
 }
 

@@ -1,8 +1,8 @@
 #include "proctools.h"
+#include "scmtools.h"
 #include "qtservice.h"
 #include "scmapi.h"
 
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -38,8 +38,6 @@ private:
         int code = -1;
     };
     Result run(const QStringList &args, const QString &host = QString());
-    static bool waitForState(DWORD wanted);
-    static DWORD state();
     static QString config(DWORD *serviceType, QString *binaryPath = nullptr);
     QString copyHost(const QString &dir);
 
@@ -87,31 +85,6 @@ TestTarnSvc::Result TestTarnSvc::run(const QStringList &args, const QString &pro
     result.err = process.readAllStandardError();
     result.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     return result;
-}
-
-DWORD TestTarnSvc::state()
-{
-    ScmFunctions &scm = scmFunctions();
-    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
-    SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryStatus);
-    SERVICE_STATUS status = {};
-    const bool ok = service && scm.QueryServiceStatus(service, &status);
-    if (service)
-        scm.CloseServiceHandle(service);
-    scm.CloseServiceHandle(manager);
-    return ok ? status.dwCurrentState : 0;
-}
-
-bool TestTarnSvc::waitForState(DWORD wanted)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (state() != wanted) {
-        if (timer.elapsed() > 5000)
-            return false;
-        QThread::msleep(20);
-    }
-    return true;
 }
 
 // The account of the installed service, with its type and binary path.
@@ -275,7 +248,7 @@ void TestTarnSvc::unknownOptionBecomesStartArgument()
     const Result r = run({QStringLiteral("-I"), QStringLiteral("ignored?")});
     QCOMPARE(r.err, QByteArray());
     QCOMPARE(r.code, 0);
-    QVERIFY(waitForState(Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     const QList<qint64> hosts = processesOf(host);
     QCOMPARE(hosts.size(), 1);
@@ -303,7 +276,7 @@ void TestTarnSvc::keepsManagerRunning()
 
     QCOMPARE(run({QStringLiteral("-i")}).code, 0);
     QCOMPARE(run({}).code, 0);
-    QVERIFY(waitForState(Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
     QTRY_COMPARE_WITH_TIMEOUT(processesOf(child).size(), 1, 5000);
     const qint64 childPid = processesOf(child).first();
 
@@ -319,14 +292,14 @@ void TestTarnSvc::keepsManagerRunning()
         const Result r = run({step.first, QStringLiteral("5")});
         QCOMPARE(r.code, 0);
         QCOMPARE(r.out + r.err, QByteArray());
-        QCOMPARE(state(), step.second);
+        QCOMPARE(serviceState(name), step.second);
         QCOMPARE(processesOf(child), QList<qint64>{childPid});
     }
 
     const Result r = run({QStringLiteral("-t")});
     QCOMPARE(r.code, 0);
     QCOMPARE(r.err, QByteArray());
-    QCOMPARE(state(), DWORD(Scm::StateStopped));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(child).isEmpty(), 5000);
     QFile::remove(cfgPath);
 }
@@ -343,7 +316,7 @@ void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()
 
     QCOMPARE(run({QStringLiteral("-i")}, stubbornHost).code, 0);
     QCOMPARE(run({}, stubbornHost).code, 0);
-    QVERIFY(waitForState(Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
     QFile pidFile(dir + QLatin1String("/child.pid"));
     QTRY_VERIFY(pidFile.exists() && pidFile.size() > 0);
     QVERIFY(pidFile.open(QIODevice::ReadOnly));
@@ -352,7 +325,7 @@ void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()
 
     const Result r = run({QStringLiteral("-t")}, stubbornHost);
     QCOMPARE(r.code, 0);
-    QCOMPARE(state(), DWORD(Scm::StateStopped));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(stubbornHost).isEmpty(), 5000);
     const bool childGone = ::kill(pid, 0) != 0;
     if (!childGone)
