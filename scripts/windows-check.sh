@@ -44,6 +44,9 @@
 #   writes on such a failure is not provoked here; the event-log path itself
 #   is checked through the probe service.
 # - A new prefix can be left with two services.exe (see below).
+# - Wine neither checks nor shows a service's password, so an installation
+#   with one is checked for its account only, not for the password having
+#   arrived; the Linux tests check how it is handed over.
 set -uo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -303,10 +306,10 @@ expect "-v, installed" "$VERSION" "" 0 "$HOST" -version
 query TarnSvc
 check "installed and stopped in the manager" [ "$STATE" = $STOPPED ]
 # Own process, interactive (0x110), demand start (3), no account (shown as
-# LocalSystem), the path as the host gave it (unquoted) and the description.
+# LocalSystem), the path in quotes and the description.
 config() { CONFIG=$(cd "$DIR" && wine scquery.exe config "$1" < /dev/null | tr -d '\r'); }
 config TarnSvc
-check "configuration: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|$HOST|VARNOK Server" ]
+check "configuration: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$HOST\"|VARNOK Server" ]
 
 # A bare start from a console: 1063, then the manager starts the service,
 # whose main runs the host, which launches the stand-in child.
@@ -407,7 +410,7 @@ while IFS=';' read -r account password type shown; do
     run "$HOST" -i "$account" "$password"
     check "-i '$account': exit code $CODE" [ "$CODE" = 0 ]
     config TarnSvc
-    check "-i '$account': configuration $CONFIG" [ "$CONFIG" = "$type|3|$shown|$HOST|VARNOK Server" ]
+    check "-i '$account': configuration $CONFIG" [ "$CONFIG" = "$type|3|$shown|\"$HOST\"|VARNOK Server" ]
     run "$HOST" -u
     check "-i '$account': uninstalled" [ "$CODE" = 0 ]
 done <<'EOF_ACCOUNTS'
@@ -417,6 +420,26 @@ LocalSystem;;272;LocalSystem
 NT AUTHORITY\LocalSystem;;272;LocalSystem
 localsystem;;16;.\localsystem
 EOF_ACCOUNTS
+# QtServiceController::install hands the password to the host through a pipe,
+# not on its command line; the host, a GUI-subsystem program, reads it there.
+run "$PROBE" install "$HOST" someuser "pass word"
+check "install through the controller: exit code $CODE" [ "$CODE" = 0 ]
+config TarnSvc
+check "install through the controller: configuration $CONFIG" [ "$CONFIG" = "16|3|.\someuser|\"$HOST\"|VARNOK Server" ]
+run "$HOST" -u
+check "install through the controller: uninstalled" [ "$CODE" = 0 ]
+# A host deeper than MAX_PATH (260 characters) finds and registers its whole path.
+LONG=$(printf 'd%.0s' $(seq 100))
+LONGDIR="$LONG\\$LONG\\$LONG"
+LONGHOST="$WINDIR\\$LONGDIR\\TarnSvc.exe"
+mkdir -p "$DIR/$LONG/$LONG/$LONG"
+cp "$DIR"/{TarnSvc.exe,*.dll} "$DIR/$LONG/$LONG/$LONG/"
+expect "-i, path of ${#LONGHOST} characters" "The service TarnSvc has been installed under: $LONGHOST
+" "" 0 "$LONGHOST" -i
+config TarnSvc
+check "long path registered: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$LONGHOST\"|VARNOK Server" ]
+run "$LONGHOST" -u
+check "long path: uninstalled" [ "$CODE" = 0 ]
 query TarnSvc
 check "gone after the account checks" [ "$STATE" = none ]
 

@@ -1,5 +1,7 @@
 #include "qtservice_p.h"
 
+#include <QFile>
+
 #include <cstdio>
 #include <cstring>
 
@@ -28,6 +30,20 @@ QString normalisedName(QString name)
 QByteArray latin1(const QString &text)
 {
     return text.toLatin1();
+}
+
+// The password QtServiceController::install writes to the pipe, followed by
+// a line end.
+QString passwordFromStdin()
+{
+    const qint64 MaxPasswordBytes = 4096;
+    QFile in;
+    if (!in.open(stdin, QIODevice::ReadOnly))
+        return QString();
+    QByteArray password = in.read(MaxPasswordBytes);
+    if (password.endsWith('\n'))
+        password.chop(password.endsWith("\r\n") ? 2 : 1);
+    return QString::fromUtf8(password);
 }
 
 const char usageText[] =
@@ -145,7 +161,9 @@ int QtServiceBase::exec()
             return 0;
         }
         const QString account = args.size() > 2 ? args.at(2) : QString();
-        const QString password = args.size() > 3 ? args.at(3) : QString();
+        const QString password = qEnvironmentVariableIsSet(QtServiceBaseData::PasswordOnStdinVar)
+                                     ? passwordFromStdin()
+                                     : args.size() > 3 ? args.at(3) : QString();
         if (!d_ptr->installService(account, password)) {
             fprintf(stderr, "The service %s could not be installed\n", name.constData());
             return -1;

@@ -53,6 +53,10 @@ public:
     bool runAsService();
     bool installService(const QString &account, const QString &password);
     static QString executablePath();
+
+    // Set for a host started by QtServiceController::install: -install then
+    // reads the password from stdin, not from its command line.
+    static constexpr char PasswordOnStdinVar[] = "TARN_SERVICE_PASSWORD_STDIN";
     void handleControlEvent(QEvent *event);
     void startService() { q_ptr->start(); }
     static QtServiceBaseData *of(QtServiceBase *service) { return service->d_ptr; }

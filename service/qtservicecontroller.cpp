@@ -56,6 +56,17 @@ QString fromWide(const WCHAR *text)
     return text ? QString::fromUtf16(reinterpret_cast<const char16_t *>(text)) : QString();
 }
 
+QStringList splitBinaryPath(const QString &binaryPath)
+{
+    const QLatin1Char quote('"');
+    if (!binaryPath.startsWith(quote))
+        return {binaryPath};
+    const int end = binaryPath.indexOf(quote, 1);
+    if (end < 0)
+        return {binaryPath.mid(1)};
+    return QStringList(binaryPath.mid(1, end - 1)) + QProcess::splitCommand(binaryPath.mid(end + 1));
+}
+
 #ifdef Q_OS_WIN
 QString scmErrorText(DWORD code)
 {
@@ -160,7 +171,7 @@ QString QtServiceController::serviceFilePath() const
     std::vector<quint64> buffer;
     const QUERY_SERVICE_CONFIGW *config =
         queryConfig(ScmServiceHandle(d_ptr->serviceName, 0, Scm::ServiceQueryConfig), buffer);
-    return config ? fromWide(config->lpBinaryPathName) : QString();
+    return config ? splitBinaryPath(fromWide(config->lpBinaryPathName)).first() : QString();
 }
 
 QString QtServiceController::serviceDescription() const
@@ -189,7 +200,20 @@ QtServiceController::StartupType QtServiceController::startupType() const
 bool QtServiceController::install(const QString &serviceFilePath, const QString &account,
                                   const QString &password)
 {
-    return QProcess::execute(serviceFilePath, {QStringLiteral("-i"), account, password}) == 0;
+    // The password goes through a pipe: a command line is visible to every
+    // user of the machine.
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QLatin1String(QtServiceBaseData::PasswordOnStdinVar), QStringLiteral("1"));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::ForwardedChannels);
+    process.start(serviceFilePath, {QStringLiteral("-i"), account});
+    if (!process.waitForStarted(-1))
+        return false;
+    process.write(password.toUtf8() + '\n');
+    process.closeWriteChannel();
+    process.waitForFinished(-1);
+    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
 bool QtServiceController::uninstall()
@@ -258,7 +282,10 @@ bool QtServiceController::sendCommand(int code)
 
 bool QtServiceBaseData::installService(const QString &account, const QString &password)
 {
-    if (!resolveScmFunctions())
+    // Registered quoted, so that no shorter prefix of a path with spaces can
+    // be taken for the program; a path that holds a quote cannot be quoted.
+    const QString path = executablePath();
+    if (path.isEmpty() || path.contains(QLatin1Char('"')) || !resolveScmFunctions())
         return false;
     ScmFunctions &scm = scmFunctions();
     SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerAllAccess);
@@ -281,10 +308,10 @@ bool QtServiceBaseData::installService(const QString &account, const QString &pa
         }
     }
     const QString name = controller.serviceName();
-    const QString path = executablePath();
+    const QString binaryPath = QLatin1Char('"') + path + QLatin1Char('"');
     SC_HANDLE service = scm.CreateServiceW(
         manager, wideText(name), wideText(name), Scm::ServiceAllAccess, serviceType, startType,
-        Scm::ErrorNormal, wideText(path), nullptr, nullptr, nullptr,
+        Scm::ErrorNormal, wideText(binaryPath), nullptr, nullptr, nullptr,
         user.isEmpty() ? nullptr : wideText(user), secret.isEmpty() ? nullptr : wideText(secret));
     const bool installed = service != nullptr;
     if (installed) {
@@ -300,9 +327,17 @@ bool QtServiceBaseData::installService(const QString &account, const QString &pa
 
 QString QtServiceBaseData::executablePath()
 {
-    WCHAR path[260];
-    // The size passed is the buffer's size in bytes; paths stay below 260 characters.
-    if (!GetModuleFileNameW(nullptr, path, sizeof(path)))
-        return QString();
-    return fromWide(path);
+    // MAX_PATH characters first; long paths need more, up to the longest
+    // path Windows knows. A result that fills the buffer was cut.
+    const DWORD longestPath = 32768;
+    for (DWORD size = 260;; size = qMin(size * 2, longestPath)) {
+        std::vector<WCHAR> path(size);
+        const DWORD length = GetModuleFileNameW(nullptr, path.data(), size);
+        if (length == 0)
+            return QString();
+        if (length < size)
+            return QString::fromUtf16(reinterpret_cast<const char16_t *>(path.data()), int(length));
+        if (size == longestPath)
+            return QString();
+    }
 }

@@ -6,6 +6,7 @@
 // the substitute control manager (scmsubstitute.cpp) implements them.
 
 #include <QString>
+#include <QStringList>
 
 #ifdef Q_OS_WIN
 #include <windows.h>
@@ -164,6 +165,11 @@ inline LPCWSTR wideText(const QString &text)
     return reinterpret_cast<LPCWSTR>(text.utf16());
 }
 QString fromWide(const WCHAR *text);
+
+// The program and arguments of a registered binary path, which is a command
+// line: a quoted program may be followed by arguments; an unquoted one (as
+// older installations registered it) is taken whole.
+QStringList splitBinaryPath(const QString &binaryPath);
 
 // The system's text for a control-manager error code.
 QString scmErrorText(DWORD code);

@@ -1,8 +1,8 @@
 #include "proctools.h"
+#include "scmtools.h"
 #include "qtservice.h"
 #include "scmapi.h"
 
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -22,6 +22,7 @@ private slots:
     void help();
     void notInstalled_data();
     void notInstalled();
+    void installTwiceAndUninstallTwice_data();
     void installTwiceAndUninstallTwice();
     void installAccounts_data();
     void installAccounts();
@@ -37,9 +38,7 @@ private:
         int code = -1;
     };
     Result run(const QStringList &args, const QString &host = QString());
-    static bool waitForState(DWORD wanted);
-    static DWORD state();
-    static QString account(DWORD *serviceType);
+    static QString config(DWORD *serviceType, QString *binaryPath = nullptr);
     QString copyHost(const QString &dir);
 
     QTemporaryDir temp;
@@ -90,32 +89,8 @@ TestTarnSvc::Result TestTarnSvc::run(const QStringList &args, const QString &pro
     return result;
 }
 
-DWORD TestTarnSvc::state()
-{
-    ScmFunctions &scm = scmFunctions();
-    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
-    SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryStatus);
-    SERVICE_STATUS status = {};
-    const bool ok = service && scm.QueryServiceStatus(service, &status);
-    if (service)
-        scm.CloseServiceHandle(service);
-    scm.CloseServiceHandle(manager);
-    return ok ? status.dwCurrentState : 0;
-}
-
-bool TestTarnSvc::waitForState(DWORD wanted)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (state() != wanted) {
-        if (timer.elapsed() > 5000)
-            return false;
-        QThread::msleep(20);
-    }
-    return true;
-}
-
-QString TestTarnSvc::account(DWORD *serviceType)
+// The account of the installed service, with its type and binary path.
+QString TestTarnSvc::config(DWORD *serviceType, QString *binaryPath)
 {
     ScmFunctions &scm = scmFunctions();
     SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
@@ -127,6 +102,8 @@ QString TestTarnSvc::account(DWORD *serviceType)
     if (service && scm.QueryServiceConfigW(service, config, DWORD(buffer.size() * 8), &needed)) {
         result = fromWide(config->lpServiceStartName);
         *serviceType = config->dwServiceType;
+        if (binaryPath)
+            *binaryPath = fromWide(config->lpBinaryPathName);
     }
     if (service)
         scm.CloseServiceHandle(service);
@@ -197,28 +174,47 @@ void TestTarnSvc::notInstalled()
     QVERIFY(!QtServiceController(name).isInstalled());
 }
 
+void TestTarnSvc::installTwiceAndUninstallTwice_data()
+{
+    QTest::addColumn<QString>("folder"); // empty: the host in "svc host"
+
+    QTest::newRow("path with a space") << QString();
+    // Longer than Windows' MAX_PATH of 260 characters.
+    const QString part(100, QLatin1Char('d'));
+    QTest::newRow("path over 259 characters") << part + QLatin1Char('/') + part + QLatin1Char('/') + part;
+}
+
 void TestTarnSvc::installTwiceAndUninstallTwice()
 {
-    Result r = run({QStringLiteral("-i")});
-    QCOMPARE(r.out, "The service TarnSvc has been installed under: " + host.toLatin1() + "\n");
+    QFETCH(QString, folder);
+    const QString program = folder.isEmpty() ? host : copyHost(temp.filePath(folder));
+    const auto runWith = [this, &program](const QString &option) { return run({option}, program); };
+
+    Result r = runWith(QStringLiteral("-i"));
+    QCOMPARE(r.out, "The service TarnSvc has been installed under: " + program.toLatin1() + "\n");
     QCOMPARE(r.code, 0);
     QtServiceController controller(name);
-    QCOMPARE(controller.serviceFilePath(), host);
+    QCOMPARE(controller.serviceFilePath(), program);
+    // Quoted: an unquoted path with spaces can be taken for a shorter program.
+    DWORD type = 0;
+    QString binaryPath;
+    config(&type, &binaryPath);
+    QCOMPARE(binaryPath, QLatin1Char('"') + program + QLatin1Char('"'));
     QCOMPARE(controller.serviceDescription(), QStringLiteral("VARNOK Server"));
     QCOMPARE(controller.startupType(), QtServiceController::ManualStartup);
 
-    r = run({QStringLiteral("-install")});
+    r = runWith(QStringLiteral("-install"));
     QCOMPARE(r.out, QByteArray());
     QCOMPARE(r.err, QByteArray("The service TarnSvc is already installed\n"));
     QCOMPARE(r.code, 0);
 
-    r = run({QStringLiteral("-version")});
-    QCOMPARE(r.out, "The service\n\tTarnSvc\n\t" + host.toLatin1() + "\n\nis installed and not running\n\n");
+    r = runWith(QStringLiteral("-version"));
+    QCOMPARE(r.out, "The service\n\tTarnSvc\n\t" + program.toLatin1() + "\n\nis installed and not running\n\n");
 
-    r = run({QStringLiteral("-u")});
+    r = runWith(QStringLiteral("-u"));
     QCOMPARE(r.out, QByteArray("The service TarnSvc has been uninstalled.\n"));
     QCOMPARE(r.code, 0);
-    r = run({QStringLiteral("-u")});
+    r = runWith(QStringLiteral("-u"));
     QCOMPARE(r.err, QByteArray("The service TarnSvc is not installed\n"));
     QCOMPARE(r.code, 0);
 }
@@ -244,7 +240,7 @@ void TestTarnSvc::installAccounts()
 
     QCOMPARE(run(args).code, 0);
     DWORD type = 0;
-    QCOMPARE(TestTarnSvc::account(&type), account);
+    QCOMPARE(config(&type), account);
     QCOMPARE(uint(type), serviceType);
 }
 
@@ -254,7 +250,7 @@ void TestTarnSvc::unknownOptionBecomesStartArgument()
     const Result r = run({QStringLiteral("-I"), QStringLiteral("ignored?")});
     QCOMPARE(r.err, QByteArray());
     QCOMPARE(r.code, 0);
-    QVERIFY(waitForState(Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
 
     const QList<qint64> hosts = processesOf(host);
     QCOMPARE(hosts.size(), 1);
@@ -282,7 +278,7 @@ void TestTarnSvc::keepsManagerRunning()
 
     QCOMPARE(run({QStringLiteral("-i")}).code, 0);
     QCOMPARE(run({}).code, 0);
-    QVERIFY(waitForState(Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
     QTRY_COMPARE_WITH_TIMEOUT(processesOf(child).size(), 1, 5000);
     const qint64 childPid = processesOf(child).first();
 
@@ -298,14 +294,14 @@ void TestTarnSvc::keepsManagerRunning()
         const Result r = run({step.first, QStringLiteral("5")});
         QCOMPARE(r.code, 0);
         QCOMPARE(r.out + r.err, QByteArray());
-        QCOMPARE(state(), step.second);
+        QCOMPARE(serviceState(name), step.second);
         QCOMPARE(processesOf(child), QList<qint64>{childPid});
     }
 
     const Result r = run({QStringLiteral("-t")});
     QCOMPARE(r.code, 0);
     QCOMPARE(r.err, QByteArray());
-    QCOMPARE(state(), DWORD(Scm::StateStopped));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(child).isEmpty(), 5000);
     QFile::remove(cfgPath);
 }
@@ -322,7 +318,7 @@ void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()
 
     QCOMPARE(run({QStringLiteral("-i")}, stubbornHost).code, 0);
     QCOMPARE(run({}, stubbornHost).code, 0);
-    QVERIFY(waitForState(Scm::StateRunning));
+    QVERIFY(waitForServiceState(name, Scm::StateRunning));
     QFile pidFile(dir + QLatin1String("/child.pid"));
     QTRY_VERIFY(pidFile.exists() && pidFile.size() > 0);
     QVERIFY(pidFile.open(QIODevice::ReadOnly));
@@ -331,7 +327,7 @@ void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()
 
     const Result r = run({QStringLiteral("-t")}, stubbornHost);
     QCOMPARE(r.code, 0);
-    QCOMPARE(state(), DWORD(Scm::StateStopped));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(stubbornHost).isEmpty(), 5000);
     const bool childGone = ::kill(pid, 0) != 0;
     if (!childGone)

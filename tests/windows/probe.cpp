@@ -1,7 +1,8 @@
 // A service built from the framework for the Windows check: TarnSvc inherits
 // a processCommand that does nothing, so this one records every control it
 // handles in TarnProbe.log beside it, and reports each command to the event
-// log as well.
+// log as well. Run as "TarnProbe install <program> <account> <password>", it
+// installs another program through QtServiceController::install instead.
 
 #include "qtservice.h"
 
@@ -42,6 +43,11 @@ private:
 
 int main(int argc, char **argv)
 {
+    if (argc == 5 && qstrcmp(argv[1], "install") == 0) {
+        QCoreApplication app(argc, argv);
+        const QStringList args = QCoreApplication::arguments();
+        return QtServiceController::install(args.at(2), args.at(3), args.at(4)) ? 0 : 1;
+    }
     WinProbe service(argc, argv);
     return service.exec();
 }
