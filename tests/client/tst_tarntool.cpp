@@ -1,16 +1,13 @@
+#include "../testsupport.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
 
 #include <QProcess>
 #include <QRegularExpression>
-#include <QTcpServer>
 #include <QtTest>
 #include <memory>
 
-namespace {
-const QString SessionA = QStringLiteral("{aaaaaaaa-0000-0000-0000-000000000001}");
-const QString SessionB = QStringLiteral("{bbbbbbbb-0000-0000-0000-000000000002}");
-}
+using namespace testsupport;
 
 // Runs the real `tarn` program against a server in this process; the test
 // waits through the event loop so the server keeps answering meanwhile.
@@ -28,37 +25,21 @@ private slots:
 
 private:
     void StartTool(QProcess &tool, QStringList args);
-    ClientRecord MakeRecord(const QString &session, const QString &name);
 
     std::unique_ptr<TarnSrv> server;
     std::unique_ptr<TarnClt> ann;
-    ClientRecord annRecord;
+    ClientRecord annRecord = Record(SessionA, QStringLiteral("Ann"));
     QString url;
-    quint16 closedPort = 0;
 };
-
-ClientRecord TestTarnTool::MakeRecord(const QString &session, const QString &name)
-{
-    ClientRecord rec;
-    rec.sessionUuid = QUuid(session);
-    rec.guestName = name;
-    return rec;
-}
 
 void TestTarnTool::initTestCase()
 {
     qRegisterMetaType<QProcess::ExitStatus>();
     server = std::make_unique<TarnSrv>();
     QCOMPARE(server->Start(0), 0);
-    url = QStringLiteral("wss://127.0.0.1:%1").arg(server->ListeningPort());
-
-    annRecord = MakeRecord(SessionA, QStringLiteral("Ann"));
+    url = LocalUrl(server->ListeningPort()).toString();
     ann = std::make_unique<TarnClt>();
     QVERIFY(ann->Open(QUrl(url), &annRecord));
-
-    QTcpServer probe;
-    QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-    closedPort = probe.serverPort();
 }
 
 void TestTarnTool::cleanupTestCase()
@@ -70,7 +51,7 @@ void TestTarnTool::cleanupTestCase()
 void TestTarnTool::StartTool(QProcess &tool, QStringList args)
 {
     args.replaceInStrings(QStringLiteral("URL"), url);
-    args.replaceInStrings(QStringLiteral("CLOSED"), QString::number(closedPort));
+    args.replaceInStrings(QStringLiteral("CLOSED"), QString::number(FreePort()));
     // Output beyond ASCII (U+FFFD for unsafe characters) comes as UTF-8 whatever the locale.
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
@@ -177,7 +158,7 @@ void TestTarnTool::watchReportsChangesAndLoss()
     waitFor(stamp + QStringLiteral("\\+ Wes ") + QRegularExpression::escape(SessionB) + QLatin1Char('$'));
 
     const QString sessionC = QStringLiteral("{cccccccc-0000-0000-0000-000000000003}");
-    ClientRecord beaRecord = MakeRecord(sessionC, QStringLiteral("Bea"));
+    ClientRecord beaRecord = Record(sessionC, QStringLiteral("Bea"));
     auto bea = std::make_unique<TarnClt>();
     QVERIFY(bea->Open(QUrl(url), &beaRecord));
     waitFor(stamp + QStringLiteral("\\+ Bea ") + QRegularExpression::escape(sessionC) + QLatin1Char('$'));
