@@ -14,8 +14,7 @@ class TestSrvUrlDetect : public QObject
     Q_OBJECT
 
 private slots:
-    void requestLayout();
-    void replyLayout();
+    void datagramLayout();
     void requestAnswered_data();
     void requestAnswered();
     void repliesCollectedOnce();
@@ -48,23 +47,15 @@ QByteArray TestSrvUrlDetect::Utf16Id(const QString &id)
     return bytes;
 }
 
-void TestSrvUrlDetect::requestLayout()
+void TestSrvUrlDetect::datagramLayout()
 {
-    const QByteArray datagram = SrvUrlDetect::RequestDatagram();
-    QCOMPARE(datagram.size(), 76);
-    QCOMPARE(datagram.left(4), QByteArray::fromHex("00000048"));
-    QCOMPARE(datagram.mid(4), Utf16Id(QStringLiteral("a24566ba-d6a4-44a8-9dcb-31f3d88e699d")));
-}
-
-void TestSrvUrlDetect::replyLayout()
-{
+    const QByteArray idLength = QByteArray::fromHex("00000048");
+    QCOMPARE(SrvUrlDetect::RequestDatagram(),
+             idLength + Utf16Id(QStringLiteral("a24566ba-d6a4-44a8-9dcb-31f3d88e699d")));
     const QByteArray url("wss://192.168.10.7:50443");
-    const QByteArray datagram = SrvUrlDetect::ReplyDatagram(QUrl(QString::fromLatin1(url)));
-    QCOMPARE(datagram.size(), 80 + url.size());
-    QCOMPARE(datagram.left(4), QByteArray::fromHex("00000048"));
-    QCOMPARE(datagram.mid(4, 72), Utf16Id(QStringLiteral("b7fb56d1-2592-4625-85e4-dd05cfcd99cd")));
-    QCOMPARE(datagram.mid(76, 4), QByteArray::fromHex("00000018"));
-    QCOMPARE(datagram.mid(80), url);
+    QCOMPARE(SrvUrlDetect::ReplyDatagram(QUrl(QString::fromLatin1(url))),
+             idLength + Utf16Id(QStringLiteral("b7fb56d1-2592-4625-85e4-dd05cfcd99cd"))
+                 + QByteArray::fromHex("00000018") + url);
 }
 
 void TestSrvUrlDetect::requestAnswered_data()
@@ -74,10 +65,8 @@ void TestSrvUrlDetect::requestAnswered_data()
 
     const QByteArray request = SrvUrlDetect::RequestDatagram();
     QByteArray upperCase;
-    {
-        QDataStream out(&upperCase, QIODevice::WriteOnly);
-        out << SrvUrlDetect::DiscoveryRequestId.toUpper();
-    }
+    QDataStream upper(&upperCase, QIODevice::WriteOnly);
+    upper << SrvUrlDetect::DiscoveryRequestId.toUpper();
     QTest::newRow("request") << request << true;
     QTest::newRow("request with trailing bytes") << request + "junk" << true;
     QTest::newRow("upper-case identifier") << upperCase << false;
