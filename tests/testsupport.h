@@ -2,8 +2,10 @@
 
 // Small helpers the test programs share.
 #include <QFile>
-#include <QTcpServer>
 #include <QUrl>
+#ifdef QT_NETWORK_LIB
+#include <QTcpServer>
+#endif
 
 struct ClientRecord;
 
@@ -24,6 +26,7 @@ inline bool WriteFile(const QString &path, const QByteArray &bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
+#ifdef QT_NETWORK_LIB
 // A loopback port nobody listens on once this returns.
 inline quint16 FreePort()
 {
@@ -31,6 +34,7 @@ inline quint16 FreePort()
     probe.listen(QHostAddress::LocalHost, 0);
     return probe.serverPort();
 }
+#endif
 
 inline QUrl LocalUrl(quint16 port)
 {

@@ -1,3 +1,4 @@
+#include "../testsupport.h"
 #include "logwindow.h"
 #include "tarnsrvsettings.h"
 
@@ -5,6 +6,8 @@
 #include <QPlainTextEdit>
 #include <QTemporaryDir>
 #include <QtTest>
+
+using namespace testsupport;
 
 namespace {
 const QString Banner = QStringLiteral("VARNOK Server version 1.4.0.\n\n");
@@ -22,12 +25,6 @@ enum ConfigKind { Missing, File, Directory };
 QString Typed(const QVariant &v)
 {
     return QString::fromLatin1(v.typeName()) + QLatin1Char(':') + v.toString();
-}
-
-QByteArray FileBytes(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<no file>");
 }
 
 // The message parts of the log file's lines. A fragment that is not a whole
@@ -98,69 +95,54 @@ void TestSettings::init()
 
 void TestSettings::WriteConfig(const QByteArray &content)
 {
-    QFile file(configPath);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray(content).replace("DIR", dir.path().toUtf8()));
+    QVERIFY(WriteFile(configPath, QByteArray(content).replace("DIR", dir.path().toUtf8())));
 }
 
 void TestSettings::parseLine_data()
 {
     QTest::addColumn<QString>("line");
-    QTest::addColumn<bool>("valid");
-    QTest::addColumn<QString>("report");
-    QTest::addColumn<int>("port");
-    QTest::addColumn<bool>("logging");
-    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("report"); // after "Line number 3 with value " when the line is refused
 
-    QTest::newRow("port") << " PortNr=4000 " << true << "Port number: 4000\n" << 4000 << true << "";
-    QTest::newRow("highest port") << "PortNr = 65535" << true << "Port number: 65535\n" << 65535 << true << "";
-    QTest::newRow("port 0 leaves no port") << "PortNr = 0" << true << "Port number: 0\n" << 0 << true << "";
     const QString range = QStringLiteral("\" is out of range.\nExpecting a port number from 1 to 65535.\n");
-    QTest::newRow("port above range") << "PortNr = 70000" << false << "Line number 3 with value \"PortNr = 70000" + range
-                                      << 0 << true << "";
-    QTest::newRow("negative port") << "PortNr = -7" << false << "Line number 3 with value \"PortNr = -7" + range << 0
-                                   << true << "";
-    QTest::newRow("port not a number") << "PortNr = abc" << true << "Port number: 0\n" << 0 << true << "";
-    QTest::newRow("port with leading zero") << "PortNr = 0080" << true << "Port number: 80\n" << 80 << true << "";
-    QTest::newRow("logging TRUE") << "LoggingEnable = TRUE" << true << "Logging: enabled\n" << 0 << true << "";
-    QTest::newRow("logging 1 is off") << "LoggingEnable = 1" << true << "Logging: disabled\n" << 0 << false << "";
-    QTest::newRow("logging empty is off") << "LoggingEnable=" << true << "Logging: disabled\n" << 0 << false << "";
-    QTest::newRow("folder") << "LoggingFolder =  C:/logs " << true << "Logging folder: C:/logs\n" << 0 << true
-                            << "C:/logs";
-    QTest::newRow("empty folder") << "LoggingFolder =" << true << "Logging folder: \n" << 0 << true << "";
-    QTest::newRow("empty line") << "" << false
-                                << "Line number 3 with value \"\".\nLine does not contain an equal sign.\n" << 0
-                                << true << "";
-    QTest::newRow("blank line") << "   " << false
-                                << "Line number 3 with value \"   \".\nLine does not contain an equal sign.\n" << 0
-                                << true << "";
-    QTest::newRow("two equal signs") << "PortNr = 80 = 81" << false
-                                     << "Line number 3 with value \"PortNr = 80 = 81\" is malformed.\n"
-                                        "Expecting format : <key> = <value>.\n"
-                                     << 0 << true << "";
-    QTest::newRow("key in other case") << " portnr = 80" << false
-                                       << "Line number 3 with value \" portnr = 80\" contains an invalid key.\n"
-                                       << 0 << true << "";
-    QTest::newRow("empty key") << "= 80" << false << "Line number 3 with value \"= 80\" contains an invalid key.\n"
-                               << 0 << true << "";
+    const QString noEqualSign = QStringLiteral("\".\nLine does not contain an equal sign.\n");
+    QTest::newRow("port") << " PortNr=4000 " << "Port number: 4000\n";
+    QTest::newRow("highest port") << "PortNr = 65535" << "Port number: 65535\n";
+    QTest::newRow("port 0 leaves no port") << "PortNr = 0" << "Port number: 0\n";
+    QTest::newRow("port above range") << "PortNr = 70000" << "\"PortNr = 70000" + range;
+    QTest::newRow("negative port") << "PortNr = -7" << "\"PortNr = -7" + range;
+    QTest::newRow("port not a number") << "PortNr = abc" << "Port number: 0\n";
+    QTest::newRow("port with leading zero") << "PortNr = 0080" << "Port number: 80\n";
+    QTest::newRow("logging TRUE") << "LoggingEnable = TRUE" << "Logging: enabled\n";
+    QTest::newRow("logging 1 is off") << "LoggingEnable = 1" << "Logging: disabled\n";
+    QTest::newRow("logging empty is off") << "LoggingEnable=" << "Logging: disabled\n";
+    QTest::newRow("folder") << "LoggingFolder =  C:/logs " << "Logging folder: C:/logs\n";
+    QTest::newRow("empty folder") << "LoggingFolder =" << "Logging folder: \n";
+    QTest::newRow("empty line") << "" << "\"" + noEqualSign;
+    QTest::newRow("blank line") << "   " << "\"   " + noEqualSign;
+    QTest::newRow("two equal signs") << "PortNr = 80 = 81"
+                                     << "\"PortNr = 80 = 81\" is malformed.\nExpecting format : <key> = <value>.\n";
+    QTest::newRow("key in other case") << " portnr = 80" << "\" portnr = 80\" contains an invalid key.\n";
+    QTest::newRow("empty key") << "= 80" << "\"= 80\" contains an invalid key.\n";
 }
 
+// A refused line leaves the values as they were; an accepted one stores what the report says.
 void TestSettings::parseLine()
 {
     QFETCH(QString, line);
-    QFETCH(bool, valid);
     QFETCH(QString, report);
-    QFETCH(int, port);
-    QFETCH(bool, logging);
-    QFETCH(QString, folder);
 
+    const bool valid = !report.startsWith(QLatin1Char('"'));
+    if (!valid)
+        report.prepend(QStringLiteral("Line number 3 with value "));
+    static const QRegularExpression reported(QStringLiteral("^(Port number|Logging|Logging folder): (.*)\n$"));
+    const QRegularExpressionMatch value = reported.match(report);
     ConfigValues values;
     QString text = QStringLiteral("before\n");
     QCOMPARE(TarnSrvSettings::ParseConfigLine(3, line, values, text), valid);
     QCOMPARE(text, "before\n" + report);
-    QCOMPARE(values.port, port);
-    QCOMPARE(values.loggingEnabled, logging);
-    QCOMPARE(values.loggingFolder, folder);
+    QCOMPARE(values.port, value.captured(1) == QLatin1String("Port number") ? value.captured(2).toInt() : 0);
+    QCOMPARE(values.loggingEnabled, value.captured(2) != QLatin1String("disabled"));
+    QCOMPARE(values.loggingFolder, value.captured(1) == QLatin1String("Logging folder") ? value.captured(2) : QString());
 }
 
 // A valid file moves the log: the new folder's old file is kept as the previous run, the old folder's is left.
@@ -169,11 +151,8 @@ void TestSettings::workedExample()
     const QString logs = dir.filePath(QStringLiteral("logs"));
     QVERIFY(QDir().mkpath(logs));
     const QString newLog = logs + QStringLiteral("/TarnSrvSvc.html");
-    for (const QString &path : {newLog, LogPath()}) {
-        QFile old(path);
-        QVERIFY(old.open(QIODevice::WriteOnly));
-        old.write("previous run");
-    }
+    for (const QString &path : {newLog, LogPath()})
+        QVERIFY(WriteFile(path, "previous run"));
     WriteConfig("PortNr = 4000\r\nLoggingFolder = DIR/logs");
 
     LogWindow window;
