@@ -1,3 +1,4 @@
+#include "../testsupport.h"
 #include "logwindow.h"
 #include "tarnsrvdbglog.h"
 
@@ -13,6 +14,8 @@
 #include <QTextBlock>
 #include <QtTest>
 
+using namespace testsupport;
+
 namespace {
 const QString Stamp = QStringLiteral("\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d");
 const QByteArray Bom("\xEF\xBB\xBF");
@@ -20,12 +23,6 @@ const QByteArray Bom("\xEF\xBB\xBF");
 QPlainTextEdit *View(LogWindow &w)
 {
     return w.findChild<QPlainTextEdit *>();
-}
-
-QByteArray FileBytes(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 // The message parts of a log file's lines; a file that does not begin with its mark gives none.
@@ -57,7 +54,6 @@ private slots:
     void fileIsUtf8AndAppended();
     void writeFailureWarnsOnce_data();
     void writeFailureWarnsOnce();
-    void switchedOffLeavesFile();
     void startKeepsPreviousRuns_data();
     void startKeepsPreviousRuns();
     void rotatesAtSizeLimit_data();
@@ -68,7 +64,6 @@ private slots:
     void clearAllLeavesFile();
     void messageBoxPerLevel_data();
     void messageBoxPerLevel();
-    void form();
     void debugLogFormats_data();
     void debugLogFormats();
     void debugLogCountsFailures();
@@ -95,10 +90,9 @@ void TestLogWindow::formatLine_data()
     QTest::newRow("error") << 2u << "x" << "<font color=\"red\">16.11.2026 09:05:03 - Error : x</font>";
     QTest::newRow("info") << 0u << "" << "<font color=\"black\">16.11.2026 09:05:03 - Info : </font>";
     QTest::newRow("unknown level is info") << 7u << "y" << "<font color=\"black\">16.11.2026 09:05:03 - Info : y</font>";
-    QTest::newRow("placeholders stay literal")
-        << 0u << "%1 %2 %4 %9 %L1" << "<font color=\"black\">16.11.2026 09:05:03 - Info : %1 %2 %4 %9 %L1</font>";
-    QTest::newRow("markup unchanged") << 0u << "<b>bold</b> & co"
-                                      << "<font color=\"black\">16.11.2026 09:05:03 - Info : <b>bold</b> & co</font>";
+    QTest::newRow("placeholders and markup stay literal")
+        << 0u << "%1 %2 %4 %9 %L1 <b>bold</b> & co"
+        << "<font color=\"black\">16.11.2026 09:05:03 - Info : %1 %2 %4 %9 %L1 <b>bold</b> & co</font>";
 }
 
 void TestLogWindow::formatLine()
@@ -161,6 +155,12 @@ void TestLogWindow::fileIsUtf8AndAppended()
     QVERIFY(!added.contains(Bom));
     QVERIFY(!bytes.contains('\n'));
     QVERIFY(added.endsWith(QByteArray("Warning : Zo\xC3\xAB <i></font><br>")));
+
+    // Switched off, the file stays as it is.
+    second.SetLogFile(false, dir.path());
+    second.Log(QStringLiteral("view only"), 0);
+    QCOMPARE(FileBytes(LogPath()), bytes);
+    QCOMPARE(View(second)->blockCount(), 2);
 }
 
 void TestLogWindow::writeFailureWarnsOnce_data()
@@ -199,19 +199,6 @@ void TestLogWindow::writeFailureWarnsOnce()
              qPrintable(lines.at(1)));
     QVERIFY(lines.at(3).endsWith(QStringLiteral("Warning : three")));
     QVERIFY(!QFileInfo(window.LogFilePath()).isFile());
-}
-
-void TestLogWindow::switchedOffLeavesFile()
-{
-    LogWindow window;
-    window.SetLogFile(true, dir.path());
-    window.Log(QStringLiteral("kept"), 0);
-    const QByteArray kept = FileBytes(LogPath());
-
-    window.SetLogFile(false, dir.path());
-    window.Log(QStringLiteral("view only"), 0);
-    QCOMPARE(FileBytes(LogPath()), kept);
-    QCOMPARE(View(window)->blockCount(), 2);
 }
 
 void TestLogWindow::startKeepsPreviousRuns_data()
@@ -317,12 +304,21 @@ void TestLogWindow::logFilePath()
     QCOMPARE(window.LogFilePath(), path);
 }
 
+// The view is read-only; its menu clears it and leaves the file.
 void TestLogWindow::clearAllLeavesFile()
 {
     LogWindow window;
     window.SetLogFile(true, dir.path());
     window.Log(QStringLiteral("one\ntwo"), 0);
     const QByteArray before = FileBytes(LogPath());
+    QPlainTextEdit *view = View(window);
+    const QString shown = view->toPlainText();
+    QTest::keyClicks(view, QStringLiteral("typed"));
+    QTest::keyClick(view, Qt::Key_Backspace);
+    QCOMPARE(view->toPlainText(), shown);
+    QCOMPARE(window.sizeHint(), QSize(500, 400));
+    QCOMPARE(window.windowTitle(), QStringLiteral("Log Window"));
+    QCOMPARE(window.findChild<QLabel *>(QStringLiteral("title_label"))->text(), QStringLiteral("Log Window"));
 
     QStringList entries;
     QTimer::singleShot(10, &window, [&] {
@@ -335,7 +331,6 @@ void TestLogWindow::clearAllLeavesFile()
         actions.last()->trigger();
         menu->close();
     });
-    QPlainTextEdit *view = View(window);
     emit view->customContextMenuRequested(QPoint(5, 5));
 
     QVERIFY(entries.size() > 2); // the standard entries come first
@@ -382,21 +377,6 @@ void TestLogWindow::messageBoxPerLevel()
     QCOMPARE(shownIcon, icon);
     QCOMPARE(buttons, 1);
     QCOMPARE(View(window)->blockCount(), 2);
-}
-
-void TestLogWindow::form()
-{
-    LogWindow window;
-    window.SetLogFile(false, dir.path());
-    window.Log(QStringLiteral("line"), 0);
-    QPlainTextEdit *view = View(window);
-    const QString before = view->toPlainText();
-    QTest::keyClicks(view, QStringLiteral("typed"));
-    QTest::keyClick(view, Qt::Key_Backspace);
-    QCOMPARE(view->toPlainText(), before);
-    QCOMPARE(window.sizeHint(), QSize(500, 400));
-    QCOMPARE(window.windowTitle(), QStringLiteral("Log Window"));
-    QCOMPARE(window.findChild<QLabel *>(QStringLiteral("title_label"))->text(), QStringLiteral("Log Window"));
 }
 
 void TestLogWindow::debugLogFormats_data()
