@@ -1,15 +1,16 @@
+#include "../testsupport.h"
 #include "guiprobe.h"
 #include "tarnclt.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QHeaderView>
 #include <QRandomGenerator>
 #include <QSettings>
-#include <QTcpServer>
 #include <functional>
 #include <memory>
+
+using namespace testsupport;
 
 namespace {
 
@@ -20,16 +21,18 @@ const QString PortNrKey = QStringLiteral("Server/PortNr");
 QString Stopped() { return Colored(QStringLiteral("Stopped"), QStringLiteral("red")); }
 QString Running() { return Colored(QStringLiteral("Running"), QStringLiteral("green")); }
 
-QString InAppDir(const QString &name)
+QString ConfigPath()
 {
-    return QStringLiteral("%1/%2").arg(QCoreApplication::applicationDirPath(), name);
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/TarnSrv.cfg");
 }
 
-quint16 FreePort()
+// A client gets in and is answered.
+void ExpectServing(quint16 port)
 {
-    QTcpServer probe;
-    probe.listen(QHostAddress::Any, 0);
-    return probe.serverPort();
+    TarnClt client;
+    ClientRecord rec = Record(QUuid::createUuid().toString(), QStringLiteral("Ann"));
+    QVERIFY(client.Open(LocalUrl(port), &rec));
+    QCOMPARE(client.Ping(), 0);
 }
 
 QVariantMap StoredSettings()
@@ -42,14 +45,6 @@ QVariantMap StoredSettings()
     return map;
 }
 
-ClientRecord Identity(const QString &session, const QString &name)
-{
-    ClientRecord rec;
-    rec.sessionUuid = QUuid(session);
-    rec.guestName = name;
-    return rec;
-}
-
 } // namespace
 
 class TestTarnSrvGui : public QObject
@@ -60,12 +55,10 @@ private slots:
     void init();
     void cleanup();
 
-    void form();
     void startup_data();
     void startup();
     void restartKeepsManualPort();
-    void stopDuringRestartKeepsRestart();
-    void startWhileRunningAndStopWhileStopped();
+    void redundantClicks();
     void operatorChangesStored();
     void portFieldTakesOnlyPorts_data();
     void portFieldTakesOnlyPorts();
@@ -88,14 +81,14 @@ private:
 void TestTarnSrvGui::init()
 {
     QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager")).clear();
-    QFile::remove(InAppDir(QStringLiteral("TarnSrv.cfg")));
+    QFile::remove(ConfigPath());
 }
 
 void TestTarnSrvGui::cleanup()
 {
     gui.reset();
     window.reset();
-    QFile::remove(InAppDir(QStringLiteral("TarnSrv.cfg")));
+    QFile::remove(ConfigPath());
 }
 
 void TestTarnSrvGui::OpenWindow()
@@ -128,23 +121,6 @@ QStringList TestTarnSrvGui::Rows() const
             rows.last() += QStringLiteral(" (bad item)");
     }
     return rows;
-}
-
-void TestTarnSrvGui::form()
-{
-    OpenWindow();
-    QCOMPARE(window->windowTitle(), QStringLiteral("VARNOK Tarn Server"));
-    QVERIFY(!window->windowIcon().isNull());
-    QTreeWidget *tree = gui->Tree();
-    QCOMPARE(tree->columnWidth(0), 150);
-    QCOMPARE(tree->columnWidth(1), 300);
-    QCOMPARE(tree->headerItem()->text(0), QStringLiteral("Guest Name"));
-    QCOMPARE(tree->headerItem()->text(1), QStringLiteral("Session UUID"));
-    QCOMPARE(tree->headerItem()->textAlignment(1), int(Qt::AlignCenter));
-    QVERIFY(!tree->header()->stretchLastSection());
-    QCOMPARE(gui->PortMode()->itemText(0), QStringLiteral("Auto"));
-    QCOMPARE(gui->PortMode()->itemText(1), QStringLiteral("Manual"));
-    QCOMPARE(gui->Button("serverRestart_pushButton")->text(), QStringLiteral("Restart"));
 }
 
 void TestTarnSrvGui::startup_data()
@@ -194,11 +170,8 @@ void TestTarnSrvGui::startup()
         for (auto it = stored.cbegin(); it != stored.cend(); ++it)
             store.setValue(it.key(), it.value());
     }
-    if (!config.isEmpty()) {
-        QFile file(InAppDir(QStringLiteral("TarnSrv.cfg")));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(fill(config).toUtf8());
-    }
+    if (!config.isEmpty())
+        QVERIFY(WriteFile(ConfigPath(), fill(config).toUtf8()));
 
     OpenWindow();
     QCOMPARE(gui->PortMode()->currentIndex(), portIndex);
@@ -244,25 +217,11 @@ void TestTarnSrvGui::restartKeepsManualPort()
     QCOMPARE(seen, QStringList({Colored(QStringLiteral("Stopping..."), QStringLiteral("blue")),
                                 Colored(QStringLiteral("Starting..."), QStringLiteral("blue"))}));
     QCOMPARE(QString::number(gui->ListeningPort()), port);
-
-    TarnClt client;
-    ClientRecord rec = Identity(QUuid::createUuid().toString(), QStringLiteral("Ann"));
-    QVERIFY(client.Open(QUrl(QStringLiteral("wss://127.0.0.1:") + port), &rec));
-    QCOMPARE(client.Ping(), 0);
+    ExpectServing(port.toUShort());
 }
 
-void TestTarnSrvGui::stopDuringRestartKeepsRestart()
-{
-    OpenWindow();
-    Click("serverStart_pushButton");
-    QCOMPARE(gui->Status(), Running());
-    Click("serverRestart_pushButton");
-    Click("serverStop_pushButton");
-    QCOMPARE(gui->Status(), Stopped());
-    QTRY_COMPARE(gui->Status(), Running());
-}
-
-void TestTarnSrvGui::startWhileRunningAndStopWhileStopped()
+// A stop while stopped, a start while running: nothing happens. A stop during a restart keeps the restart.
+void TestTarnSrvGui::redundantClicks()
 {
     OpenWindow();
     const QString logBefore = gui->LogView()->toPlainText();
@@ -277,11 +236,29 @@ void TestTarnSrvGui::startWhileRunningAndStopWhileStopped()
     QCOMPARE(gui->Status(), Running());
     QCOMPARE(gui->LogView()->toPlainText(), logRunning);
     QCOMPARE(gui->ListeningPort(), port);
+
+    Click("serverRestart_pushButton");
+    Click("serverStop_pushButton");
+    QCOMPARE(gui->Status(), Stopped());
+    QTRY_COMPARE(gui->Status(), Running());
 }
 
 void TestTarnSrvGui::operatorChangesStored()
 {
     OpenWindow();
+    QCOMPARE(window->windowTitle(), QStringLiteral("VARNOK Tarn Server"));
+    QVERIFY(!window->windowIcon().isNull());
+    QTreeWidget *tree = gui->Tree();
+    QCOMPARE(tree->columnWidth(0), 150);
+    QCOMPARE(tree->columnWidth(1), 300);
+    QCOMPARE(tree->headerItem()->text(0), QStringLiteral("Guest Name"));
+    QCOMPARE(tree->headerItem()->text(1), QStringLiteral("Session UUID"));
+    QCOMPARE(tree->headerItem()->textAlignment(1), int(Qt::AlignCenter));
+    QVERIFY(!tree->header()->stretchLastSection());
+    QCOMPARE(gui->PortMode()->itemText(0), QStringLiteral("Auto"));
+    QCOMPARE(gui->PortMode()->itemText(1), QStringLiteral("Manual"));
+    QCOMPARE(gui->Button("serverRestart_pushButton")->text(), QStringLiteral("Restart"));
+
     QVERIFY(!gui->PortEdit()->isEnabled());
     gui->PortMode()->setCurrentIndex(1);
     QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(false));
@@ -382,23 +359,20 @@ void TestTarnSrvGui::burstOfClicks()
 
     if (!running)
         Click("serverStart_pushButton");
-    TarnClt client;
-    ClientRecord rec = Identity(QUuid::createUuid().toString(), QStringLiteral("Ann"));
-    QVERIFY(client.Open(QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(gui->ListeningPort())), &rec));
-    QCOMPARE(client.Ping(), 0);
+    ExpectServing(gui->ListeningPort());
 }
 
 void TestTarnSrvGui::clientsTree()
 {
     OpenWindow();
     Click("serverStart_pushButton");
-    const QUrl url(QStringLiteral("wss://127.0.0.1:%1").arg(gui->ListeningPort()));
+    const QUrl url = LocalUrl(gui->ListeningPort());
     const QString s1 = QStringLiteral("{11111111-0000-0000-0000-000000000001}");
     const QString s2 = QStringLiteral("{22222222-0000-0000-0000-000000000002}");
     const QString s3 = QStringLiteral("{33333333-0000-0000-0000-000000000003}");
-    std::vector<ClientRecord> records{Identity(s1, QStringLiteral("Ann")), Identity(s2, QStringLiteral("Bob")),
-                                      Identity(s1, QStringLiteral("Cid")), Identity(s3, QStringLiteral("Bob")),
-                                      Identity(s3, QString())};
+    std::vector<ClientRecord> records{Record(s1, QStringLiteral("Ann")), Record(s2, QStringLiteral("Bob")),
+                                      Record(s1, QStringLiteral("Cid")), Record(s3, QStringLiteral("Bob")),
+                                      Record(s3, QString())};
     std::vector<std::unique_ptr<TarnClt>> clients;
     for (ClientRecord &rec : records) {
         clients.push_back(std::make_unique<TarnClt>());
@@ -418,16 +392,13 @@ void TestTarnSrvGui::clientsTree()
 
 void TestTarnSrvGui::closingLogsOnlyClosedLine()
 {
-    {
-        QFile file(InAppDir(QStringLiteral("TarnSrv.cfg")));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(FreePort()).arg(logDir.path()).toUtf8());
-    }
+    QVERIFY(WriteFile(ConfigPath(),
+                      QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(FreePort()).arg(logDir.path()).toUtf8()));
     OpenWindow();
     QCOMPARE(gui->Status(), Running());
     TarnClt client;
-    ClientRecord rec = Identity(QUuid::createUuid().toString(), QStringLiteral("Ann"));
-    QVERIFY(client.Open(QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(gui->ListeningPort())), &rec));
+    ClientRecord rec = Record(QUuid::createUuid().toString(), QStringLiteral("Ann"));
+    QVERIFY(client.Open(LocalUrl(gui->ListeningPort()), &rec));
 
     QFile log(logDir.filePath(QStringLiteral("TarnSrvSvc.html")));
     QVERIFY(log.open(QIODevice::ReadOnly));
@@ -449,11 +420,7 @@ void TestTarnSrvGui::corruptSettingsFile()
 {
     const QString path = QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager")).fileName();
     QVERIFY(QDir().mkpath(QFileInfo(path).path()));
-    {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray("\xff\xfe\x00[[[\n===\n[Server\nAutoPort\n\x01\x02", 26) + QByteArray(4096, '\x80'));
-    }
+    QVERIFY(WriteFile(path, QByteArray("\xff\xfe\x00[[[\n===\n[Server\nAutoPort\n\x01\x02", 26) + QByteArray(4096, '\x80')));
     // Nothing usable in it: the window comes up with its defaults and still stores changes.
     OpenWindow();
     QCOMPARE(gui->Status(), Stopped());
