@@ -1,13 +1,15 @@
+#include "../testsupport.h"
 #include "instanceguard.h"
 #include "guiprobe.h"
 
 #include <QProcess>
 #include <QScopeGuard>
-#include <QTcpServer>
 #include <QtTest>
 #include <memory>
 #include <signal.h>
 #include <sys/stat.h>
+
+using namespace testsupport;
 
 namespace {
 
@@ -17,12 +19,6 @@ QProcessEnvironment Env(const QStringList &assignments)
     for (const QString &assignment : assignments)
         env.insert(assignment.section(QLatin1Char('='), 0, 0), assignment.section(QLatin1Char('='), 1));
     return env;
-}
-
-QByteArray FileBytes(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<no file>");
 }
 
 } // namespace
@@ -90,16 +86,9 @@ void TestInstanceGuard::refusedManagerTouchesNothing()
     const QString logDir = app.filePath(QStringLiteral("log"));
     const QString log = logDir + QStringLiteral("/TarnSrvSvc.html");
     QVERIFY(QDir().mkpath(logDir));
-    {
-        QFile previous(log);
-        QVERIFY(previous.open(QIODevice::WriteOnly));
-        previous.write("the running manager's log");
-        QTcpServer probePort;
-        QVERIFY(probePort.listen(QHostAddress::LocalHost, 0));
-        QFile config(app.filePath(QStringLiteral("TarnSrv.cfg")));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(probePort.serverPort()).arg(logDir).toUtf8());
-    }
+    QVERIFY(WriteFile(log, "the running manager's log"));
+    QVERIFY(WriteFile(app.filePath(QStringLiteral("TarnSrv.cfg")),
+                      QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(FreePort()).arg(logDir).toUtf8()));
 
     QProcess manager;
     const auto stop = qScopeGuard([&manager] {
