@@ -1,11 +1,10 @@
+#include "../testsupport.h"
 #include "tarnclt.h"
 
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSslSocket>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QWebSocket>
@@ -16,6 +15,8 @@
 
 // Runs the real manager (offscreen) and attacks its server from this process,
 // over loopback only, while a well-behaved client pings it every 100 ms.
+using namespace testsupport;
+
 namespace {
 
 QByteArray UpgradeRequest(quint16 port, const QByteArray &origin)
@@ -42,15 +43,21 @@ QByteArray Frame(quint8 opcode, const QByteArray &payload, quint64 declared)
     return frame;
 }
 
-qint64 ProcStatusKb(qint64 pid, const QByteArray &field)
+qint64 RssKb(qint64 pid)
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n'))
-        if (line.startsWith(field + ':'))
-            return line.mid(field.size() + 1).trimmed().split(' ').value(0).toLongLong();
-    return -1;
+    const QByteArray status = FileBytes(QStringLiteral("/proc/%1/status").arg(pid));
+    const int at = status.indexOf("\nVmRSS:");
+    return at < 0 ? -1 : status.mid(at + 7, 20).simplified().split(' ').value(0).toLongLong();
+}
+
+// A WebSocket that accepts the server's self-signed certificate, opening.
+std::unique_ptr<QWebSocket> OpenSocket(const QString &origin, const QUrl &url)
+{
+    auto socket = std::make_unique<QWebSocket>(origin, QWebSocketProtocol::Version13);
+    QWebSocket *s = socket.get();
+    QObject::connect(s, &QWebSocket::sslErrors, s, [s] { s->ignoreSslErrors(); });
+    s->open(url);
+    return socket;
 }
 
 int OpenFds(qint64 pid)
@@ -116,18 +123,13 @@ void TestHostile::initTestCase()
     if (cycles <= 0)
         cycles = 10000;
 
-    QTcpServer probe;
-    QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-    port = probe.serverPort();
-    probe.close();
-    url = QUrl(QStringLiteral("wss://127.0.0.1:%1").arg(port));
+    port = FreePort();
+    url = LocalUrl(port);
 
     const QString program = dir.filePath(QStringLiteral("TarnSrv"));
     QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
-    QFile config(dir.filePath(QStringLiteral("TarnSrv.cfg")));
-    QVERIFY(config.open(QIODevice::WriteOnly));
-    config.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(dir.path()).toUtf8());
-    config.close();
+    QVERIFY(WriteFile(dir.filePath(QStringLiteral("TarnSrv.cfg")),
+                      QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(dir.path()).toUtf8()));
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
@@ -145,7 +147,7 @@ void TestHostile::initTestCase()
     pinger.start(100);
     QTRY_VERIFY(pings >= 3);
     longestSilenceMs = 0;
-    baselineRssKb = ProcStatusKb(manager.processId(), "VmRSS");
+    baselineRssKb = RssKb(manager.processId());
     baselineFds = OpenFds(manager.processId());
     qInfo("baseline: RSS %lld KiB, %d descriptors", baselineRssKb, baselineFds);
 }
@@ -268,29 +270,24 @@ void TestHostile::oversizedFrames()
 
 void TestHostile::binaryFramesIgnored()
 {
-    QWebSocket socket(QStringLiteral(",,,Bin"), QWebSocketProtocol::Version13);
-    connect(&socket, &QWebSocket::sslErrors, &socket, [&socket] { socket.ignoreSslErrors(); });
-    QSignalSpy text(&socket, &QWebSocket::textMessageReceived);
-    socket.open(url);
-    QTRY_COMPARE(socket.state(), QAbstractSocket::ConnectedState);
+    auto socket = OpenSocket(QStringLiteral(",,,Bin"), url);
+    QSignalSpy text(socket.get(), &QWebSocket::textMessageReceived);
+    QTRY_COMPARE(socket->state(), QAbstractSocket::ConnectedState);
     for (int i = 0; i < 10; ++i)
-        socket.sendBinaryMessage(QByteArrayLiteral("Server ping"));
-    socket.sendTextMessage(QStringLiteral("Server ping"));
+        socket->sendBinaryMessage(QByteArrayLiteral("Server ping"));
+    socket->sendTextMessage(QStringLiteral("Server ping"));
     QVERIFY(text.wait(5000));
     QTest::qWait(200);
     QCOMPARE(text.count(), 1);
-    QCOMPARE(socket.state(), QAbstractSocket::ConnectedState);
+    QCOMPARE(socket->state(), QAbstractSocket::ConnectedState);
 }
 
 void TestHostile::hugeOrigin()
 {
-    const QString origin = QStringLiteral(",,,") + QString(100 * 1024, QLatin1Char('o'));
-    QWebSocket socket(origin, QWebSocketProtocol::Version13);
-    connect(&socket, &QWebSocket::sslErrors, &socket, [&socket] { socket.ignoreSslErrors(); });
-    socket.open(url);
+    auto socket = OpenSocket(QStringLiteral(",,,") + QString(100 * 1024, QLatin1Char('o')), url);
     // Refused or admitted, the server must simply go on.
     QTest::qWait(1500);
-    qInfo("100 KiB origin: %s", socket.state() == QAbstractSocket::ConnectedState ? "admitted" : "refused");
+    qInfo("100 KiB origin: %s", socket->state() == QAbstractSocket::ConnectedState ? "admitted" : "refused");
 }
 
 void TestHostile::hostileNames_data()
@@ -338,8 +335,7 @@ void TestHostile::rapidConnectClose()
 
 QByteArray TestHostile::LogFile() const
 {
-    QFile log(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
-    return log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
+    return FileBytes(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
 }
 
 // Twenty listed clients with long names, and one that asks for the list again
@@ -348,16 +344,12 @@ void TestHostile::slowReaderFloodsActiveClients()
 {
     constexpr qint64 MaxGrowthKb = 16 * 1024;
     const qint64 pid = manager.processId();
-    const qint64 before = ProcStatusKb(pid, "VmRSS");
+    const qint64 before = RssKb(pid);
 
     std::vector<std::unique_ptr<QWebSocket>> listed;
-    for (int i = 0; i < 20; ++i) {
-        const QString origin = QStringLiteral(",%1,,").arg(QUuid::createUuid().toString()) + QString(4000, QLatin1Char('n'));
-        listed.push_back(std::make_unique<QWebSocket>(origin, QWebSocketProtocol::Version13));
-        QWebSocket *socket = listed.back().get();
-        connect(socket, &QWebSocket::sslErrors, socket, [socket] { socket->ignoreSslErrors(); });
-        socket->open(url);
-    }
+    for (int i = 0; i < 20; ++i)
+        listed.push_back(OpenSocket(QStringLiteral(",%1,,").arg(QUuid::createUuid().toString())
+                                        + QString(4000, QLatin1Char('n')), url));
     QTRY_VERIFY(std::all_of(listed.begin(), listed.end(), [](const auto &s) {
         return s->state() == QAbstractSocket::ConnectedState;
     }));
@@ -374,7 +366,7 @@ void TestHostile::slowReaderFloodsActiveClients()
     for (; sent < 1500 && slow->state() == QAbstractSocket::ConnectedState; sent += 100) {
         slow->write(batch);
         QTest::qWait(50);
-        peak = qMax(peak, ProcStatusKb(pid, "VmRSS"));
+        peak = qMax(peak, RssKb(pid));
     }
     qInfo("slow reader: %d requests sent, RSS %lld KiB before, peak %lld KiB", sent, before, peak);
 
@@ -396,7 +388,7 @@ void TestHostile::pingFlood()
     constexpr qint64 MaxLogGrowth = 64 * 1024;
     constexpr qint64 MaxGrowthKb = 8 * 1024;
     const qint64 pid = manager.processId();
-    const qint64 rssBefore = ProcStatusKb(pid, "VmRSS");
+    const qint64 rssBefore = RssKb(pid);
     const qint64 logBefore = LogFile().size();
 
     auto flood = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000004},,PingFlood");
@@ -405,7 +397,7 @@ void TestHostile::pingFlood()
     flood->write(ping.repeated(Pings));
     QByteArray replies;
     QTRY_VERIFY_WITH_TIMEOUT((replies += flood->readAll()).count("Server pong") == Pings, 60000);
-    const qint64 rssAfter = ProcStatusKb(pid, "VmRSS");
+    const qint64 rssAfter = RssKb(pid);
     const qint64 logGrowth = LogFile().size() - logBefore;
     qInfo("ping flood: log grew %lld bytes, RSS %lld KiB before, %lld KiB after", logGrowth, rssBefore, rssAfter);
     QVERIFY2(logGrowth < MaxLogGrowth, qPrintable(QString::number(logGrowth)));
@@ -430,15 +422,13 @@ void TestHostile::afterwardsNothingLeft()
 
     const qint64 pid = manager.processId();
     QTRY_VERIFY_WITH_TIMEOUT(OpenFds(pid) <= baselineFds, 15000);
-    const qint64 rss = ProcStatusKb(pid, "VmRSS");
+    const qint64 rss = RssKb(pid);
     qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d descriptors (baseline %d), %d pings answered, "
           "%d late, longest silence %lld ms",
           rss, baselineRssKb, OpenFds(pid), baselineFds, pings, latePings, longestSilenceMs);
     QVERIFY2(rss < baselineRssKb + 32 * 1024, "the server kept memory after the attacks");
 
-    QFile log(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    const QByteArray html = log.readAll();
+    const QByteArray html = LogFile();
     for (const char *markup : {"<script", "<b>", "<i>", "<hr>", "<img", "<u>"})
         QVERIFY2(!html.contains(markup), markup);
     QVERIFY(html.contains("Received ping request from client &lt;script&gt;alert(1)&lt;/script&gt;&lt;b&gt;x&lt;/b&gt;, replied."));
