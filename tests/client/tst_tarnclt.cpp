@@ -65,35 +65,6 @@ private slots:
                                 "{00000000-0000-0000-0000-000000000000},Ann, Lee").arg(SessionA));
     }
 
-    void pingAndClients_data()
-    {
-        QTest::addColumn<QStringList>("sessions");
-        QTest::addColumn<QString>("body");
-
-        QTest::newRow("two sessions") << QStringList{SessionA, SessionB}
-                                      << QStringLiteral("c0,%1,c1,%2,").arg(SessionA, SessionB);
-        QTest::newRow("shared session") << QStringList{SessionB, SessionB} << QStringLiteral("c0,%1,").arg(SessionB);
-    }
-
-    void pingAndClients()
-    {
-        QFETCH(QStringList, sessions);
-        QFETCH(QString, body);
-
-        std::vector<std::unique_ptr<TarnClt>> clients;
-        std::vector<ClientRecord> records;
-        records.reserve(sessions.size());
-        for (int i = 0; i < sessions.size(); ++i) {
-            records.push_back(Record(sessions.at(i), QStringLiteral("c%1").arg(i)));
-            clients.push_back(std::make_unique<TarnClt>());
-            QVERIFY(clients.back()->Open(url, &records.back()));
-        }
-        QCOMPARE(clients.front()->Ping(), 0);
-        QString out;
-        QCOMPARE(clients.back()->RequestActiveClients(out), 0);
-        QCOMPARE(out, body);
-    }
-
     // The same URL keeps the connection at once; another one moves it without a loss report.
     void reopen()
     {
