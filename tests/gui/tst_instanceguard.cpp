@@ -1,13 +1,15 @@
+#include "../testsupport.h"
 #include "instanceguard.h"
 #include "guiprobe.h"
 
 #include <QProcess>
 #include <QScopeGuard>
-#include <QTcpServer>
 #include <QtTest>
 #include <memory>
 #include <signal.h>
 #include <sys/stat.h>
+
+using namespace testsupport;
 
 namespace {
 
@@ -19,12 +21,6 @@ QProcessEnvironment Env(const QStringList &assignments)
     return env;
 }
 
-QByteArray FileBytes(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<no file>");
-}
-
 } // namespace
 
 class TestInstanceGuard : public QObject
@@ -32,12 +28,121 @@ class TestInstanceGuard : public QObject
     Q_OBJECT
 
 private slots:
-    void deriveKey_data();
-    void deriveKey();
-    void refusedManagerTouchesNothing();
-    void killedHolderDoesNotBlock();
-    void simultaneousStartsLeaveOne_data();
-    void simultaneousStartsLeaveOne();
+    void deriveKey_data()
+    {
+        QTest::addColumn<QString>("suffix");
+        QTest::addColumn<QString>("key");
+
+        // Digests computed independently (sha1sum of the braced UUID and suffix).
+        QTest::newRow("lock") << "_memLockKey" << "44d89d0d69cd9f9e8e06241fe11e3dd092d5650e";
+        QTest::newRow("segment") << "_sharedmemKey" << "c5941c89cff674f1e4a3b599e7afc39260bdd0c3";
+    }
+
+    void deriveKey()
+    {
+        QFETCH(QString, suffix);
+        QFETCH(QString, key);
+        const QUuid uuid(QStringLiteral("9913C03A-60E5-4B07-999E-D07C9D49BADE"));
+        QCOMPARE(InstanceGuard::DeriveKey(uuid, suffix), key);
+    }
+
+    // The holder and the second manager each have a temporary folder of their
+    // own, as a systemd unit with a private /tmp and a desktop session do. The
+    // second one is refused and ends at once, before any of the start-up that
+    // would take the port, the settings or the log of the running one.
+    void refusedManagerTouchesNothing()
+    {
+        QTemporaryDir holderTmp, managerTmp, app;
+        auto holder = StartHolder(QStringLiteral("hold"), Env({"TMPDIR=" + holderTmp.path()}));
+        QVERIFY(holder->waitForReadyRead(5000));
+        QCOMPARE(holder->readLine().trimmed(), QByteArray("held"));
+        auto probe = StartHolder(QStringLiteral("probe"), Env({"TMPDIR=" + managerTmp.path()}));
+        QVERIFY(probe->waitForFinished(5000));
+        QCOMPARE(probe->readAllStandardOutput().trimmed(), QByteArray("refused"));
+
+        const QString program = app.filePath(QStringLiteral("TarnSrv"));
+        QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
+        const QString logDir = app.filePath(QStringLiteral("log"));
+        const QString log = logDir + QStringLiteral("/TarnSrvSvc.html");
+        QVERIFY(QDir().mkpath(logDir));
+        QVERIFY(WriteFile(log, "the running manager's log"));
+        QVERIFY(WriteFile(app.filePath(QStringLiteral("TarnSrv.cfg")),
+                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(FreePort()).arg(logDir).toUtf8()));
+
+        QProcess manager;
+        const auto stop = qScopeGuard([&manager] {
+            manager.kill();
+            manager.waitForFinished();
+        });
+        const QString config = app.filePath(QStringLiteral("config"));
+        manager.setProcessEnvironment(Env({"TMPDIR=" + managerTmp.path(), "XDG_CONFIG_HOME=" + config,
+                                           "XDG_RUNTIME_DIR=" + managerTmp.path()}));
+        manager.start(program, {});
+        QVERIFY(manager.waitForFinished(10000));
+        QCOMPARE(manager.exitStatus(), QProcess::NormalExit);
+        QVERIFY(manager.exitCode() != 0);
+        const QByteArray err = manager.readAllStandardError();
+        QVERIFY2(err.endsWith("\nAnother instance of VARNOK Manager is already running.\n")
+                     || err == "Another instance of VARNOK Manager is already running.\n",
+                 err.constData());
+        QCOMPARE(err.count("already running"), 1);
+
+        QCOMPARE(QDir(logDir).entryList(QDir::Files), QStringList{QStringLiteral("TarnSrvSvc.html")});
+        QCOMPARE(FileBytes(log), QByteArray("the running manager's log"));
+        QVERIFY(!QFileInfo::exists(config));
+
+        holder->closeWriteChannel();
+        QVERIFY(holder->waitForFinished(5000));
+    }
+
+    void killedHolderDoesNotBlock()
+    {
+        auto holder = StartHolder(QStringLiteral("hold"));
+        QVERIFY(holder->waitForReadyRead(5000));
+        QCOMPARE(holder->readLine().trimmed(), QByteArray("held"));
+        ::kill(pid_t(holder->processId()), SIGKILL);
+        QVERIFY(holder->waitForFinished(5000));
+
+        InstanceGuard next;
+        QVERIFY(next.Acquire());
+    }
+
+    void simultaneousStartsLeaveOne_data()
+    {
+        QTest::addColumn<QString>("lockFile");
+        QTest::addColumn<bool>("lockUsable");
+
+        QTest::newRow("machine-wide lock") << "instance.lock" << true;
+        // Nowhere to put the lock: the shared-memory segment stands in.
+        QTest::newRow("no place for the lock") << "missing/instance.lock" << false;
+    }
+
+    void simultaneousStartsLeaveOne()
+    {
+        QFETCH(QString, lockFile);
+        QFETCH(bool, lockUsable);
+
+        QTemporaryDir dir;
+        const QString lock = dir.filePath(lockFile);
+        const QProcessEnvironment env = Env({"TARN_INSTANCE_LOCK=" + lock, "TMPDIR=" + dir.path()});
+        // A service's restrictive umask must not lock other users out of the file.
+        const mode_t umask = ::umask(077);
+        std::vector<std::unique_ptr<QProcess>> probes;
+        for (int i = 0; i < 4; ++i)
+            probes.push_back(StartHolder(QStringLiteral("probe"), env));
+        ::umask(umask);
+        int held = 0;
+        for (auto &probe : probes) {
+            QVERIFY(probe->waitForFinished(10000));
+            held += probe->readAllStandardOutput().trimmed() == "held";
+        }
+        QCOMPARE(held, 1);
+
+        struct stat st = {};
+        QCOMPARE(::stat(QFile::encodeName(lock).constData(), &st) == 0, lockUsable);
+        if (lockUsable)
+            QCOMPARE(st.st_mode & 07777, mode_t(0644));
+    }
 
 private:
     static std::unique_ptr<QProcess> StartHolder(const QString &mode,
@@ -51,129 +156,6 @@ std::unique_ptr<QProcess> TestInstanceGuard::StartHolder(const QString &mode, co
     holder->start(QStringLiteral(GUARD_HOLDER_PATH), {mode});
     holder->waitForStarted();
     return holder;
-}
-
-void TestInstanceGuard::deriveKey_data()
-{
-    QTest::addColumn<QString>("suffix");
-    QTest::addColumn<QString>("key");
-
-    // Digests computed independently (sha1sum of the braced UUID and suffix).
-    QTest::newRow("lock") << "_memLockKey" << "44d89d0d69cd9f9e8e06241fe11e3dd092d5650e";
-    QTest::newRow("segment") << "_sharedmemKey" << "c5941c89cff674f1e4a3b599e7afc39260bdd0c3";
-}
-
-void TestInstanceGuard::deriveKey()
-{
-    QFETCH(QString, suffix);
-    QFETCH(QString, key);
-    const QUuid uuid(QStringLiteral("9913C03A-60E5-4B07-999E-D07C9D49BADE"));
-    QCOMPARE(InstanceGuard::DeriveKey(uuid, suffix), key);
-}
-
-// The holder and the second manager each have a temporary folder of their
-// own, as a systemd unit with a private /tmp and a desktop session do. The
-// second one is refused and ends at once, before any of the start-up that
-// would take the port, the settings or the log of the running one.
-void TestInstanceGuard::refusedManagerTouchesNothing()
-{
-    QTemporaryDir holderTmp, managerTmp, app;
-    auto holder = StartHolder(QStringLiteral("hold"), Env({"TMPDIR=" + holderTmp.path()}));
-    QVERIFY(holder->waitForReadyRead(5000));
-    QCOMPARE(holder->readLine().trimmed(), QByteArray("held"));
-    auto probe = StartHolder(QStringLiteral("probe"), Env({"TMPDIR=" + managerTmp.path()}));
-    QVERIFY(probe->waitForFinished(5000));
-    QCOMPARE(probe->readAllStandardOutput().trimmed(), QByteArray("refused"));
-
-    const QString program = app.filePath(QStringLiteral("TarnSrv"));
-    QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
-    const QString logDir = app.filePath(QStringLiteral("log"));
-    const QString log = logDir + QStringLiteral("/TarnSrvSvc.html");
-    QVERIFY(QDir().mkpath(logDir));
-    {
-        QFile previous(log);
-        QVERIFY(previous.open(QIODevice::WriteOnly));
-        previous.write("the running manager's log");
-        QTcpServer probePort;
-        QVERIFY(probePort.listen(QHostAddress::LocalHost, 0));
-        QFile config(app.filePath(QStringLiteral("TarnSrv.cfg")));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write(QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(probePort.serverPort()).arg(logDir).toUtf8());
-    }
-
-    QProcess manager;
-    const auto stop = qScopeGuard([&manager] {
-        manager.kill();
-        manager.waitForFinished();
-    });
-    const QString config = app.filePath(QStringLiteral("config"));
-    manager.setProcessEnvironment(Env({"TMPDIR=" + managerTmp.path(), "XDG_CONFIG_HOME=" + config,
-                                       "XDG_RUNTIME_DIR=" + managerTmp.path()}));
-    manager.start(program, {});
-    QVERIFY(manager.waitForFinished(10000));
-    QCOMPARE(manager.exitStatus(), QProcess::NormalExit);
-    QVERIFY(manager.exitCode() != 0);
-    const QByteArray err = manager.readAllStandardError();
-    QVERIFY2(err.endsWith("\nAnother instance of VARNOK Manager is already running.\n")
-                 || err == "Another instance of VARNOK Manager is already running.\n",
-             err.constData());
-    QCOMPARE(err.count("already running"), 1);
-
-    QCOMPARE(QDir(logDir).entryList(QDir::Files), QStringList{QStringLiteral("TarnSrvSvc.html")});
-    QCOMPARE(FileBytes(log), QByteArray("the running manager's log"));
-    QVERIFY(!QFileInfo::exists(config));
-
-    holder->closeWriteChannel();
-    QVERIFY(holder->waitForFinished(5000));
-}
-
-void TestInstanceGuard::killedHolderDoesNotBlock()
-{
-    auto holder = StartHolder(QStringLiteral("hold"));
-    QVERIFY(holder->waitForReadyRead(5000));
-    QCOMPARE(holder->readLine().trimmed(), QByteArray("held"));
-    ::kill(pid_t(holder->processId()), SIGKILL);
-    QVERIFY(holder->waitForFinished(5000));
-
-    InstanceGuard next;
-    QVERIFY(next.Acquire());
-}
-
-void TestInstanceGuard::simultaneousStartsLeaveOne_data()
-{
-    QTest::addColumn<QString>("lockFile");
-    QTest::addColumn<bool>("lockUsable");
-
-    QTest::newRow("machine-wide lock") << "instance.lock" << true;
-    // Nowhere to put the lock: the shared-memory segment stands in.
-    QTest::newRow("no place for the lock") << "missing/instance.lock" << false;
-}
-
-void TestInstanceGuard::simultaneousStartsLeaveOne()
-{
-    QFETCH(QString, lockFile);
-    QFETCH(bool, lockUsable);
-
-    QTemporaryDir dir;
-    const QString lock = dir.filePath(lockFile);
-    const QProcessEnvironment env = Env({"TARN_INSTANCE_LOCK=" + lock, "TMPDIR=" + dir.path()});
-    // A service's restrictive umask must not lock other users out of the file.
-    const mode_t umask = ::umask(077);
-    std::vector<std::unique_ptr<QProcess>> probes;
-    for (int i = 0; i < 4; ++i)
-        probes.push_back(StartHolder(QStringLiteral("probe"), env));
-    ::umask(umask);
-    int held = 0;
-    for (auto &probe : probes) {
-        QVERIFY(probe->waitForFinished(10000));
-        held += probe->readAllStandardOutput().trimmed() == "held";
-    }
-    QCOMPARE(held, 1);
-
-    struct stat st = {};
-    QCOMPARE(::stat(QFile::encodeName(lock).constData(), &st) == 0, lockUsable);
-    if (lockUsable)
-        QCOMPARE(st.st_mode & 07777, mode_t(0644));
 }
 
 TARN_GUI_TEST_MAIN(TestInstanceGuard)

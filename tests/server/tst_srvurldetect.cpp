@@ -14,17 +14,190 @@ class TestSrvUrlDetect : public QObject
     Q_OBJECT
 
 private slots:
-    void requestLayout();
-    void replyLayout();
-    void requestAnswered_data();
-    void requestAnswered();
-    void repliesCollectedOnce();
-    void replyChecked_data();
-    void replyChecked();
-    void bindSkipsTakenPorts_data();
-    void bindSkipsTakenPorts();
-    void localAddressFor_data();
-    void localAddressFor();
+    void datagramLayout()
+    {
+        const QByteArray idLength = QByteArray::fromHex("00000048");
+        QCOMPARE(SrvUrlDetect::RequestDatagram(),
+                 idLength + Utf16Id(QStringLiteral("a24566ba-d6a4-44a8-9dcb-31f3d88e699d")));
+        const QByteArray url("wss://192.168.10.7:50443");
+        QCOMPARE(SrvUrlDetect::ReplyDatagram(QUrl(QString::fromLatin1(url))),
+                 idLength + Utf16Id(QStringLiteral("b7fb56d1-2592-4625-85e4-dd05cfcd99cd"))
+                     + QByteArray::fromHex("00000018") + url);
+    }
+
+    void requestAnswered_data()
+    {
+        QTest::addColumn<QByteArray>("probe");
+        QTest::addColumn<bool>("answered");
+
+        const QByteArray request = SrvUrlDetect::RequestDatagram();
+        QByteArray upperCase;
+        QDataStream upper(&upperCase, QIODevice::WriteOnly);
+        upper << SrvUrlDetect::DiscoveryRequestId.toUpper();
+        QTest::newRow("request") << request << true;
+        QTest::newRow("request with trailing bytes") << request + "junk" << true;
+        QTest::newRow("upper-case identifier") << upperCase << false;
+        QTest::newRow("truncated") << request.left(40) << false;
+        QTest::newRow("empty") << QByteArray() << false;
+        QTest::newRow("length beyond datagram") << QByteArray::fromHex("7fffffff0061") << false;
+        QTest::newRow("reply identifier") << SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://1.2.3.4:5")))
+                                          << false;
+    }
+
+    // The probe is followed by a genuine request: one reply means the probe was ignored.
+    void requestAnswered()
+    {
+        QFETCH(QByteArray, probe);
+        QFETCH(bool, answered);
+
+        SrvUrlDetect responder(nullptr);
+        const QUrl advertised(QStringLiteral("wss://0.0.0.0:50443"));
+        QCOMPARE(responder.Advertise(advertised), 0);
+
+        QUdpSocket requester;
+        QVERIFY(requester.bind(QHostAddress::LocalHost, 0));
+        const auto target = quint16(responder.Port());
+        requester.writeDatagram(probe, QHostAddress::LocalHost, target);
+        requester.writeDatagram(SrvUrlDetect::RequestDatagram(), QHostAddress::LocalHost, target);
+
+        const int expected = answered ? 2 : 1;
+        QList<QByteArray> replies;
+        QTRY_VERIFY([&] {
+            while (requester.hasPendingDatagrams())
+                replies.append(requester.receiveDatagram().data());
+            return replies.size() >= expected;
+        }());
+        QTest::qWait(100);
+        QCOMPARE(requester.hasPendingDatagrams(), false);
+        for (const QByteArray &reply : replies)
+            QCOMPARE(reply, SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:50443"))));
+        // A responder learns nothing from replies, however many arrive.
+        QCOMPARE(responder.Urls(), QList<QUrl>{advertised});
+    }
+
+    void repliesCollectedOnce()
+    {
+        // A detector keeps each URL once, in order of arrival, and only the first
+        // MaxDetectedUrls of them...
+        SrvUrlDetect detector(nullptr);
+        QCOMPARE(detector.Bind(), 0);
+        QUdpSocket peer;
+        QVERIFY(peer.bind(QHostAddress::LocalHost, 0));
+        const auto target = quint16(detector.Port());
+        QList<QUrl> sent;
+        for (int i = 0; i <= SrvUrlDetect::MaxDetectedUrls; ++i)
+            sent.append(QUrl(QStringLiteral("wss://10.1.1.%1:443").arg(i)));
+        for (const QUrl &url : QList<QUrl>{sent.first()} + sent)
+            peer.writeDatagram(SrvUrlDetect::ReplyDatagram(url), QHostAddress::LocalHost, target);
+        QTRY_COMPARE(detector.Urls(), sent.mid(0, SrvUrlDetect::MaxDetectedUrls));
+
+        // ...and, holding URLs, answers a request as a responder would.
+        peer.writeDatagram(SrvUrlDetect::RequestDatagram(), QHostAddress::LocalHost, target);
+        QTRY_VERIFY(peer.hasPendingDatagrams());
+        QCOMPARE(peer.receiveDatagram().data(),
+                 SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:443"))));
+    }
+
+    void replyChecked_data()
+    {
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<bool>("kept");
+
+        // 4 labels of 61 characters: a host name of 247, a URL of 257 characters.
+        const QByteArray longHost = QByteArray(61, 'a') + '.' + QByteArray(61, 'b') + '.' + QByteArray(61, 'c') + '.'
+                                    + QByteArray(61, 'd');
+        const QByteArray reply = SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://10.9.9.9:443")));
+
+        QTest::newRow("address") << RawReply("wss://192.168.10.7:50443") << true;
+        QTest::newRow("host name") << RawReply("wss://tarn-1.example.lan:443") << true;
+        QTest::newRow("IPv6 address") << RawReply("wss://[fe80::1]:443") << true;
+        QTest::newRow("identifier only") << reply.left(76) << false;
+        QTest::newRow("URL cut short") << reply.left(reply.size() - 3) << false;
+        QTest::newRow("empty URL") << RawReply("") << false;
+        QTest::newRow("other scheme") << RawReply("https://10.9.9.9:443") << false;
+        QTest::newRow("no port") << RawReply("wss://10.9.9.9") << false;
+        QTest::newRow("port 0") << RawReply("wss://10.9.9.9:0") << false;
+        QTest::newRow("port 70000") << RawReply("wss://10.9.9.9:70000") << false;
+        QTest::newRow("path") << RawReply("wss://10.9.9.9:443/") << false;
+        QTest::newRow("user") << RawReply("wss://me:pw@10.9.9.9:443") << false;
+        QTest::newRow("empty user") << RawReply("wss://@10.9.9.9:443") << false;
+        QTest::newRow("query") << RawReply("wss://10.9.9.9:443?x") << false;
+        QTest::newRow("fragment") << RawReply("wss://10.9.9.9:443#x") << false;
+        QTest::newRow("escape in host") << RawReply("wss://a\x1b[2Jb:443") << false;
+        QTest::newRow("encoded escape in host") << RawReply("wss://a%1B%5B2Jb:443") << false;
+        QTest::newRow("253-character URL") << RawReply("wss://" + longHost.left(243) + ":443") << true;
+        QTest::newRow("257-character URL") << RawReply("wss://" + longHost + ":443") << false;
+    }
+
+    // The reply is followed by a good one: once that arrives, the first was judged.
+    void replyChecked()
+    {
+        QFETCH(QByteArray, reply);
+        QFETCH(bool, kept);
+
+        SrvUrlDetect detector(nullptr);
+        QCOMPARE(detector.Bind(), 0);
+        QUdpSocket peer;
+        QVERIFY(peer.bind(QHostAddress::LocalHost, 0));
+        const QUrl good(QStringLiteral("wss://10.0.0.1:443"));
+        peer.writeDatagram(reply, QHostAddress::LocalHost, quint16(detector.Port()));
+        peer.writeDatagram(SrvUrlDetect::ReplyDatagram(good), QHostAddress::LocalHost, quint16(detector.Port()));
+        QTRY_VERIFY(detector.Urls().contains(good));
+        QCOMPARE(detector.Urls().size(), kept ? 2 : 1);
+    }
+
+    void bindSkipsTakenPorts_data()
+    {
+        QTest::addColumn<int>("takenUpTo");
+
+        QTest::newRow("nothing taken") << SrvUrlDetect::DiscoveryFirstPort - 1;
+        QTest::newRow("first taken") << 49152;
+        QTest::newRow("only the last free") << 49171;
+        QTest::newRow("whole range taken") << 49172;
+    }
+
+    // The responder takes the first free port from 49152 upward and refuses 49172
+    // alone. Ports that other programs hold count as taken, so the expected port is
+    // found by probing, not assumed.
+    void bindSkipsTakenPorts()
+    {
+        QFETCH(int, takenUpTo);
+
+        std::vector<std::unique_ptr<QUdpSocket>> holders;
+        for (int p = SrvUrlDetect::DiscoveryFirstPort; p <= takenUpTo; ++p) {
+            holders.push_back(std::make_unique<QUdpSocket>());
+            holders.back()->bind(QHostAddress::Any, quint16(p));
+        }
+        int expected = SrvUrlDetect::DiscoveryFirstPort;
+        for (QUdpSocket probe; !probe.bind(QHostAddress::Any, quint16(expected)); probe.close())
+            ++expected;
+        QVERIFY(expected > takenUpTo);
+
+        SrvUrlDetect responder(nullptr);
+        QCOMPARE(responder.Advertise(QUrl(QStringLiteral("wss://0.0.0.0:7"))),
+                 expected == SrvUrlDetect::DiscoveryLastPort ? -1 : 0);
+        QCOMPARE(responder.Port(), expected);
+        QCOMPARE(responder.Urls().isEmpty(), expected == SrvUrlDetect::DiscoveryLastPort);
+    }
+
+    void localAddressFor_data()
+    {
+        QTest::addColumn<QString>("peer");
+        QTest::addColumn<QString>("local");
+
+        QTest::newRow("loopback itself") << "127.0.0.1" << "127.0.0.1";
+        QTest::newRow("loopback subnet") << "127.44.5.6" << "127.0.0.1";
+        QTest::newRow("documentation range") << "203.0.113.9" << "0.0.0.0";
+        QTest::newRow("zero") << "0.0.0.0" << "0.0.0.0";
+    }
+
+    void localAddressFor()
+    {
+        QFETCH(QString, peer);
+        QFETCH(QString, local);
+        const quint32 found = SrvUrlDetect::LocalAddressFor(QHostAddress(peer).toIPv4Address());
+        QCOMPARE(QHostAddress(found).toString(), local);
+    }
 
 private:
     static QByteArray Utf16Id(const QString &id);
@@ -46,201 +219,6 @@ QByteArray TestSrvUrlDetect::Utf16Id(const QString &id)
     for (QChar c : id)
         bytes += '\0' + QByteArray(1, char(c.unicode()));
     return bytes;
-}
-
-void TestSrvUrlDetect::requestLayout()
-{
-    const QByteArray datagram = SrvUrlDetect::RequestDatagram();
-    QCOMPARE(datagram.size(), 76);
-    QCOMPARE(datagram.left(4), QByteArray::fromHex("00000048"));
-    QCOMPARE(datagram.mid(4), Utf16Id(QStringLiteral("a24566ba-d6a4-44a8-9dcb-31f3d88e699d")));
-}
-
-void TestSrvUrlDetect::replyLayout()
-{
-    const QByteArray url("wss://192.168.10.7:50443");
-    const QByteArray datagram = SrvUrlDetect::ReplyDatagram(QUrl(QString::fromLatin1(url)));
-    QCOMPARE(datagram.size(), 80 + url.size());
-    QCOMPARE(datagram.left(4), QByteArray::fromHex("00000048"));
-    QCOMPARE(datagram.mid(4, 72), Utf16Id(QStringLiteral("b7fb56d1-2592-4625-85e4-dd05cfcd99cd")));
-    QCOMPARE(datagram.mid(76, 4), QByteArray::fromHex("00000018"));
-    QCOMPARE(datagram.mid(80), url);
-}
-
-void TestSrvUrlDetect::requestAnswered_data()
-{
-    QTest::addColumn<QByteArray>("probe");
-    QTest::addColumn<bool>("answered");
-
-    const QByteArray request = SrvUrlDetect::RequestDatagram();
-    QByteArray upperCase;
-    {
-        QDataStream out(&upperCase, QIODevice::WriteOnly);
-        out << SrvUrlDetect::DiscoveryRequestId.toUpper();
-    }
-    QTest::newRow("request") << request << true;
-    QTest::newRow("request with trailing bytes") << request + "junk" << true;
-    QTest::newRow("upper-case identifier") << upperCase << false;
-    QTest::newRow("truncated") << request.left(40) << false;
-    QTest::newRow("empty") << QByteArray() << false;
-    QTest::newRow("length beyond datagram") << QByteArray::fromHex("7fffffff0061") << false;
-    QTest::newRow("reply identifier") << SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://1.2.3.4:5")))
-                                      << false;
-}
-
-// The probe is followed by a genuine request: one reply means the probe was ignored.
-void TestSrvUrlDetect::requestAnswered()
-{
-    QFETCH(QByteArray, probe);
-    QFETCH(bool, answered);
-
-    SrvUrlDetect responder(nullptr);
-    const QUrl advertised(QStringLiteral("wss://0.0.0.0:50443"));
-    QCOMPARE(responder.Advertise(advertised), 0);
-
-    QUdpSocket requester;
-    QVERIFY(requester.bind(QHostAddress::LocalHost, 0));
-    const auto target = quint16(responder.Port());
-    requester.writeDatagram(probe, QHostAddress::LocalHost, target);
-    requester.writeDatagram(SrvUrlDetect::RequestDatagram(), QHostAddress::LocalHost, target);
-
-    const int expected = answered ? 2 : 1;
-    QList<QByteArray> replies;
-    QTRY_VERIFY([&] {
-        while (requester.hasPendingDatagrams())
-            replies.append(requester.receiveDatagram().data());
-        return replies.size() >= expected;
-    }());
-    QTest::qWait(100);
-    QCOMPARE(requester.hasPendingDatagrams(), false);
-    for (const QByteArray &reply : replies)
-        QCOMPARE(reply, SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:50443"))));
-    // A responder learns nothing from replies, however many arrive.
-    QCOMPARE(responder.Urls(), QList<QUrl>{advertised});
-}
-
-void TestSrvUrlDetect::repliesCollectedOnce()
-{
-    // A detector keeps each URL once, in order of arrival, and only the first
-    // MaxDetectedUrls of them...
-    SrvUrlDetect detector(nullptr);
-    QCOMPARE(detector.Bind(), 0);
-    QUdpSocket peer;
-    QVERIFY(peer.bind(QHostAddress::LocalHost, 0));
-    const auto target = quint16(detector.Port());
-    QList<QUrl> sent;
-    for (int i = 0; i <= SrvUrlDetect::MaxDetectedUrls; ++i)
-        sent.append(QUrl(QStringLiteral("wss://10.1.1.%1:443").arg(i)));
-    for (const QUrl &url : QList<QUrl>{sent.first()} + sent)
-        peer.writeDatagram(SrvUrlDetect::ReplyDatagram(url), QHostAddress::LocalHost, target);
-    QTRY_COMPARE(detector.Urls(), sent.mid(0, SrvUrlDetect::MaxDetectedUrls));
-
-    // ...and, holding URLs, answers a request as a responder would.
-    peer.writeDatagram(SrvUrlDetect::RequestDatagram(), QHostAddress::LocalHost, target);
-    QTRY_VERIFY(peer.hasPendingDatagrams());
-    QCOMPARE(peer.receiveDatagram().data(),
-             SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:443"))));
-}
-
-void TestSrvUrlDetect::replyChecked_data()
-{
-    QTest::addColumn<QByteArray>("reply");
-    QTest::addColumn<bool>("kept");
-
-    // 4 labels of 61 characters: a host name of 247, a URL of 257 characters.
-    const QByteArray longHost = QByteArray(61, 'a') + '.' + QByteArray(61, 'b') + '.' + QByteArray(61, 'c') + '.'
-                                + QByteArray(61, 'd');
-    const QByteArray reply = SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://10.9.9.9:443")));
-
-    QTest::newRow("address") << RawReply("wss://192.168.10.7:50443") << true;
-    QTest::newRow("host name") << RawReply("wss://tarn-1.example.lan:443") << true;
-    QTest::newRow("IPv6 address") << RawReply("wss://[fe80::1]:443") << true;
-    QTest::newRow("identifier only") << reply.left(76) << false;
-    QTest::newRow("URL cut short") << reply.left(reply.size() - 3) << false;
-    QTest::newRow("empty URL") << RawReply("") << false;
-    QTest::newRow("other scheme") << RawReply("https://10.9.9.9:443") << false;
-    QTest::newRow("no port") << RawReply("wss://10.9.9.9") << false;
-    QTest::newRow("port 0") << RawReply("wss://10.9.9.9:0") << false;
-    QTest::newRow("port 70000") << RawReply("wss://10.9.9.9:70000") << false;
-    QTest::newRow("path") << RawReply("wss://10.9.9.9:443/") << false;
-    QTest::newRow("user") << RawReply("wss://me:pw@10.9.9.9:443") << false;
-    QTest::newRow("empty user") << RawReply("wss://@10.9.9.9:443") << false;
-    QTest::newRow("query") << RawReply("wss://10.9.9.9:443?x") << false;
-    QTest::newRow("fragment") << RawReply("wss://10.9.9.9:443#x") << false;
-    QTest::newRow("escape in host") << RawReply("wss://a\x1b[2Jb:443") << false;
-    QTest::newRow("encoded escape in host") << RawReply("wss://a%1B%5B2Jb:443") << false;
-    QTest::newRow("253-character URL") << RawReply("wss://" + longHost.left(243) + ":443") << true;
-    QTest::newRow("257-character URL") << RawReply("wss://" + longHost + ":443") << false;
-}
-
-// The reply is followed by a good one: once that arrives, the first was judged.
-void TestSrvUrlDetect::replyChecked()
-{
-    QFETCH(QByteArray, reply);
-    QFETCH(bool, kept);
-
-    SrvUrlDetect detector(nullptr);
-    QCOMPARE(detector.Bind(), 0);
-    QUdpSocket peer;
-    QVERIFY(peer.bind(QHostAddress::LocalHost, 0));
-    const QUrl good(QStringLiteral("wss://10.0.0.1:443"));
-    peer.writeDatagram(reply, QHostAddress::LocalHost, quint16(detector.Port()));
-    peer.writeDatagram(SrvUrlDetect::ReplyDatagram(good), QHostAddress::LocalHost, quint16(detector.Port()));
-    QTRY_VERIFY(detector.Urls().contains(good));
-    QCOMPARE(detector.Urls().size(), kept ? 2 : 1);
-}
-
-void TestSrvUrlDetect::bindSkipsTakenPorts_data()
-{
-    QTest::addColumn<int>("takenUpTo");
-
-    QTest::newRow("nothing taken") << SrvUrlDetect::DiscoveryFirstPort - 1;
-    QTest::newRow("first taken") << 49152;
-    QTest::newRow("only the last free") << 49171;
-    QTest::newRow("whole range taken") << 49172;
-}
-
-// The responder takes the first free port from 49152 upward and refuses 49172
-// alone. Ports that other programs hold count as taken, so the expected port is
-// found by probing, not assumed.
-void TestSrvUrlDetect::bindSkipsTakenPorts()
-{
-    QFETCH(int, takenUpTo);
-
-    std::vector<std::unique_ptr<QUdpSocket>> holders;
-    for (int p = SrvUrlDetect::DiscoveryFirstPort; p <= takenUpTo; ++p) {
-        holders.push_back(std::make_unique<QUdpSocket>());
-        holders.back()->bind(QHostAddress::Any, quint16(p));
-    }
-    int expected = SrvUrlDetect::DiscoveryFirstPort;
-    for (QUdpSocket probe; !probe.bind(QHostAddress::Any, quint16(expected)); probe.close())
-        ++expected;
-    QVERIFY(expected > takenUpTo);
-
-    SrvUrlDetect responder(nullptr);
-    QCOMPARE(responder.Advertise(QUrl(QStringLiteral("wss://0.0.0.0:7"))),
-             expected == SrvUrlDetect::DiscoveryLastPort ? -1 : 0);
-    QCOMPARE(responder.Port(), expected);
-    QCOMPARE(responder.Urls().isEmpty(), expected == SrvUrlDetect::DiscoveryLastPort);
-}
-
-void TestSrvUrlDetect::localAddressFor_data()
-{
-    QTest::addColumn<QString>("peer");
-    QTest::addColumn<QString>("local");
-
-    QTest::newRow("loopback itself") << "127.0.0.1" << "127.0.0.1";
-    QTest::newRow("loopback subnet") << "127.44.5.6" << "127.0.0.1";
-    QTest::newRow("documentation range") << "203.0.113.9" << "0.0.0.0";
-    QTest::newRow("zero") << "0.0.0.0" << "0.0.0.0";
-}
-
-void TestSrvUrlDetect::localAddressFor()
-{
-    QFETCH(QString, peer);
-    QFETCH(QString, local);
-    const quint32 found = SrvUrlDetect::LocalAddressFor(QHostAddress(peer).toIPv4Address());
-    QCOMPARE(QHostAddress(found).toString(), local);
 }
 
 QTEST_MAIN(TestSrvUrlDetect)

@@ -1,3 +1,4 @@
+#include "../testsupport.h"
 #include "tarnsrv.h"
 #include "wsclient.h"
 
@@ -10,9 +11,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+using namespace testsupport;
+
 namespace {
-const QString SessionA = QStringLiteral("{aaaaaaaa-0000-0000-0000-000000000001}");
-const QString SessionB = QStringLiteral("{bbbbbbbb-0000-0000-0000-000000000002}");
 const QString NullSession = QStringLiteral("{00000000-0000-0000-0000-000000000000}");
 
 QStringList Repeated(int n, const QString &text)
@@ -28,6 +29,22 @@ struct LogLine
     QString text;
     quint32 type;
 };
+
+void Collect(TarnSrv &server, QList<LogLine> &into)
+{
+    QObject::connect(&server, &TarnSrv::Log, &server, [&into](const QString &text, quint32 type, bool msgBox) {
+        QVERIFY(!msgBox);
+        into.append({text, type});
+    });
+}
+
+QStringList StartLines(quint16 port)
+{
+    return {QStringLiteral("Starting Tarn server."), QStringLiteral("Tarn server started on port %1.\n").arg(port)};
+}
+
+const QStringList StopLines{QStringLiteral("Disconnecting all clients..."), QStringLiteral("Stopping Tarn server..."),
+                            QStringLiteral("Tarn server stopped.")};
 } // namespace
 
 class TestTarnSrv : public QObject
@@ -35,28 +52,323 @@ class TestTarnSrv : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
+    void init()
+    {
+        log.clear();
+        server = std::make_unique<TarnSrv>();
+        Collect(*server, log);
+        QCOMPARE(server->Start(0), 0);
+        port = server->ListeningPort();
+        QVERIFY(port != 0);
+        QCOMPARE(LogTexts(), StartLines(port));
+    }
 
-    void messageDispatch_data();
-    void messageDispatch();
-    void originFields_data();
-    void originFields();
-    void activeClientsGroupsBySession();
-    void oversizedMessageClosesConnection();
-    void abortedHandshakesReleased();
-    void silentClientsDropped();
-    void heartbeatingClientKept();
-    void repeatedPingLinesSummarized();
-    void stopLogsInOrderAndEmitsSocketDestroyed();
-    void secondStartKeepsPort();
-    void startOnBusyPortFails();
-    void nestedStartStopIgnored_data();
-    void nestedStartStopIgnored();
-    void discoveryWithoutDescriptorsGivesUp();
+    void cleanup()
+    {
+        server.reset();
+    }
+
+    void messageDispatch_data()
+    {
+        QTest::addColumn<QString>("probe");
+        QTest::addColumn<bool>("isPing");
+
+        QTest::newRow("ping") << "Server ping" << true;
+        QTest::newRow("ping with arguments") << "Server ping,1,,x" << true;
+        QTest::newRow("ping with trailing comma") << "Server ping," << true;
+        QTest::newRow("lower case") << "server ping" << false;
+        QTest::newRow("leading blank") << " Server ping" << false;
+        QTest::newRow("empty frame") << "" << false;
+        QTest::newRow("unknown name") << "Server pong" << false;
+        QTest::newRow("heart beat is never answered") << "Heart Beat" << false;
+    }
+
+    // Each probe is followed by a ping: the replies tell whether the probe was
+    // answered as a ping, without waiting for silence.
+    void messageDispatch()
+    {
+        QFETCH(QString, probe);
+        QFETCH(bool, isPing);
+
+        auto client = Connect(Origin(SessionA, QStringLiteral("Ann")));
+        QVERIFY(client);
+        client->socket.sendBinaryMessage(QByteArrayLiteral("Server ping"));
+        client->socket.sendTextMessage(probe);
+        client->socket.sendTextMessage(QStringLiteral("Server ping"));
+
+        const int expected = isPing ? 2 : 1;
+        QVERIFY(client->WaitForMessages(expected));
+        QTest::qWait(100);
+        QCOMPARE(client->received, Repeated(expected, QStringLiteral("Server pong")));
+
+        const QString line = QStringLiteral("Received ping request from client Ann, replied.");
+        QCOMPARE(LogTexts().count(line), expected);
+    }
+
+    void originFields_data()
+    {
+        QTest::addColumn<QString>("origin");
+        QTest::addColumn<QString>("listed");
+
+        QTest::newRow("four fields") << Origin(SessionA, QStringLiteral("Ann")) << "Ann," + SessionA + ",";
+        QTest::newRow("fifth field ignored") << Origin(SessionA, QStringLiteral("Ann,Lee,more"))
+                                             << "Ann," + SessionA + ",";
+        QTest::newRow("unbraced session") << Origin(SessionA.mid(1, 36), QStringLiteral("Bo"))
+                                          << "Bo," + SessionA + ",";
+        QTest::newRow("session no uuid") << Origin(QStringLiteral("nope"), QStringLiteral("Cy"))
+                                         << "Cy," + NullSession + ",";
+        QTest::newRow("two fields") << "{11111111-1111-1111-1111-111111111111}," + SessionB
+                                    << "," + SessionB + ",";
+        QTest::newRow("no origin") << QString() << "," + NullSession + ",";
+        QTest::newRow("markup name sent as is") << Origin(SessionA, QStringLiteral("<b>Di</b>"))
+                                                << "<b>Di</b>," + SessionA + ",";
+    }
+
+    void originFields()
+    {
+        QFETCH(QString, origin);
+        QFETCH(QString, listed);
+
+        auto client = Connect(origin);
+        QVERIFY(client);
+        client->socket.sendTextMessage(QStringLiteral("Get active clients"));
+        QVERIFY(client->WaitForMessages(1));
+        QCOMPARE(client->received.first(), "Active clients," + listed);
+    }
+
+    void activeClientsGroupsBySession()
+    {
+        auto ann = Connect(Origin(SessionA, QStringLiteral("Ann")));
+        auto bob = Connect(Origin(SessionB, QStringLiteral("Bob")));
+        auto cid = Connect(Origin(SessionA, QStringLiteral("Cid")));
+        QVERIFY(ann && bob && cid);
+
+        const QList<ActiveClient> clients = server->GetActiveClients();
+        QCOMPARE(clients.size(), 2);
+        QCOMPARE(clients.at(0).guestName, QStringLiteral("Ann"));
+        QCOMPARE(clients.at(1).guestName, QStringLiteral("Bob"));
+
+        bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
+        QVERIFY(bob->WaitForMessages(1));
+        QCOMPARE(bob->received.first(),
+                 QStringLiteral("Active clients,Ann,%1,Bob,%2,").arg(SessionA, SessionB));
+
+        // When the earliest leaves, the session is listed under the next one's name.
+        QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+        ann->socket.close();
+        QVERIFY(changed.wait());
+        bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
+        QVERIFY(bob->WaitForMessages(2));
+        QCOMPARE(bob->received.last(),
+                 QStringLiteral("Active clients,Bob,%1,Cid,%2,").arg(SessionB, SessionA));
+    }
+
+    void oversizedMessageClosesConnection()
+    {
+        auto client = Connect(Origin(SessionA, QStringLiteral("Big")));
+        QVERIFY(client);
+        QSignalSpy disconnected(&client->socket, &QWebSocket::disconnected);
+        client->socket.sendTextMessage(QString(int(TarnSrv::MaxIncomingSize) + 1, QLatin1Char('x')));
+        QVERIFY(disconnected.wait(5000));
+        QTRY_VERIFY(server->GetActiveClients().isEmpty());
+    }
+
+    void abortedHandshakesReleased()
+    {
+        // Connections that close before any handshake must not pile up in the server.
+        std::vector<std::unique_ptr<QTcpSocket>> aborted;
+        for (int i = 0; i < 50; ++i) {
+            aborted.push_back(std::make_unique<QTcpSocket>());
+            aborted.back()->connectToHost(QHostAddress::LocalHost, port);
+        }
+        QTRY_COMPARE(server->findChildren<QSslSocket *>().size(), 50);
+        aborted.clear();
+        QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<QSslSocket *>().size(), 0, TarnSrv::HandshakeSweepMs + 3000);
+
+        auto client = Connect(Origin(SessionA, QStringLiteral("After")));
+        QVERIFY(client);
+        QCOMPARE(server->GetActiveClients().size(), 1);
+    }
+
+    // A client that answers the heartbeats stays while silent ones are dropped.
+    void silentClientsDropped()
+    {
+        server->SetHeartBeatInterval(500);
+        auto a = Connect(Origin(SessionA, QStringLiteral("<i>Ann</i>")));
+        auto b = Connect(Origin(SessionB, QStringLiteral("Bob")));
+        auto c = Connect(Origin(SessionA, QStringLiteral("Cid")));
+        auto live = Connect(Origin(NullSession, QStringLiteral("Live")));
+        QVERIFY(a && b && c && live);
+        connect(&live->socket, &QWebSocket::textMessageReceived, live.get(), [&live](const QString &msg) {
+            if (msg == QLatin1String("Heart Beat"))
+                live->socket.sendTextMessage(msg);
+        });
+        // Kick off the exchange; the server's first tick then finds a beat every time.
+        live->socket.sendTextMessage(QStringLiteral("Heart Beat"));
+
+        // All three connected within one period and never answer: they reach the
+        // limit on the same tick and go together, one change each.
+        QList<int> sizes;
+        connect(server.get(), &TarnSrv::ClientsChanged, this,
+                [&] { sizes.append(server->GetActiveClients().size()); });
+        QTRY_COMPARE_WITH_TIMEOUT(server->GetActiveClients().size(), 1, 5000);
+        QCOMPARE(sizes.mid(0, 3), QList<int>({3, 2, 1}));
+        QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
+        QTRY_COMPARE(c->socket.state(), QAbstractSocket::UnconnectedState);
+
+        // Each got the three heartbeats of its surviving ticks, nothing more.
+        QCOMPARE(b->received, Repeated(3, QStringLiteral("Heart Beat")));
+        const QStringList texts = LogTexts();
+        QVERIFY(texts.contains(QStringLiteral("Client &lt;i&gt;Ann&lt;/i&gt; is unreachable and was disconnected.")));
+        QVERIFY(texts.contains(QStringLiteral("Client Bob is unreachable and was disconnected.")));
+        QTest::qWait(500 * 4);
+        QCOMPARE(server->GetActiveClients().size(), 1);
+        QVERIFY(live->received.size() >= 6);
+    }
+
+    // A client that pings on and then goes quiet: the first lines as they are,
+    // then one count for the rest once the period ends.
+    void repeatedPingLinesSummarized()
+    {
+        auto ann = Connect(Origin(SessionA, QStringLiteral("Ann")));
+        QVERIFY(ann);
+        log.clear();
+        // The period starts now, so the whole burst falls into it.
+        server->SetLogSummaryPeriod(1000);
+        const int pings = TarnSrv::RepeatedLinesPerPeriod + 5;
+        for (int i = 0; i < pings; ++i)
+            ann->socket.sendTextMessage(QStringLiteral("Server ping"));
+        QVERIFY(ann->WaitForMessages(pings));
+        const QString summary = QStringLiteral("Client Ann: 5 more ping requests answered in the last 1 s.");
+        QTRY_VERIFY_WITH_TIMEOUT(LogTexts().contains(summary), 3000);
+        QCOMPARE(LogTexts(), Repeated(TarnSrv::RepeatedLinesPerPeriod,
+                                      QStringLiteral("Received ping request from client Ann, replied."))
+                                 << summary);
+        QCOMPARE(log.last().type, 0u);
+    }
+
+    void stopLogsInOrderAndEmitsSocketDestroyed()
+    {
+        auto a = Connect(Origin(SessionA, QStringLiteral("Ann")));
+        QVERIFY(a);
+        QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
+        QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+        log.clear();
+
+        server->Stop();
+        QVERIFY(!server->IsRunning());
+        QVERIFY(server->GetActiveClients().isEmpty());
+        QCOMPARE(LogTexts(), StopLines);
+        QVERIFY(changed.count() >= 1);
+
+        // The port is free only once the endpoint is really gone.
+        QCOMPARE(destroyed.count(), 0);
+        QTRY_COMPARE(destroyed.count(), 1);
+        QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
+
+        log.clear();
+        server->Stop();
+        QVERIFY(log.isEmpty());
+        QCOMPARE(server->Start(port), 0);
+        QCOMPARE(server->ListeningPort(), port);
+    }
+
+    // Starting again keeps the port and logs nothing; another server cannot take it.
+    void startOnTakenPort()
+    {
+        log.clear();
+        QCOMPARE(server->Start(0), 0);
+        QCOMPARE(server->ListeningPort(), port);
+        QVERIFY(log.isEmpty());
+
+        TarnSrv second;
+        QList<LogLine> lines;
+        Collect(second, lines);
+        QCOMPARE(second.Start(port), -1);
+        QVERIFY(!second.IsRunning());
+        QCOMPARE(lines.size(), 2);
+        QCOMPARE(lines.at(0).text, QStringLiteral("Starting Tarn server."));
+        QCOMPARE(lines.at(1).type, 2u);
+        QCOMPARE(lines.at(1).text,
+                 QStringLiteral("Failed to start Tarn server. An other server might already be running on port %1.")
+                     .arg(port));
+    }
+
+    void nestedStartStopIgnored_data()
+    {
+        QTest::addColumn<bool>("outerStart");
+        QTest::addColumn<QString>("atLine");
+        QTest::addColumn<bool>("nestedStart");
+
+        // The window's events run inside these steps; a click there calls in again.
+        QTest::newRow("stop inside stop") << false << "Disconnecting all clients..." << false;
+        QTest::newRow("start inside stop") << false << "Stopping Tarn server..." << true;
+        QTest::newRow("start inside start") << true << "Starting Tarn server." << true;
+    }
+
+    void nestedStartStopIgnored()
+    {
+        QFETCH(bool, outerStart);
+        QFETCH(QString, atLine);
+        QFETCH(bool, nestedStart);
+
+        if (outerStart) {
+            QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
+            server->Stop();
+            QTRY_COMPARE(destroyed.count(), 1);
+        }
+        int nestedResult = 0;
+        connect(server.get(), &TarnSrv::Log, this, [&](const QString &text) {
+            if (text != atLine)
+                return;
+            if (nestedStart)
+                nestedResult = server->Start(0);
+            else
+                server->Stop();
+        });
+        log.clear();
+        if (outerStart)
+            QCOMPARE(server->Start(0), 0);
+        else
+            server->Stop();
+
+        QCOMPARE(nestedResult, nestedStart ? -1 : 0);
+        QCOMPARE(server->IsRunning(), outerStart);
+        QCOMPARE(LogTexts(), outerStart ? StartLines(server->ListeningPort()) : StopLines);
+        QTRY_COMPARE(server->findChildren<QWebSocketServer *>().size(), outerStart ? 1 : 0);
+    }
+
+    // With no descriptor left for the responder's socket, the server still runs
+    // and says once that it cannot be discovered, instead of trying port after port.
+    void discoveryWithoutDescriptorsGivesUp()
+    {
+        TarnSrv second;
+        QList<LogLine> lines;
+        Collect(second, lines);
+
+        // Leave exactly one descriptor free: the endpoint's.
+        rlimit saved{};
+        QCOMPARE(getrlimit(RLIMIT_NOFILE, &saved), 0);
+        const int lowestFree = open("/dev/null", O_RDONLY);
+        QVERIFY(lowestFree >= 0);
+        close(lowestFree);
+        const rlimit tight{rlim_t(lowestFree) + 1, saved.rlim_max};
+        QCOMPARE(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        auto restore = qScopeGuard([&saved] { setrlimit(RLIMIT_NOFILE, &saved); });
+        const int started = second.Start(0);
+        restore.dismiss();
+        setrlimit(RLIMIT_NOFILE, &saved);
+
+        QCOMPARE(started, 0);
+        QVERIFY(second.IsRunning());
+        QCOMPARE(lines.size(), 3);
+        QCOMPARE(lines.at(2).type, 1u);
+        QVERIFY2(lines.at(2).text.startsWith(QStringLiteral("Discovery is not available: cannot bind UDP port 49152 (")),
+                 qPrintable(lines.at(2).text));
+    }
 
 private:
-    std::unique_ptr<WsClient> Connect(const QString &session, const QString &name);
+    std::unique_ptr<WsClient> Connect(const QString &origin);
     QStringList LogTexts() const;
 
     std::unique_ptr<TarnSrv> server;
@@ -64,30 +376,9 @@ private:
     quint16 port = 0;
 };
 
-void TestTarnSrv::init()
+std::unique_ptr<WsClient> TestTarnSrv::Connect(const QString &origin)
 {
-    log.clear();
-    server = std::make_unique<TarnSrv>();
-    connect(server.get(), &TarnSrv::Log, this,
-            [this](const QString &text, quint32 type, bool msgBox) {
-                QVERIFY(!msgBox);
-                log.append({text, type});
-            });
-    QCOMPARE(server->Start(0), 0);
-    port = server->ListeningPort();
-    QVERIFY(port != 0);
-    QCOMPARE(LogTexts(), QStringList({QStringLiteral("Starting Tarn server."),
-                                      QStringLiteral("Tarn server started on port %1.\n").arg(port)}));
-}
-
-void TestTarnSrv::cleanup()
-{
-    server.reset();
-}
-
-std::unique_ptr<WsClient> TestTarnSrv::Connect(const QString &session, const QString &name)
-{
-    auto client = std::make_unique<WsClient>(Origin(session, name));
+    auto client = std::make_unique<WsClient>(origin);
     QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
     if (!client->Open(port) || !(changed.count() > 0 || changed.wait(5000)))
         return nullptr;
@@ -100,324 +391,6 @@ QStringList TestTarnSrv::LogTexts() const
     for (const LogLine &line : log)
         texts.append(line.text);
     return texts;
-}
-
-void TestTarnSrv::messageDispatch_data()
-{
-    QTest::addColumn<QString>("probe");
-    QTest::addColumn<bool>("isPing");
-
-    QTest::newRow("ping") << "Server ping" << true;
-    QTest::newRow("ping with arguments") << "Server ping,1,,x" << true;
-    QTest::newRow("ping with trailing comma") << "Server ping," << true;
-    QTest::newRow("lower case") << "server ping" << false;
-    QTest::newRow("leading blank") << " Server ping" << false;
-    QTest::newRow("empty frame") << "" << false;
-    QTest::newRow("unknown name") << "Server pong" << false;
-    QTest::newRow("heart beat is never answered") << "Heart Beat" << false;
-}
-
-// Each probe is followed by a ping: the replies tell whether the probe was
-// answered as a ping, without waiting for silence.
-void TestTarnSrv::messageDispatch()
-{
-    QFETCH(QString, probe);
-    QFETCH(bool, isPing);
-
-    auto client = Connect(SessionA, QStringLiteral("Ann"));
-    QVERIFY(client);
-    client->socket.sendBinaryMessage(QByteArrayLiteral("Server ping"));
-    client->socket.sendTextMessage(probe);
-    client->socket.sendTextMessage(QStringLiteral("Server ping"));
-
-    const int expected = isPing ? 2 : 1;
-    QVERIFY(client->WaitForMessages(expected));
-    QTest::qWait(100);
-    QCOMPARE(client->received, Repeated(expected, QStringLiteral("Server pong")));
-
-    const QString line = QStringLiteral("Received ping request from client Ann, replied.");
-    QCOMPARE(LogTexts().count(line), expected);
-}
-
-void TestTarnSrv::originFields_data()
-{
-    QTest::addColumn<QString>("origin");
-    QTest::addColumn<QString>("listed");
-
-    QTest::newRow("four fields") << Origin(SessionA, QStringLiteral("Ann")) << "Ann," + SessionA + ",";
-    QTest::newRow("fifth field ignored") << Origin(SessionA, QStringLiteral("Ann,Lee,more"))
-                                         << "Ann," + SessionA + ",";
-    QTest::newRow("unbraced session") << Origin(SessionA.mid(1, 36), QStringLiteral("Bo"))
-                                      << "Bo," + SessionA + ",";
-    QTest::newRow("session no uuid") << Origin(QStringLiteral("nope"), QStringLiteral("Cy"))
-                                     << "Cy," + NullSession + ",";
-    QTest::newRow("two fields") << "{11111111-1111-1111-1111-111111111111}," + SessionB
-                                << "," + SessionB + ",";
-    QTest::newRow("no origin") << QString() << "," + NullSession + ",";
-    QTest::newRow("markup name sent as is") << Origin(SessionA, QStringLiteral("<b>Di</b>"))
-                                            << "<b>Di</b>," + SessionA + ",";
-}
-
-void TestTarnSrv::originFields()
-{
-    QFETCH(QString, origin);
-    QFETCH(QString, listed);
-
-    WsClient client(origin);
-    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
-    QVERIFY(client.Open(port));
-    QVERIFY(changed.count() > 0 || changed.wait());
-    client.socket.sendTextMessage(QStringLiteral("Get active clients"));
-    QVERIFY(client.WaitForMessages(1));
-    QCOMPARE(client.received.first(), "Active clients," + listed);
-}
-
-void TestTarnSrv::activeClientsGroupsBySession()
-{
-    auto ann = Connect(SessionA, QStringLiteral("Ann"));
-    auto bob = Connect(SessionB, QStringLiteral("Bob"));
-    auto cid = Connect(SessionA, QStringLiteral("Cid"));
-    QVERIFY(ann && bob && cid);
-
-    const QList<ActiveClient> clients = server->GetActiveClients();
-    QCOMPARE(clients.size(), 2);
-    QCOMPARE(clients.at(0).guestName, QStringLiteral("Ann"));
-    QCOMPARE(clients.at(1).guestName, QStringLiteral("Bob"));
-
-    bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
-    QVERIFY(bob->WaitForMessages(1));
-    QCOMPARE(bob->received.first(),
-             QStringLiteral("Active clients,Ann,%1,Bob,%2,").arg(SessionA, SessionB));
-
-    // When the earliest leaves, the session is listed under the next one's name.
-    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
-    ann->socket.close();
-    QVERIFY(changed.wait());
-    bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
-    QVERIFY(bob->WaitForMessages(2));
-    QCOMPARE(bob->received.last(),
-             QStringLiteral("Active clients,Bob,%1,Cid,%2,").arg(SessionB, SessionA));
-}
-
-void TestTarnSrv::oversizedMessageClosesConnection()
-{
-    auto client = Connect(SessionA, QStringLiteral("Big"));
-    QVERIFY(client);
-    QSignalSpy disconnected(&client->socket, &QWebSocket::disconnected);
-    client->socket.sendTextMessage(QString(int(TarnSrv::MaxIncomingSize) + 1, QLatin1Char('x')));
-    QVERIFY(disconnected.wait(5000));
-    QTRY_VERIFY(server->GetActiveClients().isEmpty());
-}
-
-void TestTarnSrv::abortedHandshakesReleased()
-{
-    // Connections that close before any handshake must not pile up in the server.
-    std::vector<std::unique_ptr<QTcpSocket>> aborted;
-    for (int i = 0; i < 50; ++i) {
-        aborted.push_back(std::make_unique<QTcpSocket>());
-        aborted.back()->connectToHost(QHostAddress::LocalHost, port);
-    }
-    QTRY_COMPARE(server->findChildren<QSslSocket *>().size(), 50);
-    aborted.clear();
-    QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<QSslSocket *>().size(), 0, TarnSrv::HandshakeSweepMs + 3000);
-
-    auto client = Connect(SessionA, QStringLiteral("After"));
-    QVERIFY(client);
-    QCOMPARE(server->GetActiveClients().size(), 1);
-}
-
-void TestTarnSrv::silentClientsDropped()
-{
-    server->SetHeartBeatInterval(500);
-    auto a = Connect(SessionA, QStringLiteral("<i>Ann</i>"));
-    auto b = Connect(SessionB, QStringLiteral("Bob"));
-    auto c = Connect(SessionA, QStringLiteral("Cid"));
-    QVERIFY(a && b && c);
-
-    // All three connected within one period and never answer: they reach the
-    // limit on the same tick and go together, one change each.
-    QList<int> sizes;
-    connect(server.get(), &TarnSrv::ClientsChanged, this,
-            [&] { sizes.append(server->GetActiveClients().size()); });
-    QTRY_VERIFY_WITH_TIMEOUT(server->GetActiveClients().isEmpty(), 5000);
-    QCOMPARE(sizes.mid(0, 3), QList<int>({2, 1, 0}));
-    QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
-    QTRY_COMPARE(c->socket.state(), QAbstractSocket::UnconnectedState);
-
-    // Each got the three heartbeats of its surviving ticks, nothing more.
-    QCOMPARE(b->received, Repeated(3, QStringLiteral("Heart Beat")));
-    const QStringList texts = LogTexts();
-    QVERIFY(texts.contains(QStringLiteral("Client &lt;i&gt;Ann&lt;/i&gt; is unreachable and was disconnected.")));
-    QVERIFY(texts.contains(QStringLiteral("Client Bob is unreachable and was disconnected.")));
-}
-
-void TestTarnSrv::heartbeatingClientKept()
-{
-    server->SetHeartBeatInterval(200);
-    auto live = Connect(SessionA, QStringLiteral("Live"));
-    QVERIFY(live);
-    connect(&live->socket, &QWebSocket::textMessageReceived, live.get(), [&live](const QString &msg) {
-        if (msg == QLatin1String("Heart Beat"))
-            live->socket.sendTextMessage(msg);
-    });
-    // Kick off the exchange; the server's first tick then finds a beat every time.
-    live->socket.sendTextMessage(QStringLiteral("Heart Beat"));
-    QTest::qWait(200 * 8);
-    QCOMPARE(server->GetActiveClients().size(), 1);
-    QVERIFY(live->received.size() >= 6);
-}
-
-// A client that pings on and then goes quiet: the first lines as they are,
-// then one count for the rest once the period ends.
-void TestTarnSrv::repeatedPingLinesSummarized()
-{
-    auto ann = Connect(SessionA, QStringLiteral("Ann"));
-    QVERIFY(ann);
-    log.clear();
-    // The period starts now, so the whole burst falls into it.
-    server->SetLogSummaryPeriod(1000);
-    const int pings = TarnSrv::RepeatedLinesPerPeriod + 5;
-    for (int i = 0; i < pings; ++i)
-        ann->socket.sendTextMessage(QStringLiteral("Server ping"));
-    QVERIFY(ann->WaitForMessages(pings));
-    const QString summary = QStringLiteral("Client Ann: 5 more ping requests answered in the last 1 s.");
-    QTRY_VERIFY_WITH_TIMEOUT(LogTexts().contains(summary), 3000);
-    QCOMPARE(LogTexts(), Repeated(TarnSrv::RepeatedLinesPerPeriod,
-                                  QStringLiteral("Received ping request from client Ann, replied."))
-                             << summary);
-    QCOMPARE(log.last().type, 0u);
-}
-
-void TestTarnSrv::stopLogsInOrderAndEmitsSocketDestroyed()
-{
-    auto a = Connect(SessionA, QStringLiteral("Ann"));
-    QVERIFY(a);
-    QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
-    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
-    log.clear();
-
-    server->Stop();
-    QVERIFY(!server->IsRunning());
-    QVERIFY(server->GetActiveClients().isEmpty());
-    QCOMPARE(LogTexts(), QStringList({QStringLiteral("Disconnecting all clients..."),
-                                      QStringLiteral("Stopping Tarn server..."),
-                                      QStringLiteral("Tarn server stopped.")}));
-    QVERIFY(changed.count() >= 1);
-
-    // The port is free only once the endpoint is really gone.
-    QCOMPARE(destroyed.count(), 0);
-    QTRY_COMPARE(destroyed.count(), 1);
-    QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
-
-    log.clear();
-    server->Stop();
-    QVERIFY(log.isEmpty());
-    QCOMPARE(server->Start(port), 0);
-    QCOMPARE(server->ListeningPort(), port);
-}
-
-void TestTarnSrv::secondStartKeepsPort()
-{
-    log.clear();
-    QCOMPARE(server->Start(0), 0);
-    QCOMPARE(server->ListeningPort(), port);
-    QVERIFY(log.isEmpty());
-}
-
-void TestTarnSrv::startOnBusyPortFails()
-{
-    TarnSrv second;
-    QList<LogLine> lines;
-    connect(&second, &TarnSrv::Log, this,
-            [&lines](const QString &text, quint32 type, bool) { lines.append({text, type}); });
-    QCOMPARE(second.Start(port), -1);
-    QVERIFY(!second.IsRunning());
-    QCOMPARE(lines.size(), 2);
-    QCOMPARE(lines.at(0).text, QStringLiteral("Starting Tarn server."));
-    QCOMPARE(lines.at(1).type, 2u);
-    QCOMPARE(lines.at(1).text,
-             QStringLiteral("Failed to start Tarn server. An other server might already be running on port %1.")
-                 .arg(port));
-}
-
-void TestTarnSrv::nestedStartStopIgnored_data()
-{
-    QTest::addColumn<bool>("outerStart");
-    QTest::addColumn<QString>("atLine");
-    QTest::addColumn<bool>("nestedStart");
-
-    // The window's events run inside these steps; a click there calls in again.
-    QTest::newRow("stop inside stop") << false << "Disconnecting all clients..." << false;
-    QTest::newRow("start inside stop") << false << "Stopping Tarn server..." << true;
-    QTest::newRow("start inside start") << true << "Starting Tarn server." << true;
-}
-
-void TestTarnSrv::nestedStartStopIgnored()
-{
-    QFETCH(bool, outerStart);
-    QFETCH(QString, atLine);
-    QFETCH(bool, nestedStart);
-
-    if (outerStart) {
-        QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
-        server->Stop();
-        QTRY_COMPARE(destroyed.count(), 1);
-    }
-    int nestedResult = 0;
-    connect(server.get(), &TarnSrv::Log, this, [&](const QString &text) {
-        if (text != atLine)
-            return;
-        if (nestedStart)
-            nestedResult = server->Start(0);
-        else
-            server->Stop();
-    });
-    log.clear();
-    if (outerStart)
-        QCOMPARE(server->Start(0), 0);
-    else
-        server->Stop();
-
-    QCOMPARE(nestedResult, nestedStart ? -1 : 0);
-    QCOMPARE(server->IsRunning(), outerStart);
-    const QStringList once = outerStart ? QStringList{QStringLiteral("Starting Tarn server."),
-                                                      QStringLiteral("Tarn server started on port %1.\n")
-                                                          .arg(server->ListeningPort())}
-                                        : QStringList{QStringLiteral("Disconnecting all clients..."),
-                                                      QStringLiteral("Stopping Tarn server..."),
-                                                      QStringLiteral("Tarn server stopped.")};
-    QCOMPARE(LogTexts(), once);
-    QTRY_COMPARE(server->findChildren<QWebSocketServer *>().size(), outerStart ? 1 : 0);
-}
-
-// With no descriptor left for the responder's socket, the server still runs
-// and says once that it cannot be discovered, instead of trying port after port.
-void TestTarnSrv::discoveryWithoutDescriptorsGivesUp()
-{
-    TarnSrv second;
-    QList<LogLine> lines;
-    connect(&second, &TarnSrv::Log, this,
-            [&lines](const QString &text, quint32 type, bool) { lines.append({text, type}); });
-
-    // Leave exactly one descriptor free: the endpoint's.
-    rlimit saved{};
-    QCOMPARE(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    const int lowestFree = open("/dev/null", O_RDONLY);
-    QVERIFY(lowestFree >= 0);
-    close(lowestFree);
-    const rlimit tight{rlim_t(lowestFree) + 1, saved.rlim_max};
-    QCOMPARE(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    auto restore = qScopeGuard([&saved] { setrlimit(RLIMIT_NOFILE, &saved); });
-    const int started = second.Start(0);
-    restore.dismiss();
-    setrlimit(RLIMIT_NOFILE, &saved);
-
-    QCOMPARE(started, 0);
-    QVERIFY(second.IsRunning());
-    QCOMPARE(lines.size(), 3);
-    QCOMPARE(lines.at(2).type, 1u);
-    QVERIFY2(lines.at(2).text.startsWith(QStringLiteral("Discovery is not available: cannot bind UDP port 49152 (")),
-             qPrintable(lines.at(2).text));
 }
 
 QTEST_MAIN(TestTarnSrv)
