@@ -148,12 +148,26 @@ void SrvUrlDetect::CollectReply(const QUrl &url)
 
 void SrvUrlDetect::AnswerRequest(QUdpSocket *socket)
 {
+    if (!AnswerBudgetLeft())
+        return;
     const quint32 local = LocalAddressFor(senderAddress.toIPv4Address());
     if (local == 0)
         return;
     QUrl url = urls.first();
     url.setHost(QHostAddress(local).toString());
     socket->writeDatagram(ReplyDatagram(url), senderAddress, senderPort);
+}
+
+// Each answer lists the interfaces and sends a datagram, and requests may come
+// from spoofed senders: a flood gets a bounded share of the event loop. A real
+// detection sends one request per local address.
+bool SrvUrlDetect::AnswerBudgetLeft()
+{
+    if (!answerWindow.isValid() || answerWindow.hasExpired(1000)) {
+        answerWindow.start();
+        answersInWindow = 0;
+    }
+    return answersInWindow++ < MaxAnswersPerSecond;
 }
 
 quint32 SrvUrlDetect::LocalAddressFor(quint32 peer)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QHostAddress>
 #include <QList>
 #include <QObject>
@@ -23,6 +24,8 @@ public:
     static constexpr int LastUdpPort = 65535;
     // A detection keeps at most this many URLs; a LAN has a few servers at most.
     static constexpr int MaxDetectedUrls = 32;
+    // A responder answers at most this many requests a second.
+    static constexpr int MaxAnswersPerSecond = 100;
 
     explicit SrvUrlDetect(QObject *parent);
     ~SrvUrlDetect() override;
@@ -53,6 +56,7 @@ public:
 
 private:
     void AnswerRequest(QUdpSocket *socket);
+    bool AnswerBudgetLeft();
     void CollectReply(const QUrl &url);
     void CloseSockets();
 
@@ -62,6 +66,8 @@ private:
     // Set by a successful Advertise: a responder has nothing to learn from replies.
     bool advertised = false;
     bool replyReceived = false;
+    QElapsedTimer answerWindow;
+    int answersInWindow = 0;
     QHostAddress senderAddress;
     quint16 senderPort = 0;
 };

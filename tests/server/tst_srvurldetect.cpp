@@ -7,6 +7,16 @@
 #include <memory>
 #include <vector>
 
+namespace {
+int Drain(QUdpSocket &socket)
+{
+    int count = 0;
+    for (; socket.hasPendingDatagrams(); ++count)
+        socket.receiveDatagram();
+    return count;
+}
+} // namespace
+
 // Everything here talks to 127.0.0.1 directly; broadcasts are tested only inside
 // private network namespaces (see netns_discovery.sh).
 class TestSrvUrlDetect : public QObject
@@ -73,6 +83,25 @@ private slots:
             QCOMPARE(reply, SrvUrlDetect::ReplyDatagram(QUrl(QStringLiteral("wss://127.0.0.1:50443"))));
         // A responder learns nothing from replies, however many arrive.
         QCOMPARE(responder.Urls(), QList<QUrl>{advertised});
+    }
+
+    // A flood of requests gets a bounded number of answers.
+    void requestFloodAnsweredWithinBudget()
+    {
+        SrvUrlDetect responder(nullptr);
+        QCOMPARE(responder.Advertise(QUrl(QStringLiteral("wss://0.0.0.0:50443"))), 0);
+        QUdpSocket requester;
+        QVERIFY(requester.bind(QHostAddress::LocalHost, 0));
+        constexpr int Requests = 3 * SrvUrlDetect::MaxAnswersPerSecond;
+        for (int i = 0; i < Requests; ++i)
+            requester.writeDatagram(SrvUrlDetect::RequestDatagram(), QHostAddress::LocalHost,
+                                    quint16(responder.Port()));
+        int replies = 0;
+        QTRY_VERIFY((replies += Drain(requester)) >= SrvUrlDetect::MaxAnswersPerSecond);
+        QTest::qWait(200);
+        replies += Drain(requester);
+        // The requests may straddle two one-second windows.
+        QVERIFY2(replies <= 2 * SrvUrlDetect::MaxAnswersPerSecond, qPrintable(QString::number(replies)));
     }
 
     void repliesCollectedOnce()
