@@ -58,9 +58,10 @@ namespace {
 // kernel can refuse an O_CREAT open of another user's file: open an existing
 // file plainly, and create only a missing one. Reading is all flock needs, so
 // a folder that is read-only for this process still works once the file exists.
+// O_NONBLOCK: a FIFO put in its place must not stall the start-up.
 int OpenLockFile(const QByteArray &path)
 {
-    const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW;
+    const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     const int fd = ::open(path.constData(), flags);
     if (fd >= 0 || errno != ENOENT)
         return fd;
@@ -83,6 +84,11 @@ MachineLock::State MachineLock::TryLock()
     const int opened = OpenLockFile(QFile::encodeName(name));
     if (opened < 0)
         return State::Unavailable;
+    struct stat info {};
+    if (::fstat(opened, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(opened);
+        return State::Unavailable;
+    }
     if (::flock(opened, LOCK_EX | LOCK_NB) == 0) {
         fd = opened;
         return State::Held;
