@@ -193,12 +193,14 @@ private slots:
     // A client that answers the heartbeats stays while silent ones are dropped.
     void silentClientsDropped()
     {
-        server->SetHeartBeatInterval(500);
         auto a = Connect(Origin(SessionA, QStringLiteral("<i>Ann</i>")));
         auto b = Connect(Origin(SessionB, QStringLiteral("Bob")));
         auto c = Connect(Origin(SessionA, QStringLiteral("Cid")));
         auto live = Connect(Origin(NullSession, QStringLiteral("Live")));
         QVERIFY(a && b && c && live);
+        // Restarts the running timer: however slow the connections were, the
+        // first short period begins now, with all four in place.
+        server->SetHeartBeatInterval(500);
         connect(&live->socket, &QWebSocket::textMessageReceived, live.get(), [&live](const QString &msg) {
             if (msg == QLatin1String("Heart Beat"))
                 live->socket.sendTextMessage(msg);
@@ -206,8 +208,8 @@ private slots:
         // Kick off the exchange; the server's first tick then finds a beat every time.
         live->socket.sendTextMessage(QStringLiteral("Heart Beat"));
 
-        // All three connected within one period and never answer: they reach the
-        // limit on the same tick and go together, one change each.
+        // The three silent ones reach the limit on the same tick and go
+        // together, one change each.
         QList<int> sizes;
         connect(server.get(), &TarnSrv::ClientsChanged, this,
                 [&] { sizes.append(server->GetActiveClients().size()); });
