@@ -10,7 +10,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimer>
-#include <algorithm>
 
 using namespace Tarn;
 
@@ -165,12 +164,10 @@ bool TarnTool::ParseIdentity()
 
 QList<QUrl> TarnTool::DiscoverServers()
 {
+    // Anyone on the network can answer: the detector keeps only URLs that pass
+    // IsServerUrl, the same check as for a URL given on the command line.
     SrvUrlDetect detector(nullptr);
-    QList<QUrl> urls = detector.Detect();
-    // Anyone on the network can answer; only server URLs are printed or used.
-    urls.erase(std::remove_if(urls.begin(), urls.end(), [](const QUrl &url) { return !IsServerUrl(url); }),
-               urls.end());
-    return urls;
+    return detector.Detect();
 }
 
 int TarnTool::Discover()

@@ -395,20 +395,22 @@ bool TarnSrv::RemoveClient(QWebSocket *socket)
     const auto it = recordOf.constFind(socket);
     if (it == recordOf.cend())
         return false;
-    const Registry::iterator rec = *it;
-    recordOf.erase(it);
-    LogPingSummary(rec->guestName.toHtmlEscaped(), rec->pingLines);
-    registry.erase(rec);
-    activeClientsReply.clear();
+    ForgetRecord(*it);
     return true;
 }
 
 // Takes a record out and gives its socket up; the socket stays valid until the event loop runs.
 TarnSrv::Registry::iterator TarnSrv::EraseRecord(Registry::iterator it)
 {
-    QWebSocket *socket = it->socket;
-    recordOf.remove(socket);
-    socket->deleteLater();
+    it->socket->deleteLater();
+    return ForgetRecord(it);
+}
+
+// Every way out of the registry: the record's held-back ping lines are
+// written and the cached active-clients reply is outdated.
+TarnSrv::Registry::iterator TarnSrv::ForgetRecord(Registry::iterator it)
+{
+    recordOf.remove(it->socket);
     LogPingSummary(it->guestName.toHtmlEscaped(), it->pingLines);
     activeClientsReply.clear();
     return registry.erase(it);

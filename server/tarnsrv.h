@@ -102,6 +102,7 @@ private:
     Client *FindClient(QWebSocket *socket);
     bool RemoveClient(QWebSocket *socket);
     Registry::iterator EraseRecord(Registry::iterator it);
+    Registry::iterator ForgetRecord(Registry::iterator it);
     void ReplyPing();
     void MarkHeartBeat();
     void ReplyActiveClients();
