@@ -7,6 +7,8 @@ packages=(
     # systemd-analyze rates the packaged unit's sandbox.
     systemd
     qtbase5-dev qtbase5-dev-tools libqt5websockets5-dev
+    # The TLS identity is made with libcrypto.
+    libssl-dev
     g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev
     # scripts/fuzz.sh: clang with libFuzzer and the sanitizer runtimes (LeakSanitizer
     # included); llvm brings llvm-symbolizer for readable reports.
