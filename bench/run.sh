@@ -12,6 +12,9 @@ CLIENTS=${CLIENTS:-10000}
 THREADS=${LOAD_THREADS:-1}
 OUT=$(mktemp -d)
 SERVER_PID=
+# A TLS identity of this run's own; the peer serves with the same key pair.
+export XDG_DATA_HOME=$OUT/data XDG_CONFIG_HOME=$OUT/config
+IDENTITY="$XDG_DATA_HOME/VARNOK Labs/VARNOK Manager"
 
 cleanup() {
     if [ -n "$SERVER_PID" ]; then kill "$SERVER_PID" 2>/dev/null || true; fi
@@ -38,7 +41,7 @@ start_server() {
     if [ "$1" = qt ]; then
         "$BUILD/bench/tarn-bench-server" 0 >"$log" 2>&1 &
     else
-        node "$ROOT/bench/peer/server.js" 0 "$BUILD/resources/localhost.key" "$BUILD/resources/localhost.cert" >"$log" 2>&1 &
+        node "$ROOT/bench/peer/server.js" 0 "$IDENTITY/identity.key" "$IDENTITY/identity.crt" >"$log" 2>&1 &
     fi
     SERVER_PID=$!
     for _ in $(seq 100); do
@@ -59,6 +62,7 @@ run_load() {
     SERVER_PID=
 }
 
+# The Qt server makes the identity that the peer then uses.
 run_load qt
 run_load peer
 

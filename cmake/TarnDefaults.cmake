@@ -27,6 +27,6 @@ function(tarn_add_test name)
     target_link_libraries(${name} PRIVATE tarn_defaults Qt5::Test ${ARG_LIBS})
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES
-        ENVIRONMENT "QT_QPA_PLATFORM=offscreen"
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;XDG_DATA_HOME=${CMAKE_CURRENT_BINARY_DIR}/${name}.data"
         LABELS "${ARG_LABELS}")
 endfunction()

@@ -92,6 +92,13 @@ void TarnSrvGui::ShowStatus(const QString &text, const QString &color)
     ui->serverStatusValue_label->setText(ColoredText(text, color));
 }
 
+// Start loads the identity when the start-up could not.
+void TarnSrvGui::ShowFingerprint()
+{
+    ui->fingerprint_lineEdit->setText(server.Fingerprint());
+    ui->fingerprint_lineEdit->setCursorPosition(0);
+}
+
 void TarnSrvGui::InitGui()
 {
     // A refused instance touches nothing: the running one owns the log,
@@ -103,6 +110,8 @@ void TarnSrvGui::InitGui()
     QString report = QStringLiteral("VARNOK Server version ")
                      + QStringLiteral("%1.%2.%3").arg(1).arg(4).arg(0) + QStringLiteral(".\n\n");
     settings->ApplyConfigFile(report);
+    server.LoadIdentity();
+    ShowFingerprint();
     ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
     RestorePortMode();
     RestorePortNumber();
@@ -182,6 +191,7 @@ int TarnSrvGui::StartServer(bool checkRunning)
                          ? ui->porNr_lineEdit->text().toInt(nullptr, 10)
                          : 0;
     const int result = server.Start(port);
+    ShowFingerprint();
     if (result == 0)
         ShowStatus(QStringLiteral("Running"), QStringLiteral("green"));
     else

@@ -40,6 +40,7 @@ private:
     static QString ColoredText(const QString &text, const QString &color);
     int StartServer(bool checkRunning);
     void ShowStatus(const QString &text, const QString &color);
+    void ShowFingerprint();
     void SetStepRunning(bool running);
     void RestorePortMode();
     void RestorePortNumber();

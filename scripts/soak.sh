@@ -25,6 +25,8 @@ cleanup() {
 }
 trap cleanup EXIT
 ulimit -n 8192
+# A TLS identity and known servers of this run's own.
+export XDG_DATA_HOME=$work/data XDG_CONFIG_HOME=$work/config
 
 port=$((43000 + $$ % 8000))
 "$build/bench/tarn-bench-server" "$port" >"$work/srv.log" 2>&1 &

@@ -1,7 +1,6 @@
 #include "tarnsrv.h"
 
 #include "srvurldetect.h"
-#include "tlsconfig.h"
 
 #include <QCoreApplication>
 #include <QScopedValueRollback>
@@ -101,10 +100,14 @@ int TarnSrv::Start(int port)
 
     LogInfo(QStringLiteral("Starting Tarn server."));
     Pause();
+    if (identity.isNull() && !LoadIdentity(identityFolder.isEmpty() ? TlsIdentity::DefaultFolder() : identityFolder)) {
+        emit Log(QStringLiteral("Failed to start Tarn server."), 2, false);
+        return -1;
+    }
 
     endpoint = new QWebSocketServer(QStringLiteral("VARNOK Manager"),
                                     QWebSocketServer::SecureMode, this);
-    endpoint->setSslConfiguration(LoadTlsConfiguration());
+    endpoint->setSslConfiguration(identity.ServerConfiguration());
 
     if (!endpoint->listen(QHostAddress::Any, quint16(port))) {
         endpoint->deleteLater();
@@ -151,6 +154,29 @@ void TarnSrv::Stop()
 
     delete discovery;
     discovery = nullptr;
+}
+
+bool TarnSrv::LoadIdentity(const QString &folder)
+{
+    identityFolder = folder;
+    QString error;
+    bool created = false;
+    const TlsIdentity loaded = TlsIdentity::LoadOrCreate(folder, &error, &created);
+    if (loaded.isNull()) {
+        emit Log(QStringLiteral("No TLS identity, so no secure server: %1").arg(error), 2, false);
+        return false;
+    }
+    if (created)
+        LogInfo(QStringLiteral("Made a new TLS identity in %1.").arg(folder));
+    if (loaded.Fingerprint() != identity.Fingerprint())
+        LogInfo(QStringLiteral("TLS certificate SHA-256 fingerprint: %1").arg(loaded.Fingerprint()));
+    identity = loaded;
+    return true;
+}
+
+QString TarnSrv::Fingerprint() const
+{
+    return identity.Fingerprint();
 }
 
 bool TarnSrv::IsRunning() const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "protocol.h"
+#include "tlsidentity.h"
 
 #include <QHash>
 #include <QList>
@@ -34,6 +35,12 @@ public:
     bool IsRunning() const;
     QList<ActiveClient> GetActiveClients() const;
     void DisconnectAll();
+
+    // Loads the TLS identity kept in folder, or makes it there on first use, and
+    // logs what it did and the fingerprint when that changed. Start loads it
+    // when nothing has, from the last folder tried; it then stays for the run.
+    bool LoadIdentity(const QString &folder = TlsIdentity::DefaultFolder());
+    QString Fingerprint() const;
 
     // Call before the application object exists, in a program with many sockets.
     static void PreferScalableEventLoop();
@@ -113,6 +120,8 @@ private:
     void WindDownIfEmpty();
 
     QWebSocketServer *endpoint = nullptr;
+    TlsIdentity identity;
+    QString identityFolder;
     // In order of acceptance; the index finds a socket's record without a walk.
     Registry registry;
     QHash<QWebSocket *, Registry::iterator> recordOf;

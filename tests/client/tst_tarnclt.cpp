@@ -1,7 +1,7 @@
 #include "../testsupport.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
-#include "tlsconfig.h"
+#include "tlsidentity.h"
 
 #include <QWebSocket>
 #include <QWebSocketServer>
@@ -20,7 +20,7 @@ public:
     explicit ScriptedServer(const QString &answer)
         : server(QStringLiteral("scripted"), QWebSocketServer::SecureMode)
     {
-        server.setSslConfiguration(LoadTlsConfiguration());
+        server.setSslConfiguration(TlsIdentity::LoadOrCreate(TlsIdentity::DefaultFolder(), nullptr).ServerConfiguration());
         server.listen(QHostAddress::LocalHost, 0);
         connect(&server, &QWebSocketServer::newConnection, this, [this, answer] {
             QWebSocket *socket = server.nextPendingConnection();

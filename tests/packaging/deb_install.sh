@@ -53,8 +53,14 @@ version=$("$root/usr/bin/tarn" --version)
 port=$((41000 + $$ % 8000))
 mkdir -p "$work/log" "$work/config"
 printf 'PortNr = %s\nLoggingFolder = %s\n' "$port" "$work/log" >"$root/etc/tarn/TarnSrv.cfg"
-QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME="$work/config" TARN_INSTANCE_LOCK="$work/instance.lock" \
-    "$root/usr/bin/TarnSrv" >"$work/srv.log" 2>&1 &
+# As the unit runs it: systemd names its state directory, where the first start
+# makes the TLS identity, and the umask is the unit's.
+grep -qx 'StateDirectory=tarn' "$unit" || { echo "FAIL: the unit has no state directory"; exit 1; }
+state=$work/state/tarn
+export XDG_CONFIG_HOME="$work/config"
+(umask "$(sed -n 's/^UMask=//p' "$unit")"
+ QT_QPA_PLATFORM=offscreen STATE_DIRECTORY="$state" TARN_INSTANCE_LOCK="$work/instance.lock" \
+    exec "$root/usr/bin/TarnSrv" >"$work/srv.log" 2>&1) &
 server=$!
 # A loaded machine (ctest -j2 beside a Windows build) can take its time.
 deadline=$((SECONDS + 60))
@@ -63,6 +69,11 @@ while [ $SECONDS -lt $deadline ]; do
         cat "$work/ping"
         grep -q "Tarn server started on port $port" "$work/log/TarnSrvSvc.html" \
             || { echo "FAIL: no log in the configured folder"; exit 1; }
+        [ "$(stat -c %a "$state/identity.key")" = 600 ] \
+            || { echo "FAIL: no owner-only TLS key in the state directory"; ls -la "$state"; exit 1; }
+        fingerprint=$(openssl x509 -in "$state/identity.crt" -noout -fingerprint -sha256 | sed 's/.*=//')
+        grep -q "TLS certificate SHA-256 fingerprint: $fingerprint" "$work/log/TarnSrvSvc.html" \
+            || { echo "FAIL: the log does not show the fingerprint $fingerprint"; exit 1; }
         echo "PASS: installed programs run from $root"
         exit 0
     fi

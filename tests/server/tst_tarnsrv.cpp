@@ -56,6 +56,7 @@ private slots:
     {
         log.clear();
         server = std::make_unique<TarnSrv>();
+        QVERIFY(server->LoadIdentity());
         Collect(*server, log);
         QCOMPARE(server->Start(0), 0);
         port = server->ListeningPort();
@@ -284,6 +285,7 @@ private slots:
         QVERIFY(log.isEmpty());
 
         TarnSrv second;
+        QVERIFY(second.LoadIdentity());
         QList<LogLine> lines;
         Collect(second, lines);
         QCOMPARE(second.Start(port), -1);
@@ -345,6 +347,7 @@ private slots:
     void discoveryWithoutDescriptorsGivesUp()
     {
         TarnSrv second;
+        QVERIFY(second.LoadIdentity());
         QList<LogLine> lines;
         Collect(second, lines);
 

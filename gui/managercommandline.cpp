@@ -1,0 +1,111 @@
+#include "managercommandline.h"
+
+#include "tlsidentity.h"
+
+#include <QCoreApplication>
+#include <QTextStream>
+
+namespace {
+
+const QStringList ToolOptions = {QStringLiteral("--fingerprint"), QStringLiteral("--new-identity"),
+                                 QStringLiteral("--help"),        QStringLiteral("-h"),
+                                 QStringLiteral("--version"),     QStringLiteral("-v")};
+
+int Fail(const QString &message, int code)
+{
+    QTextStream(stderr) << "TarnSrv: " << message << Qt::endl;
+    return code;
+}
+
+} // namespace
+
+ManagerCommandLine::ManagerCommandLine()
+    : fingerprintOption(QStringLiteral("fingerprint"),
+                        QStringLiteral("Print the SHA-256 fingerprint of the server's TLS certificate and exit "
+                                       "(the identity is made first if there is none yet)."))
+    , newIdentityOption(QStringLiteral("new-identity"),
+                        QStringLiteral("Replace the server's TLS key pair and certificate by new ones and exit. "
+                                       "Clients that pinned the old one must accept the new one."))
+{
+    parser.setApplicationDescription(QStringLiteral("The Tarn manager: a secure WebSocket session server "
+                                                    "with its control window.\nIts TLS identity is kept in %1.")
+                                         .arg(TlsIdentity::DefaultFolder()));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addOption(fingerprintOption);
+    parser.addOption(newIdentityOption);
+}
+
+bool ManagerCommandLine::AsksForTool(int argc, char *argv[])
+{
+    for (int i = 1; i < argc; ++i)
+        if (ToolOptions.contains(QString::fromLocal8Bit(argv[i])))
+            return true;
+    return false;
+}
+
+bool ManagerCommandLine::Parse(const QStringList &arguments)
+{
+    QString problem;
+    if (!parser.parse(arguments))
+        problem = parser.errorText();
+    else if (!parser.positionalArguments().isEmpty())
+        problem = QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst());
+    if (problem.isEmpty())
+        return true;
+    Fail(problem + QStringLiteral("; see TarnSrv --help"), Usage);
+    return false;
+}
+
+bool ManagerCommandLine::IsToolRun() const
+{
+    return parser.isSet(QStringLiteral("help")) || parser.isSet(QStringLiteral("version"))
+           || parser.isSet(fingerprintOption) || parser.isSet(newIdentityOption);
+}
+
+int ManagerCommandLine::RunTool()
+{
+    QTextStream out(stdout);
+    if (parser.isSet(QStringLiteral("help"))) {
+        out << parser.helpText();
+        return Ok;
+    }
+    if (parser.isSet(QStringLiteral("version"))) {
+        out << QCoreApplication::applicationName() << ' ' << QCoreApplication::applicationVersion() << Qt::endl;
+        return Ok;
+    }
+    return parser.isSet(newIdentityOption) ? RenewIdentity() : PrintFingerprint();
+}
+
+int ManagerCommandLine::PrintFingerprint()
+{
+    const QString folder = TlsIdentity::DefaultFolder();
+    QString error;
+    bool created = false;
+    const TlsIdentity identity = TlsIdentity::LoadOrCreate(folder, &error, &created);
+    if (identity.isNull())
+        return Fail(error, Failed);
+    if (created)
+        QTextStream(stderr) << "Made a new TLS identity in " << folder << '.' << Qt::endl;
+    QTextStream(stdout) << identity.Fingerprint() << Qt::endl;
+    return Ok;
+}
+
+int ManagerCommandLine::RenewIdentity()
+{
+    const QString folder = TlsIdentity::DefaultFolder();
+    const QList<QSslCertificate> old = QSslCertificate::fromPath(TlsIdentity::CertificatePath(folder));
+    QString error;
+    const TlsIdentity identity = TlsIdentity::Renew(folder, &error);
+    if (identity.isNull())
+        return Fail(error, Failed);
+    QTextStream out(stdout);
+    out << "Made a new TLS key pair and certificate in " << folder << '.' << Qt::endl;
+    if (!old.isEmpty())
+        out << "Old SHA-256 fingerprint: " << TlsIdentity{old.first(), QSslKey()}.Fingerprint() << Qt::endl;
+    out << "New SHA-256 fingerprint: " << identity.Fingerprint() << Qt::endl
+        << "A running manager keeps the old one until it is started again. Clients that pinned the old one "
+           "must accept the new one (tarn --accept-new-key)."
+        << Qt::endl;
+    return Ok;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QCommandLineParser>
+#include <QStringList>
+
+// TarnSrv's command line. The identity tools and the texts run without a window.
+class ManagerCommandLine
+{
+public:
+    ManagerCommandLine();
+
+    // Whether the raw arguments ask for a tool, which needs no display.
+    static bool AsksForTool(int argc, char *argv[]);
+
+    // False, with the reason printed on stderr, when the arguments are wrong.
+    bool Parse(const QStringList &arguments);
+    bool IsToolRun() const;
+    // Runs the tool that Parse found; returns the exit code.
+    int RunTool();
+
+    enum ExitCode { Ok = 0, Failed = 1, Usage = 2 };
+
+private:
+    int PrintFingerprint();
+    int RenewIdentity();
+
+    QCommandLineParser parser;
+    const QCommandLineOption fingerprintOption;
+    const QCommandLineOption newIdentityOption;
+};
