@@ -1,4 +1,5 @@
 #include "../testsupport.h"
+#include "fingerprint.h"
 #include "guiprobe.h"
 #include "tarnclt.h"
 
@@ -116,6 +117,10 @@ private slots:
             QVERIFY(WriteFile(ConfigPath(), fill(config).toUtf8()));
 
         OpenWindow();
+        // The operator can compare the key with what a client shows.
+        const QLineEdit *fingerprint = gui->Get<QLineEdit>("fingerprint_lineEdit");
+        QVERIFY(Tarn::IsFingerprint(fingerprint->text()) && fingerprint->isReadOnly());
+        QVERIFY(gui->LogView()->toPlainText().contains("TLS certificate SHA-256 fingerprint: " + fingerprint->text()));
         QCOMPARE(gui->PortMode()->currentIndex(), portIndex);
         QCOMPARE(gui->PortEdit()->text(), fill(portText));
         QCOMPARE(gui->PortEdit()->isEnabled(), portIndex == 1);
