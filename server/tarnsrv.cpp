@@ -266,17 +266,6 @@ void TarnSrv::onSslErrors(const QList<QSslError> &)
 {
 }
 
-void TarnSrv::RcvdMessage(QString msg)
-{
-    const QString name = MessageName(msg);
-    if (name == MsgServerPing)
-        ReplyPing();
-    else if (name == MsgHeartBeat)
-        MarkHeartBeat();
-    else if (name == MsgGetActiveClients)
-        ReplyActiveClients();
-}
-
 qint64 TarnSrv::SendHeartBeat()
 {
     // Nothing in this walk processes events, so erasing while iterating is safe.
@@ -342,49 +331,6 @@ void TarnSrv::ReturnFreedMemory()
 #endif
 }
 
-// False when the sender was dropped for not reading.
-bool TarnSrv::ReplyToSender(const QString &text)
-{
-    return !senderSocket || SendTo(senderSocket, text);
-}
-
-// Every reply waits in the server until the client reads it, so a client that
-// asks without reading would make the server hold without end: past its limit,
-// it is dropped. False when it was.
-bool TarnSrv::SendTo(QWebSocket *socket, const QString &text)
-{
-    socket->sendTextMessage(text);
-    const Client *client = FindClient(socket);
-    const qint64 unsent = UnsentBytes(socket, client ? client->transport.data() : nullptr);
-    if (unsent <= UnsentFloorBytes || unsent <= UnsentLimit())
-        return true;
-    DropSlowReader(socket);
-    return false;
-}
-
-// Room for two full active-clients replies, whatever the size of the list:
-// UTF-8 takes at most three bytes per UTF-16 unit.
-qint64 TarnSrv::UnsentLimit()
-{
-    return UnsentFloorBytes + 2 * 3 * qint64(ActiveClientsReply().size());
-}
-
-void TarnSrv::DropSlowReader(QWebSocket *socket)
-{
-    // Detached first: the abort reports the disconnection at once, and
-    // nothing more from this socket is to be handled.
-    disconnect(socket, nullptr, this, nullptr);
-    const QString name = ClientName(socket);
-    const bool known = RemoveClient(socket);
-    socket->abort();
-    socket->deleteLater();
-    emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected.").arg(name), 1, false);
-    if (known) {
-        WindDownIfEmpty();
-        emit ClientsChanged();
-    }
-}
-
 // The encrypted bytes of a connection wait in its TLS socket, which stays with
 // the endpoint's listener. Newest connections come last, so the walk is short.
 QSslSocket *TarnSrv::TransportOf(const QWebSocket *socket) const
@@ -442,63 +388,9 @@ TarnSrv::Registry::iterator TarnSrv::ForgetRecord(Registry::iterator it)
     return registry.erase(it);
 }
 
-void TarnSrv::ReplyPing()
-{
-    if (!ReplyToSender(MsgServerPong))
-        return;
-    Client *client = FindClient(senderSocket);
-    if ((client ? client->pingLines : unknownPingLines).Spend())
-        LogInfo(QStringLiteral("Received ping request from client ")
-                + ClientName(senderSocket) + QStringLiteral(", replied."));
-}
-
-bool TarnSrv::LineBudget::Spend()
-{
-    if (written < RepeatedLinesPerPeriod) {
-        ++written;
-        return true;
-    }
-    ++suppressed;
-    return false;
-}
-
-// Writes what a budget held back, and opens its next period.
-void TarnSrv::LogPingSummary(const QString &name, LineBudget &budget)
-{
-    if (budget.suppressed > 0)
-        LogInfo(QStringLiteral("Client %1: %2 more ping requests answered in the last %3 s.")
-                    .arg(name, QString::number(budget.suppressed), QString::number(summaryTimer.interval() / 1000)));
-    budget = LineBudget();
-}
-
 void TarnSrv::SummarizeRepeatedLines()
 {
     for (Client &client : registry)
         LogPingSummary(client.guestName.toHtmlEscaped(), client.pingLines);
     LogPingSummary(UnknownHost, unknownPingLines);
-}
-
-void TarnSrv::MarkHeartBeat()
-{
-    // A heartbeat can still arrive after its record was dropped; nothing to mark then.
-    if (ClientRecord *rec = FindClient(senderSocket))
-        rec->heartBeatSeen = true;
-}
-
-void TarnSrv::ReplyActiveClients()
-{
-    ReplyToSender(ActiveClientsReply());
-}
-
-// A burst of requests gets one reply built once, until the registry changes.
-const QString &TarnSrv::ActiveClientsReply()
-{
-    if (activeClientsReply.isNull()) {
-        QString text = MsgActiveClients + QLatin1Char(',');
-        const QList<ActiveClient> clients = GetActiveClients();
-        for (const ActiveClient &client : clients)
-            text += client.guestName + QLatin1Char(',') + UuidText(client.sessionUuid) + QLatin1Char(',');
-        activeClientsReply = text;
-    }
-    return activeClientsReply;
 }
