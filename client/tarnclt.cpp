@@ -1,8 +1,11 @@
 #include "tarnclt.h"
 
+#include "fingerprint.h"
+
 #include <QCoreApplication>
 #include <QDebug>
 #include <QElapsedTimer>
+#include <QSslConfiguration>
 #include <QSslSocket>
 #include <QWebSocket>
 
@@ -29,6 +32,11 @@ QString TarnClt::BuildOrigin(const ClientRecord &rec)
         .join(QLatin1Char(','));
 }
 
+void TarnClt::SetExpectedFingerprint(const QString &fingerprint)
+{
+    expectedFingerprint = fingerprint.toUpper();
+}
+
 bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
 {
     if (url != target)
@@ -43,6 +51,14 @@ bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
     connect(socket, &QWebSocket::connected, this, &TarnClt::connected);
     connect(socket, &QWebSocket::disconnected, this, &TarnClt::disconnected);
     connect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
+    if (!expectedFingerprint.isEmpty()) {
+        // No trusted authorities at all: every certificate then fails
+        // verification and reaches onSslErrors, where the pin decides.
+        QSslConfiguration pinned = QSslConfiguration::defaultConfiguration();
+        pinned.setCaCertificates({});
+        socket->setSslConfiguration(pinned);
+    }
+    peerFingerprint.clear();
     socket->open(target);
     WaitForConnection();
 
@@ -84,6 +100,12 @@ void TarnClt::Close()
 
 void TarnClt::connected()
 {
+    // A certificate that verification trusted never went through onSslErrors.
+    if (!PeerTrusted()) {
+        socket->abort();
+        connectLoop.exit(0);
+        return;
+    }
     isConnected = true;
     reportSslErrors = true;
     connect(socket, &QWebSocket::textMessageReceived, this, &TarnClt::RcvdMessage);
@@ -109,15 +131,35 @@ void TarnClt::LoseConnection()
     emit UnexpectedDisconnection();
 }
 
+QSslSocket *TarnClt::Transport() const
+{
+    return socket->findChild<QSslSocket *>(QString(), Qt::FindDirectChildrenOnly);
+}
+
+// Notes the presented certificate; true when no pin is set or it matches.
+bool TarnClt::PeerTrusted()
+{
+    const QSslSocket *transport = Transport();
+    peerFingerprint = transport ? Fingerprint(transport->peerCertificate()) : QString();
+    return expectedFingerprint.isEmpty() || peerFingerprint == expectedFingerprint;
+}
+
 void TarnClt::onSslErrors(const QList<QSslError> &errors)
 {
+    if (!socket)
+        return;
+    if (!PeerTrusted()) {
+        // Errors left unignored abort the handshake: the upgrade request, with
+        // the guest name and session, is never written.
+        connectLoop.exit(0);
+        return;
+    }
     if (reportSslErrors) {
         for (const QSslError &error : errors)
             qDebug() << error.errorString();
     }
-    // The server's certificate is self-signed: accept it whatever verification says.
-    if (socket)
-        socket->ignoreSslErrors();
+    // Self-signed, or the pinned one: accept it whatever verification says.
+    socket->ignoreSslErrors();
 }
 
 void TarnClt::RcvdMessage(const QString &msg)
@@ -155,7 +197,7 @@ qint64 TarnClt::Send(const QString &text)
 {
     reply.clear();
     const qint64 sent = socket->sendTextMessage(text);
-    if (UnsentBytes(socket, socket->findChild<QSslSocket *>(QString(), Qt::FindDirectChildrenOnly)) <= MaxUnsentBytes)
+    if (UnsentBytes(socket, Transport()) <= MaxUnsentBytes)
         return sent;
     LoseConnection();
     return -1;

@@ -8,6 +8,7 @@
 #include <QTimer>
 #include <QUrl>
 
+class QSslSocket;
 class QWebSocket;
 
 // Client side of the session protocol: one secure WebSocket connection with
@@ -28,6 +29,13 @@ public:
     qint64 Send(const QString &text);
 
     static QString BuildOrigin(const ClientRecord &rec);
+
+    // Pins the server: the connections Open makes from now on accept only a
+    // certificate with this SHA-256 fingerprint (any letter case), checked in
+    // the TLS handshake before anything is sent. Empty: any certificate.
+    void SetExpectedFingerprint(const QString &fingerprint);
+    // Fingerprint of the certificate the last handshake presented, empty when none did.
+    QString PeerFingerprint() const { return peerFingerprint; }
 
     // Only tests shorten the heartbeat period; the product keeps HeartBeatIntervalMs.
     void SetHeartBeatInterval(int ms);
@@ -56,6 +64,8 @@ private:
     void WaitForReply();
     void WaitForConnection();
     void LoseConnection();
+    QSslSocket *Transport() const;
+    bool PeerTrusted();
 
     QEventLoop connectLoop;
     QUrl url;
@@ -64,6 +74,8 @@ private:
     QWebSocket *socket = nullptr;
     bool isConnected = false;
     bool reportSslErrors = false;
+    QString expectedFingerprint;
+    QString peerFingerprint;
     QString reply;
     QTimer heartbeatTimer;
     bool serverBeatSeen = false;
