@@ -1,5 +1,7 @@
 #include "tarntool.h"
 
+#include "fingerprintprobe.h"
+#include "knownservers.h"
 #include "srvurldetect.h"
 #include "tarnclt.h"
 
@@ -17,11 +19,19 @@ namespace {
 
 const QString Commands = QStringLiteral(
     "Commands:\n"
-    "  discover       list the servers that answer a discovery broadcast\n"
+    "  discover       list the servers that answer a discovery broadcast, each with\n"
+    "                its certificate's SHA-256 fingerprint and whether it is known,\n"
+    "                new or CHANGED\n"
     "  ping [URL]     measure the round trip of one ping\n"
     "  clients [URL]  list the active clients\n"
     "  watch [URL]    print clients as they join and leave, until interrupted\n"
-    "Without a URL, a command discovers the server first.");
+    "Without a URL, a command discovers the server first.\n\n"
+    "The first connection to a server records its certificate's fingerprint in\n"
+    "%1;\n"
+    "later connections refuse a server that presents another certificate.");
+
+const QString AcceptNewKey = QStringLiteral("accept-new-key");
+const QString Insecure = QStringLiteral("insecure");
 
 QString LoginName()
 {
@@ -89,7 +99,7 @@ TarnTool::TarnTool()
     : out(stdout), err(stderr)
 {
     parser.setApplicationDescription(QStringLiteral("Reaches a Tarn session server from a terminal.\n\n")
-                                     + Commands);
+                                     + Commands.arg(KnownServers::DefaultPath()));
     parser.addHelpOption();
     parser.addVersionOption();
     parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("discover, ping, clients or watch"));
@@ -103,6 +113,8 @@ TarnTool::TarnTool()
         {QStringLiteral("json"), QStringLiteral("clients: print a JSON array instead of a table.")},
         {QStringLiteral("interval"), QStringLiteral("watch: poll period in milliseconds (default 2000)."),
          QStringLiteral("ms"), QStringLiteral("2000")},
+        {AcceptNewKey, QStringLiteral("Trust the certificate the server presents now in place of the recorded one.")},
+        {Insecure, QStringLiteral("Do not check the server's certificate, and record nothing.")},
     });
 }
 
@@ -131,6 +143,8 @@ int TarnTool::Run(const QStringList &arguments)
         return Fail(QStringLiteral("too many arguments; see tarn --help"), Usage);
     if (command == QLatin1String("discover"))
         return args.size() == 1 ? Discover() : Fail(QStringLiteral("discover takes no URL"), Usage);
+    if (parser.isSet(AcceptNewKey) && parser.isSet(Insecure))
+        return Fail(QStringLiteral("--accept-new-key and --insecure exclude each other"), Usage);
     if (!ParseIdentity())
         return Usage;
     if (command == QLatin1String("ping"))
@@ -175,8 +189,24 @@ int TarnTool::Discover()
     const QList<QUrl> urls = DiscoverServers();
     if (urls.isEmpty())
         return Fail(QStringLiteral("no Tarn server answered the discovery request"));
+    KnownServers known;
+    QString error;
+    if (!known.Load(&error))
+        return Fail(QStringLiteral("cannot use the known servers: %1").arg(error));
+    const QStringList fingerprints = ProbeFingerprints(urls, ProbeTimeoutMs);
+    int width = 0;
     for (const QUrl &url : urls)
-        out << url.toString() << '\n';
+        width = qMax(width, url.toString().size());
+    for (int i = 0; i < urls.size(); ++i) {
+        const QString &presented = fingerprints.at(i);
+        const QString recorded = known.Find(urls.at(i));
+        out << urls.at(i).toString().leftJustified(width) << "  ";
+        if (presented.isEmpty())
+            out << "no TLS answer\n";
+        else
+            out << presented << "  "
+                << (recorded.isEmpty() ? "new" : recorded == presented ? "known" : "CHANGED") << '\n';
+    }
     out.flush();
     return Ok;
 }
@@ -191,9 +221,64 @@ int TarnTool::Connect(TarnClt &client, QUrl &url)
     } else if (const int rc = DiscoverOne(url)) {
         return rc;
     }
-    if (!client.Open(url, &identity))
-        return Fail(QStringLiteral("cannot connect to %1").arg(url.toString()));
+    if (parser.isSet(Insecure)) {
+        err << "tarn: --insecure: the server's certificate is not checked; anyone on the way could pose as it"
+            << Qt::endl;
+        return client.Open(url, &identity) ? Ok : CannotConnect(url);
+    }
+    return OpenKnown(client, url);
+}
+
+// Trust on first use: the first certificate a server presents is recorded,
+// later connections must present the same one.
+int TarnTool::OpenKnown(TarnClt &client, const QUrl &url)
+{
+    KnownServers known;
+    QString error;
+    if (!known.Load(&error))
+        return Fail(QStringLiteral("cannot use the known servers: %1; --insecure skips the check").arg(error));
+    const QString recorded = known.Find(url);
+    const QString expected = parser.isSet(AcceptNewKey) ? QString() : recorded;
+    client.SetExpectedFingerprint(expected);
+    const bool opened = client.Open(url, &identity);
+    const QString presented = client.PeerFingerprint();
+    if (!expected.isEmpty() && !presented.isEmpty() && presented != expected) {
+        err << "tarn: " << KnownServers::Key(url) << " presents a different certificate from the one recorded; "
+            << "refusing to connect\n";
+        ShowFingerprints(recorded, presented);
+        err << "Someone may be posing as the server, or it has a new identity. If its operator confirms\n"
+               "the new fingerprint (TarnSrv --fingerprint shows it), run again with --accept-new-key,\n"
+               "or edit "
+            << known.Path() << Qt::endl;
+        return Failed;
+    }
+    if (!opened)
+        return CannotConnect(url);
+    if (presented.isEmpty() || presented == recorded)
+        return Ok;
+    if (recorded.isEmpty()) {
+        err << "tarn: first contact with " << KnownServers::Key(url)
+            << ", whose certificate has the SHA-256 fingerprint\n  " << presented << '\n';
+    } else {
+        err << "tarn: --accept-new-key: replacing the certificate recorded for " << KnownServers::Key(url) << '\n';
+        ShowFingerprints(recorded, presented);
+    }
+    if (known.Record(url, presented, &error))
+        err << "tarn: it is trusted from now on (recorded in " << known.Path() << ')' << Qt::endl;
+    else
+        err << "tarn: trusted for this run only: " << error << Qt::endl;
     return Ok;
+}
+
+void TarnTool::ShowFingerprints(const QString &recorded, const QString &presented)
+{
+    err << "  recorded SHA-256 fingerprint:  " << recorded << '\n'
+        << "  presented SHA-256 fingerprint: " << presented << '\n';
+}
+
+int TarnTool::CannotConnect(const QUrl &url)
+{
+    return Fail(QStringLiteral("cannot connect to %1").arg(url.toString()));
 }
 
 int TarnTool::DiscoverOne(QUrl &url)

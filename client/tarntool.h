@@ -17,6 +17,8 @@ public:
     int Run(const QStringList &arguments);
 
     enum ExitCode { Ok = 0, Failed = 1, Usage = 2 };
+    // discover waits this long in all for the servers' certificates.
+    static constexpr int ProbeTimeoutMs = 3000;
 
 private:
     int Discover();
@@ -28,6 +30,9 @@ private:
     // Opens the connection to the URL argument, or to the one server that a
     // discovery finds; returns Ok or the exit code after reporting the failure.
     int Connect(TarnClt &client, QUrl &url);
+    int OpenKnown(TarnClt &client, const QUrl &url);
+    void ShowFingerprints(const QString &recorded, const QString &presented);
+    int CannotConnect(const QUrl &url);
     int DiscoverOne(QUrl &url);
     QList<QUrl> DiscoverServers();
     bool FetchClients(TarnClt &client, QList<ActiveClient> &clients);

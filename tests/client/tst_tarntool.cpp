@@ -1,4 +1,5 @@
 #include "../testsupport.h"
+#include "knownservers.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
 
@@ -24,7 +25,12 @@ private slots:
         url = LocalUrl(server->ListeningPort()).toString();
         ann = std::make_unique<TarnClt>();
         QVERIFY(ann->Open(QUrl(url), &annRecord));
+        QVERIFY(config.isValid());
+        known = config.path() + QStringLiteral("/tarn/known_servers");
     }
+
+    // The tool knows the server already, unless a test says otherwise.
+    void init() { QVERIFY(WriteKnown(QStringLiteral("@KEY@ @FP@\n"))); }
 
     void cleanupTestCase()
     {
@@ -89,6 +95,8 @@ private slots:
         QTest::newRow("no command") << QStringList{} << 2 << "" << "tarn: no command given; see tarn --help\n";
         QTest::newRow("discover with url") << QStringList{"discover", "URL"} << 2 << ""
                                            << "tarn: discover takes no URL\n";
+        QTest::newRow("accept and insecure") << QStringList{"ping", "URL", "--accept-new-key", "--insecure"} << 2
+                                             << "" << "tarn: --accept-new-key and --insecure exclude each other\n";
     }
 
     void commands()
@@ -98,18 +106,73 @@ private slots:
         QFETCH(QString, out);
         QFETCH(QString, err);
 
-        QProcess tool;
-        QSignalSpy finished(&tool, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
-        StartTool(tool, args);
-        QVERIFY(finished.wait(10000));
-        const QString stdOut = QString::fromUtf8(tool.readAllStandardOutput());
-        const QString stdErr = QString::fromUtf8(tool.readAllStandardError());
-        QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(out)).match(stdOut).hasMatch(),
-                 qPrintable(stdOut));
-        QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(err)).match(stdErr).hasMatch(),
-                 qPrintable(stdErr));
-        QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(tool.exitCode(), exitCode);
+        RunTool(args, exitCode, out, err);
+    }
+
+    void pinning_data()
+    {
+        QTest::addColumn<QString>("knownBefore"); // empty: no file, nor its folder
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("err");
+        QTest::addColumn<QString>("knownAfter"); // "=": as before
+        QTest::addColumn<bool>("reachesServer");
+
+        // @KEY@ is the server's host:port, @FP@ the fingerprint it presents, @OTHER@ another one.
+        const QString trusted = QStringLiteral("tarn: it is trusted from now on \\(recorded in @PATH@\\)\n");
+        const QString fingerprints = QStringLiteral("  recorded SHA-256 fingerprint:  @OTHER@\n"
+                                                    "  presented SHA-256 fingerprint: @FP@\n");
+        QTest::newRow("first use records") << "" << QStringList() << 0
+                                           << "tarn: first contact with @KEY@, whose certificate has the SHA-256 "
+                                              "fingerprint\n  @FP@\n" + trusted
+                                           << "# Servers the tarn tool trusts: host:port and the SHA-256 "
+                                              "fingerprint of its certificate.\n@KEY@ @FP@\n"
+                                           << true;
+        QTest::newRow("match, in another case, after lines to skip")
+            << "# mine\n\n@KEY@ @OTHER@ extra\n@KEY@ AB:CD\n@KEY@ @fp@\n@KEY@ @OTHER@\n" << QStringList() << 0 << ""
+            << "=" << true;
+        QTest::newRow("mismatch refused before anything is sent")
+            << "@KEY@ @OTHER@\n" << QStringList() << 1
+            << "tarn: @KEY@ presents a different certificate from the one recorded; refusing to connect\n"
+                   + fingerprints + "(.|\n)*--accept-new-key,\nor edit @PATH@\n"
+            << "=" << false;
+        QTest::newRow("new key accepted") << "# mine\n@KEY@ @OTHER@\nelsewhere:1 @OTHER@\n"
+                                          << QStringList{"--accept-new-key"} << 0
+                                          << "tarn: --accept-new-key: replacing the certificate recorded for @KEY@\n"
+                                                 + fingerprints + trusted
+                                          << "# mine\n@KEY@ @FP@\nelsewhere:1 @OTHER@\n" << true;
+        QTest::newRow("insecure skips the check") << "@KEY@ @OTHER@\n" << QStringList{"--insecure"} << 0
+                                                  << "tarn: --insecure: the server's certificate is not checked; "
+                                                     "anyone on the way could pose as it\n"
+                                                  << "=" << true;
+        QTest::newRow("file too large") << QString(int(KnownServers::MaxFileSize) + 1, QLatin1Char('#'))
+                                        << QStringList() << 1
+                                        << "tarn: cannot use the known servers: @PATH@ is larger than 1048576 "
+                                           "bytes; --insecure skips the check\n"
+                                        << "=" << false;
+    }
+
+    // Trust on first use: a changed certificate stops the tool in the TLS
+    // handshake, so the server never sees the guest or a message.
+    void pinning()
+    {
+        QFETCH(QString, knownBefore);
+        QFETCH(QStringList, options);
+        QFETCH(int, exitCode);
+        QFETCH(QString, err);
+        QFETCH(QString, knownAfter);
+        QFETCH(bool, reachesServer);
+
+        QVERIFY(QDir(config.path() + QStringLiteral("/tarn")).removeRecursively());
+        QVERIFY(knownBefore.isEmpty() || WriteKnown(knownBefore));
+        const QByteArray before = FileBytes(known);
+        QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+        RunTool(QStringList{"ping", "URL"} + options, exitCode, reachesServer ? "pong from .*\n" : "",
+                Substituted(err, true));
+        QCOMPARE(FileBytes(known), knownAfter == "=" ? before : Substituted(knownAfter).toUtf8());
+        QTest::qWait(100);
+        QCOMPARE(changed.isEmpty(), !reachesServer);
+        QCOMPARE(server->GetActiveClients().size(), 1);
     }
 
     void watchReportsChangesAndLoss()
@@ -147,12 +210,50 @@ private slots:
 
 private:
     void StartTool(QProcess &tool, QStringList args);
+    void RunTool(const QStringList &args, int exitCode, const QString &out, const QString &err);
+    QString Substituted(QString text, bool pattern = false) const;
+    bool WriteKnown(const QString &text) const;
 
     std::unique_ptr<TarnSrv> server;
     std::unique_ptr<TarnClt> ann;
     ClientRecord annRecord = Record(SessionA, QStringLiteral("Ann"));
     QString url;
+    QTemporaryDir config;
+    QString known;
 };
+
+void TestTarnTool::RunTool(const QStringList &args, int exitCode, const QString &out, const QString &err)
+{
+    QProcess tool;
+    QSignalSpy finished(&tool, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+    StartTool(tool, args);
+    QVERIFY(finished.wait(10000));
+    const QString stdOut = QString::fromUtf8(tool.readAllStandardOutput());
+    const QString stdErr = QString::fromUtf8(tool.readAllStandardError());
+    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(out)).match(stdOut).hasMatch(), qPrintable(stdOut));
+    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(err)).match(stdErr).hasMatch(), qPrintable(stdErr));
+    QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(tool.exitCode(), exitCode);
+}
+
+QString TestTarnTool::Substituted(QString text, bool pattern) const
+{
+    const QString fingerprint = server->Fingerprint();
+    const QList<QPair<QString, QString>> values{
+        {QStringLiteral("@KEY@"), KnownServers::Key(QUrl(url))},
+        {QStringLiteral("@FP@"), fingerprint},
+        {QStringLiteral("@fp@"), fingerprint.toLower()},
+        {QStringLiteral("@OTHER@"), QStringLiteral("00:").repeated(31) + QStringLiteral("00")},
+        {QStringLiteral("@PATH@"), known}};
+    for (const auto &value : values)
+        text.replace(value.first, pattern ? QRegularExpression::escape(value.second) : value.second);
+    return text;
+}
+
+bool TestTarnTool::WriteKnown(const QString &text) const
+{
+    return QDir().mkpath(QFileInfo(known).path()) && WriteFile(known, Substituted(text).toUtf8());
+}
 
 void TestTarnTool::StartTool(QProcess &tool, QStringList args)
 {
@@ -161,6 +262,7 @@ void TestTarnTool::StartTool(QProcess &tool, QStringList args)
     // Output beyond ASCII (U+FFFD for unsafe characters) comes as UTF-8 whatever the locale.
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), config.path());
     tool.setProcessEnvironment(env);
     tool.start(QStringLiteral(TARN_TOOL_PATH), args);
     QVERIFY(tool.waitForStarted());

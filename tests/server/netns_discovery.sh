@@ -2,7 +2,9 @@
 # Discovery across two private test hosts.
 #   netns_discovery.sh PROBE [HOLD_UDP_PORT] [-- DETECT_COMMAND...]
 # The server host runs "PROBE serve"; the client host runs DETECT_COMMAND
-# (default "PROBE detect"), whose output must be exactly the server's URL.
+# (default "PROBE detect"), whose output must be exactly the server's URL. A
+# DETECT_COMMAND is `tarn discover`: its line adds the fingerprint the server
+# logged and "new", as nothing is known yet.
 set -u
 source "$(dirname "$0")/netns_hosts.sh"
 
@@ -17,6 +19,10 @@ port=50443
 start_responder "$probe" serve "$port" $hold
 found=$(on_client "${detect[@]}")
 expected="wss://$srv_addr:$port"
+if [ "${detect[0]}" != "$probe" ]; then
+    fingerprint=$(sed -n 's/^TLS certificate SHA-256 fingerprint: //p' "$out/srv")
+    expected="$expected  ${fingerprint:-<none logged>}  new"
+fi
 if [ "$found" != "$expected" ]; then
     echo "FAIL: detector found '$found', expected '$expected'"
     exit 1

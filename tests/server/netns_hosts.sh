@@ -18,6 +18,9 @@ veth_clt="tv${tag}c"
 srv_addr=10.77.0.1
 clt_addr=10.77.0.2
 out=$(mktemp -d)
+# The programs keep their state (the server's TLS identity, the tool's known
+# servers) in the test's folder, not in the caller's home.
+export XDG_CONFIG_HOME="$out/config" XDG_DATA_HOME="$out/data"
 
 remove_hosts() {
     for ns in "$ns_srv" "$ns_clt"; do
