@@ -1,4 +1,5 @@
 #include "../testsupport.h"
+#include "fingerprintprobe.h"
 #include "knownservers.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
@@ -173,6 +174,16 @@ private slots:
         QTest::qWait(100);
         QCOMPARE(changed.isEmpty(), !reachesServer);
         QCOMPARE(server->GetActiveClients().size(), 1);
+    }
+
+    // What discover shows: a server that accepts the connection but never
+    // answers the handshake costs the probe's time limit, not more.
+    void probeFingerprints()
+    {
+        QTcpServer silent;
+        QVERIFY(silent.listen(QHostAddress::LocalHost));
+        const QList<QUrl> urls{QUrl(url), LocalUrl(silent.serverPort()), LocalUrl(FreePort())};
+        QCOMPARE(Tarn::ProbeFingerprints(urls, 1000), QStringList({server->Fingerprint(), QString(), QString()}));
     }
 
     void watchReportsChangesAndLoss()
