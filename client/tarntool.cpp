@@ -20,8 +20,8 @@ namespace {
 const QString Commands = QStringLiteral(
     "Commands:\n"
     "  discover       list the servers that answer a discovery broadcast, each with\n"
-    "                its certificate's SHA-256 fingerprint and whether it is known,\n"
-    "                new or CHANGED\n"
+    "                 its certificate's SHA-256 fingerprint and whether it is known,\n"
+    "                 new or CHANGED\n"
     "  ping [URL]     measure the round trip of one ping\n"
     "  clients [URL]  list the active clients\n"
     "  watch [URL]    print clients as they join and leave, until interrupted\n"
