@@ -1,4 +1,5 @@
 #include "managercommandline.h"
+#include "stopsignals.h"
 #include "tarnsrv.h"
 #include "tarnsrvgui.h"
 
@@ -23,6 +24,25 @@ int RunTool(int argc, char *argv[])
     return commandLine.RunTool();
 }
 
+// Neither an X11 nor a Wayland display, and no platform asked for.
+bool LacksDisplay()
+{
+#if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
+    return qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+           && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
+#else
+    return false;
+#endif
+}
+
+QStringList Arguments(int argc, char *argv[])
+{
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    return arguments;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -30,16 +50,26 @@ int main(int argc, char *argv[])
     if (ManagerCommandLine::AsksForTool(argc, argv))
         return RunTool(argc, argv);
 
+    // Read before the application exists: the platform depends on it.
+    ManagerCommandLine commandLine;
+    if (!commandLine.Parse(Arguments(argc, argv)))
+        return ManagerCommandLine::Usage;
+    RunOptions options = commandLine.Options();
+    options.headless = options.headless || LacksDisplay();
+    // The window is built but never shown, so it needs no display.
+    if (options.headless)
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
     TarnSrv::PreferScalableEventLoop();
     QApplication app(argc, argv);
     NameApplication();
-    ManagerCommandLine commandLine;
-    if (!commandLine.Parse(QApplication::arguments()))
-        return ManagerCommandLine::Usage;
+    StopSignals stopSignals;
     int result = 0;
     {
-        TarnSrvGui window;
-        window.show();
+        TarnSrvGui window(options);
+        QObject::connect(&stopSignals, &StopSignals::Received, &window, &TarnSrvGui::StopAndQuit);
+        if (!options.headless)
+            window.show();
         result = QApplication::exec();
     }
     return result;

@@ -1,5 +1,6 @@
 #include "managercommandline.h"
 
+#include "tarnsrvsettings.h"
 #include "tlsidentity.h"
 
 #include <QCoreApplication>
@@ -26,6 +27,14 @@ ManagerCommandLine::ManagerCommandLine()
     , newIdentityOption(QStringLiteral("new-identity"),
                         QStringLiteral("Replace the server's TLS key pair and certificate by new ones and exit. "
                                        "Clients that pinned the old one must accept the new one."))
+    , startOption(QStringLiteral("start"),
+                  QStringLiteral("Start the server at start-up, whatever the stored auto start says."))
+    , portOption(QStringLiteral("port"),
+                 QStringLiteral("Serve on port <n> (1 to 65535) in this run; the stored port is kept."),
+                 QStringLiteral("n"))
+    , headlessOption(QStringLiteral("headless"),
+                     QStringLiteral("Run without a window and log to stderr as well; "
+                                    "the default when there is no display."))
 {
     parser.setApplicationDescription(QStringLiteral("The Tarn manager: a secure WebSocket session server "
                                                     "with its control window.\nIts TLS identity is kept in %1.")
@@ -34,6 +43,9 @@ ManagerCommandLine::ManagerCommandLine()
     parser.addVersionOption();
     parser.addOption(fingerprintOption);
     parser.addOption(newIdentityOption);
+    parser.addOption(startOption);
+    parser.addOption(portOption);
+    parser.addOption(headlessOption);
 }
 
 bool ManagerCommandLine::AsksForTool(int argc, char *argv[])
@@ -51,6 +63,11 @@ bool ManagerCommandLine::Parse(const QStringList &arguments)
         problem = parser.errorText();
     else if (!parser.positionalArguments().isEmpty())
         problem = QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst());
+    else if (parser.isSet(portOption) && Options().port == 0)
+        problem = QStringLiteral("the port must be a number from %1 to %2, not '%3'")
+                      .arg(TarnSrvSettings::MinPort)
+                      .arg(TarnSrvSettings::MaxPort)
+                      .arg(parser.value(portOption));
     if (problem.isEmpty())
         return true;
     Fail(problem + QStringLiteral("; see TarnSrv --help"), Usage);
@@ -61,6 +78,14 @@ bool ManagerCommandLine::IsToolRun() const
 {
     return parser.isSet(QStringLiteral("help")) || parser.isSet(QStringLiteral("version"))
            || parser.isSet(fingerprintOption) || parser.isSet(newIdentityOption);
+}
+
+RunOptions ManagerCommandLine::Options() const
+{
+    bool number = false;
+    const int port = parser.value(portOption).toInt(&number, 10);
+    return {parser.isSet(startOption), number && TarnSrvSettings::IsPort(port) ? port : 0,
+            parser.isSet(headlessOption)};
 }
 
 int ManagerCommandLine::RunTool()

@@ -3,6 +3,15 @@
 #include <QCommandLineParser>
 #include <QStringList>
 
+// What the command line asks of this run; nothing of it is stored.
+struct RunOptions
+{
+    bool start = false;
+    // 0 leaves the port to the settings.
+    int port = 0;
+    bool headless = false;
+};
+
 // TarnSrv's command line. The identity tools and the texts run without a window.
 class ManagerCommandLine
 {
@@ -15,6 +24,7 @@ public:
     // False, with the reason printed on stderr, when the arguments are wrong.
     bool Parse(const QStringList &arguments);
     bool IsToolRun() const;
+    RunOptions Options() const;
     // Runs the tool that Parse found; returns the exit code.
     int RunTool();
 
@@ -27,4 +37,7 @@ private:
     QCommandLineParser parser;
     const QCommandLineOption fingerprintOption;
     const QCommandLineOption newIdentityOption;
+    const QCommandLineOption startOption;
+    const QCommandLineOption portOption;
+    const QCommandLineOption headlessOption;
 };

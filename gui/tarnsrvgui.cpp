@@ -9,6 +9,7 @@
 #include <QGuiApplication>
 #include <QIntValidator>
 #include <QMessageBox>
+#include <QNetworkInterface>
 #include <QTextStream>
 #include <QTimer>
 
@@ -18,6 +19,9 @@ const QString AutoPortKey = QStringLiteral("Server/AutoPort");
 const QString PortNrKey = QStringLiteral("Server/PortNr");
 constexpr int ManualPortIndex = 1;
 constexpr int RefusedExitCode = 1;
+constexpr int StartFailedExitCode = 1;
+// How often a stop request looks again while a start or stop is under way.
+constexpr int StepRetryMs = 50;
 
 // Offscreen, or with neither an X11 nor a Wayland display, nobody could
 // answer a message box.
@@ -51,9 +55,10 @@ public:
 };
 } // namespace
 
-TarnSrvGui::TarnSrvGui(QWidget *parent)
+TarnSrvGui::TarnSrvGui(const RunOptions &options, QWidget *parent)
     : QMainWindow(parent)
     , ui(new Ui::TarnSrvGui)
+    , options(options)
 {
     // The form's icon lives in the resources, registered on demand by a static library.
     InitTarnResources();
@@ -65,6 +70,7 @@ TarnSrvGui::TarnSrvGui(QWidget *parent)
     ui->server_treeWidget->setColumnWidth(0, 150);
     ui->server_treeWidget->setColumnWidth(1, 300);
     logWindow = ui->logWindows_widget;
+    logWindow->SetHeadless(options.headless);
     settings = new TarnSrvSettings(logWindow);
     connect(&server, SIGNAL(Log(QString,quint32,bool)), logWindow, SLOT(Log(QString,quint32,bool)));
     connect(&server, SIGNAL(SocketDestroyed(QObject*)), this, SLOT(ServerSocketDestroyed(QObject*)));
@@ -74,8 +80,8 @@ TarnSrvGui::TarnSrvGui(QWidget *parent)
 TarnSrvGui::~TarnSrvGui()
 {
     // Closing never runs the stop flow; this one line is all the log gets.
-    // A refused instance never had a log.
-    if (!refused)
+    // A refused instance, or one closed before its check, never had a log.
+    if (ownsLog)
         logWindow->Log(QStringLiteral("\nVARNOK Server closed."), 0, false);
     delete settings;
     settings = nullptr;
@@ -115,12 +121,51 @@ void TarnSrvGui::InitGui()
     ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
     RestorePortMode();
     RestorePortNumber();
+    if (options.port != 0)
+        ShowPortOfThisRun(options.port);
 
     const bool autoStart = settings->contains(AutoStartKey) && settings->value(AutoStartKey).toBool();
-    if (autoStart) {
+    if (autoStart)
         ui->autoStart_checkBox->setChecked(true);
-        StartServer(false);
-    }
+    const bool start = autoStart || options.start;
+    if (start && StartServer(false) == 0)
+        return;
+    if (options.headless)
+        ReportNotServing(start);
+}
+
+// Without a window nobody can press Start: a start asked for on the command
+// line that failed ends the process, so that a service fails visibly.
+void TarnSrvGui::ReportNotServing(bool startFailed)
+{
+    if (startFailed && options.start)
+        QCoreApplication::exit(StartFailedExitCode);
+    else if (!startFailed)
+        logWindow->Log(QStringLiteral("The server is not running: auto start is off. TarnSrv --start starts it."),
+                       1, false);
+}
+
+// Shown with signals blocked: the port of this run is not stored.
+void TarnSrvGui::ShowPortOfThisRun(int port)
+{
+    const QSignalBlocker modeBlocker(ui->portNr_comboBox);
+    const QSignalBlocker portBlocker(ui->porNr_lineEdit);
+    ui->portNr_comboBox->setCurrentIndex(ManualPortIndex);
+    ui->porNr_lineEdit->setEnabled(true);
+    ui->porNr_lineEdit->setText(QString::number(port));
+}
+
+QString TarnSrvGui::WhereClientsConnect() const
+{
+    const QString url = QStringLiteral("wss://%1:") + QString::number(server.ListeningPort());
+    QStringList urls;
+    for (const QHostAddress &address : QNetworkInterface::allAddresses())
+        if (address.protocol() == QAbstractSocket::IPv4Protocol && !address.isLoopback())
+            urls.append(url.arg(address.toString()));
+    if (urls.isEmpty())
+        urls.append(url.arg(QHostAddress(QHostAddress::LocalHost).toString()));
+    return QStringLiteral("Clients connect to %1 (TLS certificate SHA-256 fingerprint: %2).")
+        .arg(urls.join(QStringLiteral(", ")), server.Fingerprint());
 }
 
 // Signals stay blocked so the restored values are not written back.
@@ -156,9 +201,10 @@ void TarnSrvGui::RestorePortNumber()
 bool TarnSrvGui::CheckRunningInstance()
 {
     static InstanceGuard guard;
-    if (guard.Acquire())
+    if (guard.Acquire()) {
+        ownsLog = true;
         return true;
-    refused = true;
+    }
     const QString text = QStringLiteral("Another instance of %1 is already running.")
                              .arg(QStringLiteral("VARNOK Manager"));
     if (HasDisplay())
@@ -192,6 +238,8 @@ int TarnSrvGui::StartServer(bool checkRunning)
                          : 0;
     const int result = server.Start(port);
     ShowFingerprint();
+    if (result == 0 && options.headless)
+        logWindow->Log(WhereClientsConnect(), 0, false);
     if (result == 0)
         ShowStatus(QStringLiteral("Running"), QStringLiteral("green"));
     else
@@ -241,6 +289,17 @@ void TarnSrvGui::on_serverRestart_pushButton_clicked()
         return;
     }
     StartServer(true);
+}
+
+void TarnSrvGui::StopAndQuit()
+{
+    if (stepRunning) {
+        QTimer::singleShot(StepRetryMs, this, &TarnSrvGui::StopAndQuit);
+        return;
+    }
+    restartPending = false;
+    on_serverStop_pushButton_clicked();
+    QCoreApplication::quit();
 }
 
 void TarnSrvGui::ServerSocketDestroyed(QObject *)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "managercommandline.h"
 #include "srvurldetect.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
@@ -18,11 +19,15 @@ class TarnSrvGui : public QMainWindow
     Q_OBJECT
 
 public:
-    explicit TarnSrvGui(QWidget *parent = nullptr);
+    explicit TarnSrvGui(const RunOptions &options = {}, QWidget *parent = nullptr);
     ~TarnSrvGui() override;
 
     // Delay between construction and the deferred start-up.
     static constexpr int InitDelayMs = 100;
+
+public slots:
+    // Stops the server the usual way, then ends the event loop with 0.
+    void StopAndQuit();
 
 private slots:
     void on_autoStart_checkBox_clicked(bool checked);
@@ -44,15 +49,20 @@ private:
     void SetStepRunning(bool running);
     void RestorePortMode();
     void RestorePortNumber();
+    void ShowPortOfThisRun(int port);
+    void ReportNotServing(bool startFailed);
+    QString WhereClientsConnect() const;
 
     Ui::TarnSrvGui *ui;
     // Held for client tools built on the manager; the window itself never uses them.
     SrvUrlDetect discovery{nullptr};
     TarnClt client{nullptr};
+    const RunOptions options;
     TarnSrv server;
     bool restartPending = false;
     bool stepRunning = false;
-    bool refused = false;
+    // Set once the instance check passed: the log is this instance's.
+    bool ownsLog = false;
     LogWindow *logWindow = nullptr;
     TarnSrvSettings *settings = nullptr;
 };

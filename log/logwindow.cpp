@@ -8,6 +8,7 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QTextBlock>
+#include <cstdio>
 
 namespace {
 
@@ -69,6 +70,11 @@ void LogWindow::SetMaxFileSize(qint64 bytes)
     maxFileSize = bytes;
 }
 
+void LogWindow::SetHeadless(bool enable)
+{
+    headless = enable;
+}
+
 void LogWindow::RotateLogFiles()
 {
     if (!QFileInfo(LogFilePath()).isFile())
@@ -100,10 +106,28 @@ QString LogWindow::FormatLine(quint32 type, const QString &stamp, const QString 
 void LogWindow::Log(const QString &text, quint32 type, bool msgBox)
 {
     const QStringList parts = text.split(QLatin1Char('\n'), Qt::KeepEmptyParts, Qt::CaseSensitive);
-    for (const QString &part : parts)
-        AppendPlainHtml(FormatLine(type, Now(), part));
-    if (msgBox)
+    for (const QString &part : parts) {
+        const QString stamp = Now();
+        if (headless)
+            Show(type, stamp, part);
+        AppendPlainHtml(FormatLine(type, stamp, part));
+    }
+    if (msgBox && !headless)
         ShowMessageBox(text, type);
+}
+
+// A line of the log's own, shown where the lines go: the view, or stderr as
+// plain text without the empty lines that space out the view.
+void LogWindow::Show(quint32 type, const QString &stamp, const QString &text)
+{
+    if (!headless) {
+        AppendToView(FormatLine(type, stamp, text.toHtmlEscaped()));
+        return;
+    }
+    if (text.isEmpty())
+        return;
+    const QByteArray line = QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), text).toUtf8();
+    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
 }
 
 void LogWindow::ShowMessageBox(const QString &text, quint32 type)
@@ -118,7 +142,8 @@ void LogWindow::ShowMessageBox(const QString &text, quint32 type)
 
 void LogWindow::AppendPlainHtml(const QString &html)
 {
-    AppendToView(html);
+    if (!headless)
+        AppendToView(html);
     if (logToFile)
         AppendToFile(html);
 }
@@ -144,7 +169,7 @@ void LogWindow::AppendToFile(const QString &html)
     const bool written = WriteToFile(html, error);
     if (!written && !fileFailing) {
         const QString text = QStringLiteral("Cannot write the log file %1: %2.").arg(LogFilePath(), error);
-        AppendToView(FormatLine(Warning, Now(), text.toHtmlEscaped()));
+        Show(Warning, Now(), text);
     }
     fileFailing = !written;
 }

@@ -28,6 +28,9 @@ public:
 
     void SetLogFile(bool enable, const QString &folder);
     void SetMaxFileSize(qint64 bytes);
+    // Without a window the lines go to stderr as plain text instead of the
+    // view, and nothing waits for a message box to be answered.
+    void SetHeadless(bool enable);
     // Moves the current file to generation 1, 1 to 2 and so on, dropping the
     // oldest; the next line begins a new file.
     void RotateLogFiles();
@@ -46,6 +49,7 @@ private slots:
     void ClearAll();
 
 private:
+    void Show(quint32 type, const QString &stamp, const QString &text);
     void AppendToView(const QString &html);
     void AppendToFile(const QString &html);
     bool WriteToFile(const QString &html, QString &error);
@@ -56,4 +60,5 @@ private:
     QString logFolder;
     qint64 maxFileSize = DefaultMaxFileSize;
     bool fileFailing = false;
+    bool headless = false;
 };

@@ -1,15 +1,26 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the manager TarnSrv and starts it. Without a
-# display it runs on Qt's offscreen platform: no window, but the server runs and
-# logs to TarnSrvSvc.html next to the program. Arguments go to TarnSrv.
+# display it runs headless: no window, the server started on port $TARN_PORT
+# (50443 unless given, or the --port among the arguments), the log on the
+# terminal as well as in TarnSrvSvc.html next to the program. Arguments go to TarnSrv.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 build=${TARN_BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja
-cmake --build "$build" --parallel "$(nproc)" --target TarnSrv
-if [ -z "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ -z "${QT_QPA_PLATFORM:-}" ]; then
-    export QT_QPA_PLATFORM=offscreen
-    echo "No display found: running TarnSrv offscreen; its log is $build/gui/TarnSrvSvc.html"
+cmake -S . -B "$build" -G Ninja >/dev/null
+cmake --build "$build" --parallel "$(nproc)" --target TarnSrv tarn
+if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] || [ -n "${QT_QPA_PLATFORM:-}" ]; then
+    exec "$build/gui/TarnSrv" "$@"
 fi
-exec "$build/gui/TarnSrv" "$@"
+port=${TARN_PORT:-50443}
+args=("$@")
+for i in "${!args[@]}"; do
+    case ${args[$i]} in
+        --port) port=${args[$((i + 1))]:-$port} ;;
+        --port=*) port=${args[$i]#--port=} ;;
+    esac
+done
+echo "No display found: TarnSrv runs without a window and serves on port $port."
+echo "Reach it with: $build/client/tarn ping wss://127.0.0.1:$port"
+echo "Stop it with Ctrl+C. Its log is also in $build/gui/TarnSrvSvc.html."
+exec "$build/gui/TarnSrv" --headless --start --port "$port" "$@"

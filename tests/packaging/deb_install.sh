@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the Debian package, unpacks it into a throwaway root and runs the
-# programs from there: tarn --version, and TarnSrv offscreen on the port of its
-# TarnSrv.cfg, answering a ping. The systemd unit must start the packaged
-# TarnSrv and keep systemd-analyze's exposure rating at 4.0 ("OK") or below.
+# programs from there: tarn --version, and TarnSrv as the unit runs it, on the
+# port of its TarnSrv.cfg, answering a ping and logging to stderr. The systemd
+# unit must start the packaged TarnSrv headless and keep systemd-analyze's
+# exposure rating at 4.0 ("OK") or below.
 #   deb_install.sh BUILD_DIR
 set -euo pipefail
 build=$1
@@ -32,8 +33,11 @@ for f in usr/share/applications/tarn-manager.desktop usr/lib/systemd/system/tarn
 done
 
 unit=$root/usr/lib/systemd/system/tarn-manager.service
-program=$(sed -n 's/^ExecStart=//p' "$unit")
+read -r program unit_args <<<"$(sed -n 's/^ExecStart=//p' "$unit")"
 [ -x "$root$program" ] || { echo "FAIL: the unit starts $program, which is not in the package"; exit 1; }
+# Headless, the log reaches the journal; an explicit start that fails fails the unit.
+[[ " $unit_args " == *" --headless "* && " $unit_args " == *" --start "* ]] \
+    || { echo "FAIL: the unit runs '$program $unit_args', not headless with --start"; exit 1; }
 if systemd-analyze --help 2>/dev/null | grep -q -- --offline; then
     systemd-analyze security --offline=true "$unit" >"$work/security" 2>&1 || true
     exposure=$(sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\) .*/\1/p' "$work/security")
@@ -58,9 +62,11 @@ printf 'PortNr = %s\nLoggingFolder = %s\n' "$port" "$work/log" >"$root/etc/tarn/
 grep -qx 'StateDirectory=tarn' "$unit" || { echo "FAIL: the unit has no state directory"; exit 1; }
 state=$work/state/tarn
 export XDG_CONFIG_HOME="$work/config"
+# shellcheck disable=SC2086 # the unit's arguments, split as systemd does
 (umask "$(sed -n 's/^UMask=//p' "$unit")"
- QT_QPA_PLATFORM=offscreen STATE_DIRECTORY="$state" TARN_INSTANCE_LOCK="$work/instance.lock" \
-    exec "$root/usr/bin/TarnSrv" >"$work/srv.log" 2>&1) &
+ unset DISPLAY WAYLAND_DISPLAY QT_QPA_PLATFORM
+ STATE_DIRECTORY="$state" TARN_INSTANCE_LOCK="$work/instance.lock" XDG_RUNTIME_DIR="$work" \
+    exec "$root/usr/bin/TarnSrv" $unit_args >"$work/srv.log" 2>&1) &
 server=$!
 # A loaded machine (ctest -j2 beside a Windows build) can take its time.
 deadline=$((SECONDS + 60))
@@ -69,6 +75,8 @@ while [ $SECONDS -lt $deadline ]; do
         cat "$work/ping"
         grep -q "Tarn server started on port $port" "$work/log/TarnSrvSvc.html" \
             || { echo "FAIL: no log in the configured folder"; exit 1; }
+        grep -q " - Info : Tarn server started on port $port\.$" "$work/srv.log" \
+            || { cat "$work/srv.log"; echo "FAIL: the log lines do not reach stderr, so not the journal"; exit 1; }
         [ "$(stat -c %a "$state/identity.key")" = 600 ] \
             || { echo "FAIL: no owner-only TLS key in the state directory"; ls -la "$state"; exit 1; }
         fingerprint=$(openssl x509 -in "$state/identity.crt" -noout -fingerprint -sha256 | sed 's/.*=//')
