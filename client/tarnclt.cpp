@@ -4,7 +4,6 @@
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QElapsedTimer>
 #include <QSslConfiguration>
 #include <QSslSocket>
 #include <QWebSocket>
@@ -205,14 +204,14 @@ qint64 TarnClt::Send(const QString &text)
 
 void TarnClt::WaitForReply()
 {
-    QElapsedTimer elapsed;
-    elapsed.start();
-    // Sleeping in the event queue instead of spinning; the deadline timer
-    // guarantees an event that ends the last wait.
+    // Sleeping in the event queue instead of spinning; the deadline's own
+    // timeout is the event that ends the last wait. (A check of the elapsed
+    // time instead could find a coarse timer fired early and wait for good.)
     QTimer deadline;
     deadline.setSingleShot(true);
-    deadline.start(ReplyTimeoutMs + 1);
-    while (reply.isEmpty() && elapsed.elapsed() <= ReplyTimeoutMs)
+    deadline.setTimerType(Qt::PreciseTimer);
+    deadline.start(ReplyTimeoutMs);
+    while (reply.isEmpty() && deadline.isActive())
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
 }
 
