@@ -1,11 +1,11 @@
 #include "tarntool.h"
 
+#include "commandline.h"
 #include "fingerprintprobe.h"
 #include "knownservers.h"
 #include "srvurldetect.h"
 #include "tarnclt.h"
 
-#include <QCoreApplication>
 #include <QDateTime>
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -128,14 +128,8 @@ int TarnTool::Run(const QStringList &arguments)
 {
     if (!parser.parse(arguments))
         return Fail(parser.errorText(), Usage);
-    if (parser.isSet(QStringLiteral("help"))) {
-        out << parser.helpText();
+    if (Tarn::AnswerHelpOrVersion(parser, out))
         return Ok;
-    }
-    if (parser.isSet(QStringLiteral("version"))) {
-        out << QCoreApplication::applicationName() << ' ' << QCoreApplication::applicationVersion() << Qt::endl;
-        return Ok;
-    }
 
     const QStringList args = parser.positionalArguments();
     const QString command = args.value(0);

@@ -1,9 +1,9 @@
 #include "managercommandline.h"
 
+#include "commandline.h"
 #include "tarnsrvsettings.h"
 #include "tlsidentity.h"
 
-#include <QCoreApplication>
 #include <QTextStream>
 
 namespace {
@@ -91,14 +91,8 @@ RunOptions ManagerCommandLine::Options() const
 int ManagerCommandLine::RunTool()
 {
     QTextStream out(stdout);
-    if (parser.isSet(QStringLiteral("help"))) {
-        out << parser.helpText();
+    if (Tarn::AnswerHelpOrVersion(parser, out))
         return Ok;
-    }
-    if (parser.isSet(QStringLiteral("version"))) {
-        out << QCoreApplication::applicationName() << ' ' << QCoreApplication::applicationVersion() << Qt::endl;
-        return Ok;
-    }
     return parser.isSet(newIdentityOption) ? RenewIdentity() : PrintFingerprint();
 }
 
