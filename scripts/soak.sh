@@ -28,7 +28,7 @@ ulimit -n 8192
 # A TLS identity and known servers of this run's own.
 export XDG_DATA_HOME=$work/data XDG_CONFIG_HOME=$work/config
 
-port=$((43000 + $$ % 8000))
+port=$(bash scripts/free-port.sh)
 "$build/bench/tarn-bench-server" "$port" >"$work/srv.log" 2>&1 &
 server=$!
 tarn="$build/client/tarn"

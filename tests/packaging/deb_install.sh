@@ -54,7 +54,7 @@ version=$("$root/usr/bin/tarn" --version)
 "$root/usr/bin/TarnSvc" -h | grep -q -- '-i(nstall) \[account\] \[password\]' \
     || { echo "FAIL: the installed TarnSvc does not print its usage"; exit 1; }
 
-port=$((41000 + $$ % 8000))
+port=$("$(dirname "$0")/../../scripts/free-port.sh")
 mkdir -p "$work/log" "$work/config"
 printf 'PortNr = %s\nLoggingFolder = %s\n' "$port" "$work/log" >"$root/etc/tarn/TarnSrv.cfg"
 # As the unit runs it: systemd names its state directory, where the first start

@@ -14,7 +14,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-port=$((33000 + $$ % 8000))
+port=$("$source_dir/scripts/free-port.sh")
 mkdir -p "$work/config"
 # The already built programs: the script only checks that they are up to date.
 (unset DISPLAY WAYLAND_DISPLAY QT_QPA_PLATFORM
