@@ -14,13 +14,10 @@ void NameApplication()
 }
 
 // The identity tools run without a window, so without a display.
-int RunTool(int argc, char *argv[])
+int RunTool(int argc, char *argv[], ManagerCommandLine &commandLine)
 {
     QCoreApplication app(argc, argv);
     NameApplication();
-    ManagerCommandLine commandLine;
-    if (!commandLine.Parse(QCoreApplication::arguments()))
-        return ManagerCommandLine::Usage;
     return commandLine.RunTool();
 }
 
@@ -47,13 +44,12 @@ QStringList Arguments(int argc, char *argv[])
 
 int main(int argc, char *argv[])
 {
-    if (ManagerCommandLine::AsksForTool(argc, argv))
-        return RunTool(argc, argv);
-
     // Read before the application exists: the platform depends on it.
     ManagerCommandLine commandLine;
     if (!commandLine.Parse(Arguments(argc, argv)))
         return ManagerCommandLine::Usage;
+    if (commandLine.IsToolRun())
+        return RunTool(argc, argv, commandLine);
     RunOptions options = commandLine.Options();
     options.headless = options.headless || LacksDisplay();
     // The window is built but never shown, so it needs no display.

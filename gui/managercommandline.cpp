@@ -8,10 +8,6 @@
 
 namespace {
 
-const QStringList ToolOptions = {QStringLiteral("--fingerprint"), QStringLiteral("--new-identity"),
-                                 QStringLiteral("--help"),        QStringLiteral("-h"),
-                                 QStringLiteral("--version"),     QStringLiteral("-v")};
-
 int Fail(const QString &message, int code)
 {
     QTextStream(stderr) << "TarnSrv: " << message << Qt::endl;
@@ -46,14 +42,6 @@ ManagerCommandLine::ManagerCommandLine()
     parser.addOption(startOption);
     parser.addOption(portOption);
     parser.addOption(headlessOption);
-}
-
-bool ManagerCommandLine::AsksForTool(int argc, char *argv[])
-{
-    for (int i = 1; i < argc; ++i)
-        if (ToolOptions.contains(QString::fromLocal8Bit(argv[i])))
-            return true;
-    return false;
 }
 
 bool ManagerCommandLine::Parse(const QStringList &arguments)

@@ -18,11 +18,9 @@ class ManagerCommandLine
 public:
     ManagerCommandLine();
 
-    // Whether the raw arguments ask for a tool, which needs no display.
-    static bool AsksForTool(int argc, char *argv[]);
-
     // False, with the reason printed on stderr, when the arguments are wrong.
     bool Parse(const QStringList &arguments);
+    // Whether the arguments ask for a tool, which needs no display.
     bool IsToolRun() const;
     RunOptions Options() const;
     // Runs the tool that Parse found; returns the exit code.
