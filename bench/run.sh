@@ -57,6 +57,8 @@ run_load() {
     start_server "$1"
     timeout 300 "$BUILD/bench/tarn-load" --port "$PORT" --server-pid "$SERVER_PID" \
         --clients "$CLIENTS" --hold-seconds "$HOLD" --threads "$THREADS" >"$OUT/$1.results" || echo "run.sh: tarn-load reported failures against $1" >&2
+    # A second client, not built on Qt, for the ping rows.
+    timeout 120 node "$ROOT/bench/peer/client.js" "$PORT" >>"$OUT/$1.results" || echo "run.sh: the Node client failed against $1" >&2
     kill "$SERVER_PID"
     wait "$SERVER_PID" 2>/dev/null || true
     SERVER_PID=
@@ -102,6 +104,11 @@ awk -v rsa="$RSA_SIGNS" '
         row("Ping p50 us, N=1000", "ping_1000_p50_us")
         row("Ping p99 us, N=1000", "ping_1000_p99_us")
         row("Ping p99.9 us, N=1000", "ping_1000_p999_us")
+        row("Node client: open 1,000 connections, s", "node_open_1000_s")
+        row("Node client: pings/s, N=1", "node_ping_1_per_s")
+        row("Node client: pings/s, N=100", "node_ping_100_per_s")
+        row("Node client: pings/s, N=1000", "node_ping_1000_per_s")
+        row("Node client: ping p99 us, N=1000", "node_ping_1000_p99_us")
         row("Active clients p50 us, 10,000 sessions", "active_p50_us")
         row("Active clients p99 us, 10,000 sessions", "active_p99_us")
         row("Entries listed", "active_entries")
