@@ -25,6 +25,13 @@ namespace {
 // How log lines name a peer that has no record.
 const QString UnknownHost = QStringLiteral("Unknown host");
 
+// Qt 6's TLS listener counts connections still in their TLS handshake as
+// pending and stops accepting at its limit (30 by default), so a few silent
+// peers would lock everybody out; Qt 5 does not count them. The limit is set
+// out of reach, as with Qt 5: the descriptor limit and the handshake sweep
+// bound those connections.
+constexpr int MaxPendingConnections = 1 << 20;
+
 // QTcpServer listens with a backlog of 50. When more clients than that connect
 // at once, the kernel drops their SYNs and they retry only after a second, so a
 // burst of connections stalls while the server sits idle. Listening again on the
@@ -108,6 +115,7 @@ int TarnSrv::Start(int port)
     endpoint = new QWebSocketServer(QStringLiteral("VARNOK Manager"),
                                     QWebSocketServer::SecureMode, this);
     endpoint->setSslConfiguration(identity.ServerConfiguration());
+    endpoint->setMaxPendingConnections(MaxPendingConnections);
 
     if (!endpoint->listen(QHostAddress::Any, quint16(port))) {
         endpoint->deleteLater();
