@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian/Ubuntu packages the build and the tests need, only when missing.
+# TARN_QT_MAJOR=6 adds the Qt 6 packages; Qt 5 stays, the Windows and package builds use it.
 set -euo pipefail
 
 packages=(
@@ -14,6 +15,10 @@ packages=(
     # included); llvm brings llvm-symbolizer for readable reports.
     clang libclang-rt-14-dev llvm
 )
+if [ "${TARN_QT_MAJOR:-5}" = 6 ]; then
+    # Qt 6's CMake package looks for OpenGL when Qt Gui is found.
+    packages+=(qt6-base-dev qt6-base-dev-tools qt6-websockets-dev libgl-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -3,11 +3,12 @@
 # display it runs headless: no window, the server started on port $TARN_PORT
 # (50443 unless given, or the --port among the arguments), the log on the
 # terminal as well as in TarnSrvSvc.html next to the program. Arguments go to TarnSrv.
+# TARN_QT_MAJOR and TARN_BUILD_DIR as for scripts/test.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 build=${TARN_BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja >/dev/null
+cmake -S . -B "$build" -G Ninja ${TARN_QT_MAJOR:+-DTARN_QT_MAJOR="$TARN_QT_MAJOR"} >/dev/null
 cmake --build "$build" --parallel "$(nproc)" --target TarnSrv tarn
 if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] || [ -n "${QT_QPA_PLATFORM:-}" ]; then
     exec "$build/gui/TarnSrv" "$@"

@@ -4,6 +4,8 @@
 # Wine's own service control manager - advapi32, WinMain, the dispatcher
 # thread and the native event filter, not the Linux substitute.
 #
+# Qt 5 only: its Windows Qt is built from Debian's Qt 5 source, as the product's packaging uses Qt 5.
+#
 # Usage: scripts/windows-check.sh [--if-prepared]
 #   --if-prepared  exit 77 (skipped) unless the toolchain cache and wine are
 #                  already there, instead of preparing them (for CTest)

@@ -112,11 +112,18 @@ private:
     QtServiceBaseData *d_ptr;
 };
 
+// Qt 6 widened the native event filter's result from long to qintptr.
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+using NativeEventResult = qintptr;
+#else
+using NativeEventResult = long;
+#endif
+
 // Keeps a user logoff from ending the service's event loop.
 class QtServiceAppEventFilter : public QAbstractNativeEventFilter
 {
 public:
-    bool nativeEventFilter(const QByteArray &eventType, void *message, long *result) override;
+    bool nativeEventFilter(const QByteArray &eventType, void *message, NativeEventResult *result) override;
     static QtServiceAppEventFilter *instance();
 };
 

@@ -278,7 +278,7 @@ QtServiceAppEventFilter *QtServiceAppEventFilter::instance()
     return &filter;
 }
 
-bool QtServiceAppEventFilter::nativeEventFilter(const QByteArray &eventType, void *message, long *result)
+bool QtServiceAppEventFilter::nativeEventFilter(const QByteArray &eventType, void *message, NativeEventResult *result)
 {
     Q_UNUSED(eventType);
 #ifdef Q_OS_WIN

@@ -132,7 +132,7 @@ void Record::markStopped()
 QMutex Database::processLock;
 
 Database::Database()
-    : root(databaseDir()), threads(&processLock), lockPath(root + QLatin1String("/scm.lock")),
+    : root(databaseDir()), threads(processLock), lockPath(root + QLatin1String("/scm.lock")),
       lock(lockPath)
 {
     if (!ensureFolder(root)) {

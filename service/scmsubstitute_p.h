@@ -14,6 +14,7 @@
 #include <QMutex>
 #include <QStringList>
 #include <functional>
+#include <mutex>
 #include <optional>
 
 namespace ScmSubstitute {
@@ -107,7 +108,7 @@ private:
     void report(const QString &problem);
 
     static QMutex processLock; // threads of one process queue here, not on the file
-    QMutexLocker threads;
+    std::lock_guard<QMutex> threads;
     const QString lockPath;
     QLockFile lock;
     bool locked = false;

@@ -60,7 +60,9 @@ bool TarnSrvSettings::ParseConfigStream(QFile &file, ConfigValues &values, QStri
 {
     QTextStream in(&file);
     // UTF-8 unless a byte-order mark says otherwise; ASCII reads the same.
-    in.setCodec("UTF-8");
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+    in.setCodec("UTF-8"); // Qt 5 would read the locale's encoding; Qt 6 reads UTF-8 already
+#endif
     int n = 1;
     while (!in.atEnd()) {
         const QString line = in.readLine();

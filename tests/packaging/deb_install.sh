@@ -4,9 +4,10 @@
 # port of its TarnSrv.cfg, answering a ping and logging to stderr. The systemd
 # unit must start the packaged TarnSrv headless and keep systemd-analyze's
 # exposure rating at 4.0 ("OK") or below.
-#   deb_install.sh BUILD_DIR
+#   deb_install.sh BUILD_DIR QT_MAJOR
 set -euo pipefail
 build=$1
+qt=$2
 work=$(mktemp -d)
 server=""
 cleanup() {
@@ -19,7 +20,10 @@ trap cleanup EXIT
 deb=$(ls "$work"/pkg/*.deb)
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for lib in libqt5core5a libqt5network5 libqt5websockets5 libqt5widgets5; do
+# The product's package is built with Qt 5; a Qt 6 build's package names Qt 6's libraries.
+libs=(libqt5core5a libqt5network5 libqt5websockets5 libqt5widgets5)
+[ "$qt" = 6 ] && libs=(libqt6core6 libqt6network6 libqt6websockets6 libqt6widgets6)
+for lib in "${libs[@]}"; do
     grep -q "$lib" <<<"$depends" || { echo "FAIL: $lib missing from Depends"; exit 1; }
 done
 dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/tarn/TarnSrv.cfg \

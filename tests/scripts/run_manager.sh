@@ -17,7 +17,7 @@ trap cleanup EXIT
 port=$("$source_dir/scripts/free-port.sh")
 mkdir -p "$work/config"
 # The already built programs: the script only checks that they are up to date.
-(unset DISPLAY WAYLAND_DISPLAY QT_QPA_PLATFORM
+(unset DISPLAY WAYLAND_DISPLAY QT_QPA_PLATFORM TARN_QT_MAJOR
  export TARN_BUILD_DIR=$build TARN_PORT=$port TMPDIR=$work XDG_CONFIG_HOME=$work/config \
         XDG_DATA_HOME=$work XDG_RUNTIME_DIR=$work TARN_INSTANCE_LOCK=$work/instance.lock
  exec bash "$source_dir/scripts/run-manager.sh" >"$work/out" 2>"$work/err") &

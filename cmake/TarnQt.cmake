@@ -1,0 +1,23 @@
+# The one place that finds Qt. TARN_QT_MAJOR picks Qt 5 (the default) or Qt 6;
+# the targets link the versionless Qt:: names, which both provide.
+set(TARN_QT_MAJOR 5 CACHE STRING "Qt major version to build with: 5 or 6")
+set_property(CACHE TARN_QT_MAJOR PROPERTY STRINGS 5 6)
+if(NOT TARN_QT_MAJOR MATCHES "^[56]$")
+    message(FATAL_ERROR "TARN_QT_MAJOR must be 5 or 6, not '${TARN_QT_MAJOR}'")
+endif()
+
+if(TARN_SERVICE_ONLY)
+    # The Windows toolchain has Qt 5 Core only (scripts/windows-check.sh).
+    if(NOT TARN_QT_MAJOR EQUAL 5)
+        message(FATAL_ERROR "TARN_SERVICE_ONLY builds with Qt 5")
+    endif()
+    set(tarn_qt_components Core)
+else()
+    set(tarn_qt_components Core Network WebSockets Widgets Test)
+endif()
+
+if(TARN_QT_MAJOR EQUAL 6)
+    find_package(Qt6 6.4 REQUIRED COMPONENTS ${tarn_qt_components})
+else()
+    find_package(Qt5 5.15 REQUIRED COMPONENTS ${tarn_qt_components})
+endif()
