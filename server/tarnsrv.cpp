@@ -236,6 +236,10 @@ void TarnSrv::cltConnection()
     Client rec(ClientRecord::FromOrigin(socket->origin()));
     rec.socket = socket;
     rec.transport = TransportOf(socket);
+    // The WebSocket does not take its connection over; as its child, the
+    // connection goes with it, and the listener keeps only handshakes.
+    if (rec.transport)
+        rec.transport->setParent(socket);
     connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
         const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
         RcvdMessage(msg);
@@ -315,7 +319,7 @@ void TarnSrv::ReleaseAbandonedHandshakes()
     const QList<TlsServerSocket *> sockets = listener->findChildren<TlsServerSocket *>(QString(), Qt::FindDirectChildrenOnly);
     bool released = false;
     for (TlsServerSocket *socket : sockets) {
-        if (socket->IsEncrypted() || socket->state() != QAbstractSocket::UnconnectedState)
+        if (!socket->IsClosed())
             continue;
         socket->deleteLater();
         released = true;
@@ -333,12 +337,10 @@ void TarnSrv::ReturnFreedMemory()
 #endif
 }
 
-// The encrypted bytes of a connection wait in its TLS socket, which the
-// WebSocket may have adopted; newest connections come last in the listener.
+// The TLS socket under a new WebSocket: the newest of the listener's
+// encrypted connections from the same peer address and port.
 TlsServerSocket *TarnSrv::TransportOf(const QWebSocket *socket) const
 {
-    if (auto *adopted = socket->findChild<TlsServerSocket *>())
-        return adopted;
     const QObjectList &children = listener ? listener->children() : QObjectList();
     for (auto it = children.crbegin(); it != children.crend(); ++it) {
         auto *tls = qobject_cast<TlsServerSocket *>(*it);

@@ -22,6 +22,9 @@ public:
     ~TlsServerSocket() override;
 
     bool IsEncrypted() const { return encrypted; }
+    // The connection is over (this socket's own state says "unconnected"
+    // during the TLS handshake too).
+    bool IsClosed() const { return transport->state() == UnconnectedState; }
     // Bytes encrypted and waiting for the network.
     qint64 EncryptedBytesToWrite() const;
     // Ends the connection at once, dropping whatever waits to be sent.
