@@ -91,6 +91,8 @@ awk -v rsa="$RSA_SIGNS" '
         printf "|%s|%s|%s|%s|\n", "----------------------------------------------", "--------------:", "--------------:", "--------:"
         row("Handshakes/s, first 1,000", "handshake_per_s")
         row("Handshakes/s, 1,000 to 10,000", "handshake_to_full_per_s")
+        row("Server CPU us per handshake, first 1,000", "handshake_server_cpu_us")
+        row("Server CPU us per handshake, to 10,000", "handshake_to_full_server_cpu_us")
         printf "| %-44s | %12s | %12s | %7s |\n", "openssl rsa2048 signs/s, one core", rsa, rsa, "-"
         row("Pings/s, N=1", "ping_1_per_s")
         row("Ping p50 us, N=1", "ping_1_p50_us")

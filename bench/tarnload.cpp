@@ -12,6 +12,7 @@
 #include <QThread>
 
 #include <cstdio>
+#include <unistd.h>
 
 using namespace Bench;
 
@@ -58,6 +59,20 @@ qint64 ServerRssKb(qint64 pid)
     return -1;
 }
 
+// CPU time the server process has used, user and system, in seconds; -1 when unknown.
+double ServerCpuSeconds(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (pid <= 0 || !stat.open(QIODevice::ReadOnly))
+        return -1;
+    // The fields after the command name, which ends with the last ')'; utime and stime are the 12th and 13th.
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() < 13)
+        return -1;
+    return double(fields.at(11).toLongLong() + fields.at(12).toLongLong()) / double(sysconf(_SC_CLK_TCK));
+}
+
 void ReportLatency(const QByteArray &prefix, const Latency &l)
 {
     Result((prefix + "_p50_us").constData(), l.p50);
@@ -68,7 +83,11 @@ void ReportLatency(const QByteArray &prefix, const Latency &l)
 // Connects, reports the rate, and says whether every connection came up.
 bool ConnectStep(LoadDriver &load, const Options &o, int count, const QByteArray &key)
 {
+    const double cpuBefore = ServerCpuSeconds(o.serverPid);
     const ConnectResult r = load.Connect(o.url, count, o.inFlight);
+    // What a handshake costs the server, whatever limits the rate: its capacity on one core.
+    if (cpuBefore >= 0 && r.connected > 0)
+        Result((key + "_server_cpu_us").constData(), (ServerCpuSeconds(o.serverPid) - cpuBefore) * 1e6 / r.connected);
     Note(QStringLiteral("%1: %2 connected, %3 failed in %4 s").arg(QString::fromLatin1(key)).arg(r.connected)
              .arg(r.failed).arg(r.seconds));
     Result((key + "_per_s").constData(), r.perSecond);

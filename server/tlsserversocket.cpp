@@ -180,12 +180,16 @@ void TlsServerSocket::Decrypt()
         SSL_get_error(ssl, result) == SSL_ERROR_ZERO_RETURN ? disconnectFromHost() : Fail();
 }
 
+// In one piece: the socket writes one piece per turn of the event loop, and
+// with thousands of connections each turn is expensive.
 void TlsServerSocket::SendPending()
 {
-    char chunk[ChunkBytes];
-    int size;
-    while ((size = BIO_read(outgoing, chunk, sizeof chunk)) > 0)
-        transport->write(chunk, size);
+    const int size = int(BIO_pending(outgoing));
+    if (size <= 0)
+        return;
+    QByteArray bytes(size, Qt::Uninitialized);
+    BIO_read(outgoing, bytes.data(), size);
+    transport->write(bytes);
 }
 
 void TlsServerSocket::Fail()
