@@ -3,6 +3,12 @@
 #include <QHostAddress>
 #include <QTimer>
 
+#ifdef Q_OS_WIN
+#include <winsock2.h>
+#else
+#include <sys/socket.h>
+#endif
+
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -14,6 +20,17 @@ namespace {
 constexpr int HandshakeDeadlineMs = 10000;
 // One TLS record's worth of plaintext.
 constexpr int ChunkBytes = 16 * 1024;
+
+// Hands bytes to the system without waiting; how many it took, 0 when none.
+qint64 SendNow(qintptr descriptor, const QByteArray &bytes)
+{
+#ifdef Q_OS_WIN
+    const int sent = ::send(SOCKET(descriptor), bytes.constData(), bytes.size(), 0);
+#else
+    const ssize_t sent = ::send(int(descriptor), bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+#endif
+    return sent > 0 ? qint64(sent) : 0;
+}
 
 bool WantsMore(SSL *ssl, int result)
 {
@@ -39,10 +56,7 @@ TlsServerSocket::TlsServerSocket(SSL_CTX *context, qintptr descriptor, QObject *
         if (!encrypted)
             Fail();
     });
-    // Unbuffered: writes go straight to the system, and the socket keeps no
-    // buffers of its own between reads and writes (48 kB per idle connection).
-    if (!transport->setSocketDescriptor(descriptor, QAbstractSocket::ConnectedState,
-                                        QIODevice::ReadWrite | QIODevice::Unbuffered)) {
+    if (!transport->setSocketDescriptor(descriptor)) {
         QTimer::singleShot(0, this, &TlsServerSocket::HandshakeFailed);
         return;
     }
@@ -186,8 +200,10 @@ void TlsServerSocket::Decrypt()
         SSL_get_error(ssl, result) == SSL_ERROR_ZERO_RETURN ? disconnectFromHost() : Fail();
 }
 
-// In one piece: the socket writes one piece per turn of the event loop, and
-// with thousands of connections each turn is expensive.
+// Straight to the system while nothing waits in the socket's queue, and the
+// rest queued in one piece: the queue keeps its 32 kB block once used, and
+// it sends one piece per turn of the event loop, which is expensive with
+// thousands of connections. Errors show on the socket's own next write.
 void TlsServerSocket::SendPending()
 {
     const int size = int(BIO_pending(outgoing));
@@ -195,7 +211,9 @@ void TlsServerSocket::SendPending()
         return;
     QByteArray bytes(size, Qt::Uninitialized);
     BIO_read(outgoing, bytes.data(), size);
-    transport->write(bytes);
+    const qint64 sent = transport->bytesToWrite() == 0 ? SendNow(transport->socketDescriptor(), bytes) : 0;
+    if (sent < size)
+        transport->write(bytes.constData() + sent, size - sent);
 }
 
 void TlsServerSocket::Fail()
