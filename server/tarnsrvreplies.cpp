@@ -1,5 +1,4 @@
 #include "tarnsrv.h"
-#include "tlsserversocket.h"
 
 #include <QWebSocket>
 
@@ -32,8 +31,7 @@ bool TarnSrv::SendTo(QWebSocket *socket, const QString &text)
 {
     socket->sendTextMessage(text);
     const Client *client = FindClient(socket);
-    const TlsServerSocket *transport = client ? client->transport.data() : nullptr;
-    const qint64 unsent = socket->bytesToWrite() + (transport ? transport->EncryptedBytesToWrite() : 0);
+    const qint64 unsent = UnsentBytes(socket, client ? client->transport.data() : nullptr);
     if (unsent <= UnsentFloorBytes || unsent <= UnsentLimit())
         return true;
     DropSlowReader(socket);
@@ -53,10 +51,6 @@ void TarnSrv::DropSlowReader(QWebSocket *socket)
     // nothing more from this socket is to be handled.
     disconnect(socket, nullptr, this, nullptr);
     const QString name = ClientName(socket);
-    const Client *client = FindClient(socket);
-    // What waits unsent goes with the connection, not after it.
-    if (TlsServerSocket *transport = client ? client->transport.data() : nullptr)
-        transport->Abort();
     const bool known = RemoveClient(socket);
     socket->abort();
     socket->deleteLater();
