@@ -58,6 +58,7 @@ bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
         socket->setSslConfiguration(pinned);
     }
     peerFingerprint.clear();
+    attemptEnded = false;
     socket->open(target);
     WaitForConnection();
 
@@ -78,7 +79,9 @@ void TarnClt::WaitForConnection()
     for (int attempt = 0; attempt < ConnectAttempts; ++attempt) {
         round.start(ConnectAttemptMs);
         connectLoop.exec();
-        if (round.isActive())
+        // The slot may have run in an event loop nested in ours (a timer's
+        // blocking ping, say) in the same turn as the round's timeout.
+        if (round.isActive() || attemptEnded)
             break;
     }
 }
@@ -102,7 +105,7 @@ void TarnClt::connected()
     // A certificate that verification trusted never went through onSslErrors.
     if (!PeerTrusted()) {
         socket->abort();
-        connectLoop.exit(0);
+        EndConnectAttempt();
         return;
     }
     isConnected = true;
@@ -111,6 +114,12 @@ void TarnClt::connected()
     heartbeatTimer.start();
     serverBeatSeen = false;
     missedBeats = 0;
+    EndConnectAttempt();
+}
+
+void TarnClt::EndConnectAttempt()
+{
+    attemptEnded = true;
     connectLoop.exit(0);
 }
 
@@ -150,7 +159,7 @@ void TarnClt::onSslErrors(const QList<QSslError> &errors)
     if (!PeerTrusted()) {
         // Errors left unignored abort the handshake: the upgrade request, with
         // the guest name and session, is never written.
-        connectLoop.exit(0);
+        EndConnectAttempt();
         return;
     }
     if (reportSslErrors) {

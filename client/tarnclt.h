@@ -63,6 +63,7 @@ private slots:
 private:
     void WaitForReply();
     void WaitForConnection();
+    void EndConnectAttempt();
     void LoseConnection();
     QSslSocket *Transport() const;
     bool PeerTrusted();
@@ -73,6 +74,7 @@ private:
     ClientRecord *record = nullptr;
     QWebSocket *socket = nullptr;
     bool isConnected = false;
+    bool attemptEnded = false;
     bool reportSslErrors = false;
     QString expectedFingerprint;
     QString peerFingerprint;

@@ -164,6 +164,17 @@ private slots:
         QCOMPARE(out, body);
     }
 
+    // The handshake completes inside an event loop nested in Open's wait (a
+    // timer's blocking call), while a round of that wait also runs out there.
+    void connectedInNestedLoop()
+    {
+        QTimer::singleShot(0, this, [] { QTest::qWait(2 * TarnClt::ConnectAttemptMs + 200); });
+        QElapsedTimer elapsed;
+        elapsed.start();
+        QVERIFY(client->Open(url, &ann));
+        QVERIFY(elapsed.elapsed() < TarnClt::ConnectAttempts * TarnClt::ConnectAttemptMs);
+    }
+
     void unreachableServer()
     {
         QSignalSpy lost(client.get(), &TarnClt::UnexpectedDisconnection);
