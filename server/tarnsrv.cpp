@@ -1,12 +1,12 @@
 #include "tarnsrv.h"
 
 #include "srvurldetect.h"
+#include "tlslistener.h"
+#include "tlsserversocket.h"
 
 #include <QCoreApplication>
 #include <QScopedValueRollback>
 #include <QSet>
-#include <QSslSocket>
-#include <QTcpServer>
 #include <QThread>
 #include <QWebSocket>
 #include <QWebSocketServer>
@@ -24,13 +24,6 @@ namespace {
 
 // How log lines name a peer that has no record.
 const QString UnknownHost = QStringLiteral("Unknown host");
-
-// Qt 6's TLS listener counts connections still in their TLS handshake as
-// pending and stops accepting at its limit (30 by default), so a few silent
-// peers would lock everybody out; Qt 5 does not count them. The limit is set
-// out of reach, as with Qt 5: the descriptor limit and the handshake sweep
-// bound those connections.
-constexpr int MaxPendingConnections = 1 << 20;
 
 // QTcpServer listens with a backlog of 50. When more clients than that connect
 // at once, the kernel drops their SYNs and they retry only after a second, so a
@@ -112,27 +105,28 @@ int TarnSrv::Start(int port)
         return -1;
     }
 
+    // TLS is run by the listener in front, with one context for every
+    // connection; the endpoint sees decrypted streams.
     endpoint = new QWebSocketServer(QStringLiteral("VARNOK Manager"),
-                                    QWebSocketServer::SecureMode, this);
-    endpoint->setSslConfiguration(identity.ServerConfiguration());
-    endpoint->setMaxPendingConnections(MaxPendingConnections);
-
-    if (!endpoint->listen(QHostAddress::Any, quint16(port))) {
+                                    QWebSocketServer::NonSecureMode, this);
+    listener = new TlsListener(identity, endpoint);
+    if (!listener->IsValid() || !listener->listen(QHostAddress::Any, quint16(port))) {
         endpoint->deleteLater();
         endpoint = nullptr;
+        listener = nullptr;
         emit Log(QStringLiteral("Failed to start Tarn server.")
                      + QStringLiteral(" An other server might already be running on port %1.").arg(port),
                  2, false);
         return -1;
     }
 
-    WidenListenBacklog(endpoint->nativeDescriptor());
-    serverUrl = endpoint->serverUrl();
+    WidenListenBacklog(listener->socketDescriptor());
+    serverUrl = ListeningUrl();
     handshakeSweepTimer.start();
     summaryTimer.start();
+    connect(listener, &TlsListener::Encrypted, endpoint, &QWebSocketServer::handleConnection);
     connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
-    connect(endpoint, &QWebSocketServer::sslErrors, this, &TarnSrv::onSslErrors);
-    LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(endpoint->serverPort()));
+    LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(listener->serverPort()));
 
     if (!discovery) {
         discovery = new SrvUrlDetect(nullptr);
@@ -149,12 +143,16 @@ void TarnSrv::Stop()
     const QScopedValueRollback<bool> step(busy, true);
 
     DisconnectAll();
+    // The port is free again before the endpoint's deferred deletion, which
+    // a restart waits for.
+    listener->close();
     SummarizeRepeatedLines();
     summaryTimer.stop();
     connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);
     handshakeSweepTimer.stop();
     endpoint->deleteLater();
     endpoint = nullptr;
+    listener = nullptr;
 
     LogInfo(QStringLiteral("Stopping Tarn server..."));
     Pause();
@@ -194,7 +192,7 @@ bool TarnSrv::IsRunning() const
 
 quint16 TarnSrv::ListeningPort() const
 {
-    return endpoint ? endpoint->serverPort() : 0;
+    return listener ? listener->serverPort() : 0;
 }
 
 QList<ActiveClient> TarnSrv::GetActiveClients() const
@@ -238,6 +236,10 @@ void TarnSrv::cltConnection()
     Client rec(ClientRecord::FromOrigin(socket->origin()));
     rec.socket = socket;
     rec.transport = TransportOf(socket);
+    // The WebSocket does not take its connection over; as its child, the
+    // connection goes with it, and the listener keeps only handshakes.
+    if (rec.transport)
+        rec.transport->setParent(socket);
     connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
         const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
         RcvdMessage(msg);
@@ -268,10 +270,6 @@ void TarnSrv::cltDisconnected()
     socket->deleteLater();
     WindDownIfEmpty();
     emit ClientsChanged();
-}
-
-void TarnSrv::onSslErrors(const QList<QSslError> &)
-{
 }
 
 qint64 TarnSrv::SendHeartBeat()
@@ -310,21 +308,21 @@ void TarnSrv::WindDownIfEmpty()
     memoryTrimTimer.start();
 }
 
-// The endpoint keeps the TLS socket of every connection that closed before its
-// WebSocket handshake finished, until the endpoint itself goes: a stream of
-// aborted connections would grow the server without bound. Those sockets still
-// belong to the endpoint's listener and are no longer connected.
+// The endpoint keeps a connection that closed during its WebSocket handshake
+// until the endpoint itself goes: a stream of aborted connections would grow
+// the server without bound. Those connections still belong to the listener
+// and are no longer connected.
 void TarnSrv::ReleaseAbandonedHandshakes()
 {
-    if (!endpoint)
+    if (!listener)
         return;
-    const QList<QSslSocket *> sockets = endpoint->findChildren<QSslSocket *>();
+    const QList<TlsServerSocket *> sockets = listener->findChildren<TlsServerSocket *>(QString(), Qt::FindDirectChildrenOnly);
     bool released = false;
-    for (QSslSocket *socket : sockets) {
-        if (socket->state() == QAbstractSocket::UnconnectedState && qobject_cast<QTcpServer *>(socket->parent())) {
-            socket->deleteLater();
-            released = true;
-        }
+    for (TlsServerSocket *socket : sockets) {
+        if (!socket->IsClosed())
+            continue;
+        socket->deleteLater();
+        released = true;
     }
     if (released)
         memoryTrimTimer.start();
@@ -339,22 +337,28 @@ void TarnSrv::ReturnFreedMemory()
 #endif
 }
 
-// The encrypted bytes of a connection wait in its TLS socket, which stays with
-// the endpoint's listener. Newest connections come last, so the walk is short.
-QSslSocket *TarnSrv::TransportOf(const QWebSocket *socket) const
+// The TLS socket under a new WebSocket: the newest of the listener's
+// encrypted connections from the same peer address and port.
+TlsServerSocket *TarnSrv::TransportOf(const QWebSocket *socket) const
 {
-    const QTcpServer *listener = endpoint ? endpoint->findChild<QTcpServer *>(QString(), Qt::FindDirectChildrenOnly)
-                                          : nullptr;
-    if (!listener)
-        return nullptr;
-    const QObjectList &children = listener->children();
+    const QObjectList &children = listener ? listener->children() : QObjectList();
     for (auto it = children.crbegin(); it != children.crend(); ++it) {
-        auto *tls = qobject_cast<QSslSocket *>(*it);
+        auto *tls = qobject_cast<TlsServerSocket *>(*it);
         if (tls && tls->peerPort() == socket->peerPort() && tls->peerAddress() == socket->peerAddress()
-            && tls->state() == QAbstractSocket::ConnectedState)
+            && tls->IsEncrypted())
             return tls;
     }
     return nullptr;
+}
+
+// wss://<listening address>:<port>; discovery replaces the host for each requester.
+QUrl TarnSrv::ListeningUrl() const
+{
+    QUrl url;
+    url.setScheme(QStringLiteral("wss"));
+    url.setHost(listener->serverAddress().toString());
+    url.setPort(listener->serverPort());
+    return url;
 }
 
 QString TarnSrv::ClientName(QWebSocket *socket) const

@@ -7,16 +7,16 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
-#include <QSslError>
 #include <QTimer>
 #include <QUrl>
 
 #include <list>
 
-class QSslSocket;
 class QWebSocket;
 class QWebSocketServer;
 class SrvUrlDetect;
+class TlsListener;
+class TlsServerSocket;
 
 // The secure WebSocket session server: registry of connected clients, pings,
 // heartbeats and the active-clients list. Runs on the thread that owns it.
@@ -75,7 +75,6 @@ signals:
 private slots:
     void cltConnection();
     void cltDisconnected();
-    void onSslErrors(const QList<QSslError> &errors);
     void RcvdMessage(QString msg);
     qint64 SendHeartBeat();
     void ReleaseAbandonedHandshakes();
@@ -95,7 +94,7 @@ private:
     {
         explicit Client(const ClientRecord &rec) : ClientRecord(rec) {}
         // The TLS socket under the WebSocket, where encrypted bytes wait to be sent.
-        QPointer<QSslSocket> transport;
+        QPointer<TlsServerSocket> transport;
         LineBudget pingLines;
     };
     using Registry = std::list<Client>;
@@ -104,7 +103,8 @@ private:
     bool SendTo(QWebSocket *socket, const QString &text);
     qint64 UnsentLimit();
     void DropSlowReader(QWebSocket *socket);
-    QSslSocket *TransportOf(const QWebSocket *socket) const;
+    TlsServerSocket *TransportOf(const QWebSocket *socket) const;
+    QUrl ListeningUrl() const;
     QString ClientName(QWebSocket *socket) const;
     Client *FindClient(QWebSocket *socket);
     bool RemoveClient(QWebSocket *socket);
@@ -120,6 +120,8 @@ private:
     void WindDownIfEmpty();
 
     QWebSocketServer *endpoint = nullptr;
+    // The endpoint's child: it accepts connections and runs their TLS.
+    TlsListener *listener = nullptr;
     TlsIdentity identity;
     QString identityFolder;
     // In order of acceptance; the index finds a socket's record without a walk.

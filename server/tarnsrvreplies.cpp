@@ -1,4 +1,5 @@
 #include "tarnsrv.h"
+#include "tlsserversocket.h"
 
 #include <QWebSocket>
 
@@ -31,7 +32,8 @@ bool TarnSrv::SendTo(QWebSocket *socket, const QString &text)
 {
     socket->sendTextMessage(text);
     const Client *client = FindClient(socket);
-    const qint64 unsent = UnsentBytes(socket, client ? client->transport.data() : nullptr);
+    const TlsServerSocket *transport = client ? client->transport.data() : nullptr;
+    const qint64 unsent = socket->bytesToWrite() + (transport ? transport->EncryptedBytesToWrite() : 0);
     if (unsent <= UnsentFloorBytes || unsent <= UnsentLimit())
         return true;
     DropSlowReader(socket);
@@ -51,6 +53,10 @@ void TarnSrv::DropSlowReader(QWebSocket *socket)
     // nothing more from this socket is to be handled.
     disconnect(socket, nullptr, this, nullptr);
     const QString name = ClientName(socket);
+    const Client *client = FindClient(socket);
+    // What waits unsent goes with the connection, not after it.
+    if (TlsServerSocket *transport = client ? client->transport.data() : nullptr)
+        transport->Abort();
     const bool known = RemoveClient(socket);
     socket->abort();
     socket->deleteLater();

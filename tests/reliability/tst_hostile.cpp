@@ -316,7 +316,7 @@ private slots:
         const QByteArray ping = Frame(0x1, "Server ping", 11);
         flood->write(ping.repeated(Pings));
         QByteArray replies;
-        QTRY_VERIFY_WITH_TIMEOUT((replies += flood->readAll()).count("Server pong") == Pings, 60000);
+        QTRY_COMPARE_WITH_TIMEOUT(int((replies += flood->readAll()).count("Server pong")), Pings, 60000);
         const qint64 rssAfter = RssKb(pid);
         const qint64 logGrowth = LogFile().size() - logBefore;
         qInfo("ping flood: log grew %lld bytes, RSS %lld KiB before, %lld KiB after", logGrowth, rssBefore, rssAfter);

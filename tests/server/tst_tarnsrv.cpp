@@ -1,5 +1,6 @@
 #include "../testsupport.h"
 #include "tarnsrv.h"
+#include "tlsserversocket.h"
 #include "wsclient.h"
 
 #include <QSslSocket>
@@ -174,17 +175,31 @@ private slots:
         QTRY_VERIFY(server->GetActiveClients().isEmpty());
     }
 
+    void abortedHandshakesReleased_data()
+    {
+        QTest::addColumn<bool>("tlsDone");
+        QTest::newRow("before TLS") << false;
+        QTest::newRow("after TLS, before the upgrade") << true;
+    }
+
     void abortedHandshakesReleased()
     {
-        // Connections that close before any handshake must not pile up in the server.
-        std::vector<std::unique_ptr<QTcpSocket>> aborted;
+        // Connections that close before their WebSocket handshake must not pile up in the server.
+        QFETCH(bool, tlsDone);
+        std::vector<std::unique_ptr<QSslSocket>> aborted;
         for (int i = 0; i < 50; ++i) {
-            aborted.push_back(std::make_unique<QTcpSocket>());
-            aborted.back()->connectToHost(QHostAddress::LocalHost, port);
+            aborted.push_back(std::make_unique<QSslSocket>());
+            aborted.back()->setPeerVerifyMode(QSslSocket::VerifyNone);
+            if (tlsDone)
+                aborted.back()->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+            else
+                aborted.back()->connectToHost(QHostAddress::LocalHost, port);
         }
-        QTRY_COMPARE(server->findChildren<QSslSocket *>().size(), 50);
+        QTRY_COMPARE(server->findChildren<TlsServerSocket *>().size(), 50);
+        for (const auto &socket : aborted)
+            QTRY_VERIFY(tlsDone ? socket->isEncrypted() : socket->state() == QAbstractSocket::ConnectedState);
         aborted.clear();
-        QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<QSslSocket *>().size(), 0, TarnSrv::HandshakeSweepMs + 3000);
+        QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<TlsServerSocket *>().size(), 0, TarnSrv::HandshakeSweepMs + 3000);
 
         auto client = Connect(Origin(SessionA, QStringLiteral("After")));
         QVERIFY(client);

@@ -1,0 +1,85 @@
+#include "tlslistener.h"
+
+#include "tlsidentity.h"
+#include "tlsserversocket.h"
+
+#include <QSslCipher>
+
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+
+#include <memory>
+
+namespace {
+
+template <typename T, void (*Free)(T *)>
+struct Deleter
+{
+    void operator()(T *p) const { Free(p); }
+};
+using Bio = std::unique_ptr<BIO, Deleter<BIO, BIO_free_all>>;
+using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;
+using Certificate = std::unique_ptr<X509, Deleter<X509, X509_free>>;
+using Context = std::unique_ptr<SSL_CTX, Deleter<SSL_CTX, SSL_CTX_free>>;
+
+// Reads pem in place: it must outlive the buffer.
+Bio PemBuffer(const QByteArray &pem)
+{
+    return Bio(BIO_new_mem_buf(pem.constData(), pem.size()));
+}
+
+// The TLS 1.2 suites the identity allows, in OpenSSL's notation; TLS 1.3 has
+// only ephemeral exchanges and keeps OpenSSL's list.
+QByteArray Tls12CipherList(const TlsIdentity &identity)
+{
+    QStringList names;
+    for (const QSslCipher &cipher : identity.ServerConfiguration().ciphers()) {
+        if (cipher.protocol() != QSsl::TlsV1_3)
+            names.append(cipher.name());
+    }
+    return names.join(QLatin1Char(':')).toLatin1();
+}
+
+SSL_CTX *MakeContext(const TlsIdentity &identity)
+{
+    Context context(SSL_CTX_new(TLS_server_method()));
+    const QByteArray keyPem = identity.key.toPem();
+    const QByteArray certificatePem = identity.certificate.toPem();
+    const Key key(PEM_read_bio_PrivateKey(PemBuffer(keyPem).get(), nullptr, nullptr, nullptr));
+    const Certificate certificate(PEM_read_bio_X509(PemBuffer(certificatePem).get(), nullptr, nullptr, nullptr));
+    if (!context || !key || !certificate
+        || SSL_CTX_use_certificate(context.get(), certificate.get()) != 1
+        || SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1
+        || SSL_CTX_check_private_key(context.get()) != 1
+        || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1
+        || SSL_CTX_set_cipher_list(context.get(), Tls12CipherList(identity).constData()) != 1)
+        return nullptr;
+    SSL_CTX_set_options(context.get(), SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION
+                                           | SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_TICKET);
+    // Clients never resume: no session cache, no tickets to make per handshake.
+    SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_num_tickets(context.get(), 0);
+    // An idle connection gives its read and write buffers back.
+    SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
+    return context.release();
+}
+
+} // namespace
+
+TlsListener::TlsListener(const TlsIdentity &identity, QObject *parent)
+    : QTcpServer(parent), context(MakeContext(identity))
+{
+}
+
+TlsListener::~TlsListener()
+{
+    // Each connection holds its own reference to the context.
+    SSL_CTX_free(context);
+}
+
+void TlsListener::incomingConnection(qintptr descriptor)
+{
+    auto *socket = new TlsServerSocket(context, descriptor, this);
+    connect(socket, &TlsServerSocket::Encrypted, this, [this, socket] { emit Encrypted(socket); });
+    connect(socket, &TlsServerSocket::HandshakeFailed, socket, &QObject::deleteLater);
+}
