@@ -111,6 +111,7 @@ awk -v rsa="$RSA_SIGNS" '
         row("Node client: pings/s, N=100", "node_ping_100_per_s")
         row("Node client: pings/s, N=1000", "node_ping_1000_per_s")
         row("Node client: ping p99 us, N=1000", "node_ping_1000_p99_us")
+        row("Active clients p50 us, 100 sessions", "active_100_p50_us")
         row("Active clients p50 us, 10,000 sessions", "active_p50_us")
         row("Active clients p99 us, 10,000 sessions", "active_p99_us")
         row("Entries listed", "active_entries")

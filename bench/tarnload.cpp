@@ -137,6 +137,9 @@ bool PingPhase(LoadDriver &load, const Options &o)
         Result((prefix + "_per_s").constData(), r.perSecond);
         ReportLatency(prefix, r.latency);
         ok = ok && r.latency.count > 0;
+        // The active-clients list at this many sessions too: one per connection.
+        int entries = 0;
+        ReportLatency("active_" + QByteArray::number(n), load.QueryActiveClients(o.queries, &entries));
         load.CloseAll();
     }
     return ok;
