@@ -4,6 +4,7 @@
 #include "tlsserversocket.h"
 
 #include <QSslCipher>
+#include <QTimer>
 
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -11,6 +12,8 @@
 #include <memory>
 
 namespace {
+
+constexpr int AcceptRetryMs = 1000;
 
 template <typename T, void (*Free)(T *)>
 struct Deleter
@@ -69,6 +72,10 @@ SSL_CTX *MakeContext(const TlsIdentity &identity)
 TlsListener::TlsListener(const TlsIdentity &identity, QObject *parent)
     : QTcpServer(parent), context(MakeContext(identity))
 {
+    // Qt stops accepting for good when an accept fails, out of descriptors
+    // say; a second later some may be free again.
+    connect(this, &QTcpServer::acceptError, this,
+            [this] { QTimer::singleShot(AcceptRetryMs, this, &QTcpServer::resumeAccepting); });
 }
 
 TlsListener::~TlsListener()

@@ -20,6 +20,10 @@ namespace {
 constexpr int HandshakeDeadlineMs = 10000;
 // One TLS record's worth of plaintext.
 constexpr int ChunkBytes = 16 * 1024;
+// Taken from the network at a time, and what may wait unsent before
+// nothing more is read from a peer.
+constexpr qint64 ReadBufferBytes = 4 * ChunkBytes;
+constexpr qint64 MaxQueuedOutput = 4 * 1024 * 1024;
 
 // Hands bytes to the system without waiting; how many it took, 0 when none.
 qint64 SendNow(qintptr descriptor, const QByteArray &bytes)
@@ -32,9 +36,8 @@ qint64 SendNow(qintptr descriptor, const QByteArray &bytes)
     return sent > 0 ? qint64(sent) : 0;
 }
 
-bool WantsMore(SSL *ssl, int result)
+bool WantsMore(int error)
 {
-    const int error = SSL_get_error(ssl, result);
     return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
 }
 
@@ -50,7 +53,12 @@ TlsServerSocket::TlsServerSocket(SSL_CTX *context, qintptr descriptor, QObject *
     SSL_set_bio(ssl, incoming, outgoing);
     SSL_set_accept_state(ssl);
 
+    transport->setReadBufferSize(ReadBufferBytes);
     connect(transport, &QTcpSocket::readyRead, this, &TlsServerSocket::ReceiveRaw);
+    connect(transport, &QTcpSocket::bytesWritten, this, [this] {
+        if (readPaused)
+            ReceiveRaw();
+    });
     connect(transport, &QTcpSocket::disconnected, this, &TlsServerSocket::TransportDisconnected);
     QTimer::singleShot(HandshakeDeadlineMs, this, [this] {
         if (!encrypted)
@@ -114,6 +122,9 @@ void TlsServerSocket::disconnectFromHost()
         SendPending();
     }
     transport->disconnectFromHost();
+    // A peer that never reads would keep a closing connection for good.
+    if (transport->state() != UnconnectedState)
+        QTimer::singleShot(HandshakeDeadlineMs, transport, &QAbstractSocket::abort);
 }
 
 qint64 TlsServerSocket::readData(char *data, qint64 maxSize)
@@ -154,6 +165,11 @@ void TlsServerSocket::EncryptPending()
 
 void TlsServerSocket::ReceiveRaw()
 {
+    // A peer that leaves its answers unread is not read either: alerts and
+    // key updates answered for it would otherwise queue here without bound.
+    readPaused = transport->bytesToWrite() > MaxQueuedOutput;
+    if (readPaused)
+        return;
     const QByteArray raw = transport->readAll();
     // Once closed by its reader, the connection is only winding down.
     if (encrypted && !isOpen())
@@ -177,7 +193,7 @@ void TlsServerSocket::ContinueHandshake()
         setOpenMode(QIODevice::ReadWrite);
         emit Encrypted();
         Decrypt(); // the first request may have come with the last handshake message
-    } else if (!WantsMore(ssl, result)) {
+    } else if (!WantsMore(SSL_get_error(ssl, result))) {
         Fail();
     }
 }
@@ -192,12 +208,14 @@ void TlsServerSocket::Decrypt()
         plaintext.append(chunk, result);
         received += result;
     }
-    const bool ended = !WantsMore(ssl, result);
+    const int error = SSL_get_error(ssl, result);
     SendPending(); // alerts, key updates
     if (received > 0)
         emit readyRead();
-    if (ended)
-        SSL_get_error(ssl, result) == SSL_ERROR_ZERO_RETURN ? disconnectFromHost() : Fail();
+    if (error == SSL_ERROR_ZERO_RETURN)
+        disconnectFromHost();
+    else if (!WantsMore(error))
+        Fail();
 }
 
 // Straight to the system while nothing waits in the socket's queue, and the

@@ -61,4 +61,5 @@ private:
     QByteArray plaintext;
     QByteArray unencrypted;
     bool encrypted = false;
+    bool readPaused = false;
 };

@@ -1,5 +1,6 @@
 #include "../testsupport.h"
 #include "tarnsrv.h"
+#include "tlslistener.h"
 #include "tlsserversocket.h"
 #include "wsclient.h"
 
@@ -46,6 +47,35 @@ QStringList StartLines(quint16 port)
 
 const QStringList StopLines{QStringLiteral("Disconnecting all clients..."), QStringLiteral("Stopping Tarn server..."),
                             QStringLiteral("Tarn server stopped.")};
+} // namespace
+
+namespace {
+
+// Leaves exactly one descriptor free while it lives.
+class OneFreeDescriptor
+{
+public:
+    OneFreeDescriptor()
+    {
+        const int lowestFree = open("/dev/null", O_RDONLY);
+        close(lowestFree);
+        if (lowestFree < 0 || getrlimit(RLIMIT_NOFILE, &saved) != 0)
+            return;
+        const rlimit tight{rlim_t(lowestFree) + 1, saved.rlim_max};
+        ok = setrlimit(RLIMIT_NOFILE, &tight) == 0;
+    }
+    ~OneFreeDescriptor()
+    {
+        if (ok)
+            setrlimit(RLIMIT_NOFILE, &saved);
+    }
+
+    bool ok = false;
+
+private:
+    rlimit saved{};
+};
+
 } // namespace
 
 class TestTarnSrv : public QObject
@@ -366,18 +396,12 @@ private slots:
         QList<LogLine> lines;
         Collect(second, lines);
 
-        // Leave exactly one descriptor free: the endpoint's.
-        rlimit saved{};
-        QCOMPARE(getrlimit(RLIMIT_NOFILE, &saved), 0);
-        const int lowestFree = open("/dev/null", O_RDONLY);
-        QVERIFY(lowestFree >= 0);
-        close(lowestFree);
-        const rlimit tight{rlim_t(lowestFree) + 1, saved.rlim_max};
-        QCOMPARE(setrlimit(RLIMIT_NOFILE, &tight), 0);
-        auto restore = qScopeGuard([&saved] { setrlimit(RLIMIT_NOFILE, &saved); });
-        const int started = second.Start(0);
-        restore.dismiss();
-        setrlimit(RLIMIT_NOFILE, &saved);
+        int started = -1;
+        {
+            const OneFreeDescriptor limit; // the endpoint's
+            QVERIFY(limit.ok);
+            started = second.Start(0);
+        }
 
         QCOMPARE(started, 0);
         QVERIFY(second.IsRunning());
@@ -385,6 +409,21 @@ private slots:
         QCOMPARE(lines.at(2).type, 1u);
         QVERIFY2(lines.at(2).text.startsWith(QStringLiteral("Discovery is not available: cannot bind UDP port 49152 (")),
                  qPrintable(lines.at(2).text));
+    }
+
+    // Out of descriptors, the listener stops accepting; it takes clients again once some are free.
+    void acceptsAgainAfterRunningOutOfDescriptors()
+    {
+        QSignalSpy refused(server->findChild<TlsListener *>(), &QTcpServer::acceptError);
+        QTcpSocket starved;
+        {
+            const OneFreeDescriptor limit;
+            QVERIFY(limit.ok);
+            starved.connectToHost(QHostAddress::LocalHost, port); // takes the last one
+            QVERIFY(refused.wait(5000));
+        }
+        starved.abort();
+        QVERIFY(Connect(Origin(SessionA, QStringLiteral("After"))));
     }
 
 private:
