@@ -70,7 +70,7 @@ bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
     return isConnected;
 }
 
-// Up to 30 rounds of 100 ms; the connected slot ends a round early.
+// Up to 30 rounds of 100 ms; a slot that decides the attempt ends the wait.
 void TarnClt::WaitForConnection()
 {
     QTimer round;
@@ -79,9 +79,9 @@ void TarnClt::WaitForConnection()
     for (int attempt = 0; attempt < ConnectAttempts; ++attempt) {
         round.start(ConnectAttemptMs);
         connectLoop.exec();
-        // The slot may have run in an event loop nested in ours (a timer's
-        // blocking ping, say) in the same turn as the round's timeout.
-        if (round.isActive() || attemptEnded)
+        // Not the round's timer: the slot may have run in an event loop nested
+        // in ours (a timer's blocking ping, say) as that timer fired too.
+        if (attemptEnded)
             break;
     }
 }

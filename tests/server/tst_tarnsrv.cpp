@@ -47,9 +47,6 @@ QStringList StartLines(quint16 port)
 
 const QStringList StopLines{QStringLiteral("Disconnecting all clients..."), QStringLiteral("Stopping Tarn server..."),
                             QStringLiteral("Tarn server stopped.")};
-} // namespace
-
-namespace {
 
 // Leaves exactly one descriptor free while it lives.
 class OneFreeDescriptor
