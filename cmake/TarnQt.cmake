@@ -6,14 +6,14 @@ if(NOT TARN_QT_MAJOR MATCHES "^[56]$")
     message(FATAL_ERROR "TARN_QT_MAJOR must be 5 or 6, not '${TARN_QT_MAJOR}'")
 endif()
 
-if(TARN_SERVICE_ONLY)
-    # The Windows toolchain has Qt 5 Core only (scripts/windows-check.sh).
+set(tarn_qt_components Core Network WebSockets Widgets)
+if(WIN32)
+    # The Windows toolchain is Qt 5 without its test library (scripts/windows-toolchain.sh).
     if(NOT TARN_QT_MAJOR EQUAL 5)
-        message(FATAL_ERROR "TARN_SERVICE_ONLY builds with Qt 5")
+        message(FATAL_ERROR "The Windows build uses Qt 5")
     endif()
-    set(tarn_qt_components Core)
 else()
-    set(tarn_qt_components Core Network WebSockets Widgets Test)
+    list(APPEND tarn_qt_components Test)
 endif()
 
 if(TARN_QT_MAJOR EQUAL 6)

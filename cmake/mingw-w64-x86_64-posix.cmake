@@ -1,6 +1,6 @@
 # Cross build for 64-bit Windows with Debian's mingw-w64 (posix threads).
-# TARN_WIN_QT_PREFIX names a Qt 5 built for that target (scripts/windows-check.sh
-# prepares one).
+# TARN_WIN_QT_PREFIX names the prefix that holds Qt 5 and OpenSSL built for that
+# target (scripts/windows-toolchain.sh prepares one).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(TARN_MINGW x86_64-w64-mingw32)
@@ -14,6 +14,7 @@ endif()
 if(TARN_WIN_QT_PREFIX)
     list(APPEND CMAKE_FIND_ROOT_PATH ${TARN_WIN_QT_PREFIX})
     list(APPEND CMAKE_PREFIX_PATH ${TARN_WIN_QT_PREFIX})
+    set(OPENSSL_ROOT_DIR ${TARN_WIN_QT_PREFIX})
 endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -5,6 +5,12 @@
 
 #include <QApplication>
 
+#ifdef Q_OS_WIN
+#include <windows.h>
+
+#include <cstdio>
+#endif
+
 namespace {
 
 void NameApplication()
@@ -32,6 +38,30 @@ bool LacksDisplay()
 #endif
 }
 
+// A windowed Windows program started from a console has no standard streams
+// of its own: the texts, the identity tools and a headless run write to that
+// console, and its Ctrl+C stops a headless run. True when attached.
+bool AttachParentConsole()
+{
+#ifdef Q_OS_WIN
+    const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
+    if ((out && out != INVALID_HANDLE_VALUE) || !AttachConsole(ATTACH_PARENT_PROCESS))
+        return false;
+    return std::freopen("CONOUT$", "w", stdout) && std::freopen("CONOUT$", "w", stderr);
+#else
+    return false;
+#endif
+}
+
+// A window leaves the console it was started from, whose Ctrl+C would end it.
+void LeaveConsole([[maybe_unused]] bool attached)
+{
+#ifdef Q_OS_WIN
+    if (attached)
+        FreeConsole();
+#endif
+}
+
 QStringList Arguments(int argc, char *argv[])
 {
     QStringList arguments;
@@ -44,6 +74,7 @@ QStringList Arguments(int argc, char *argv[])
 
 int main(int argc, char *argv[])
 {
+    const bool consoleAttached = AttachParentConsole();
     // Read before the application exists: the platform depends on it.
     ManagerCommandLine commandLine;
     if (!commandLine.Parse(Arguments(argc, argv)))
@@ -55,6 +86,8 @@ int main(int argc, char *argv[])
     // The window is built but never shown, so it needs no display.
     if (options.headless)
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    else
+        LeaveConsole(consoleAttached);
 
     TarnSrv::PreferScalableEventLoop();
     QApplication app(argc, argv);

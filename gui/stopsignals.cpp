@@ -1,6 +1,9 @@
 #include "stopsignals.h"
 
 #ifdef Q_OS_WIN
+#include <QAbstractNativeEventFilter>
+#include <QCoreApplication>
+
 #include <windows.h>
 #else
 #include <QSocketNotifier>
@@ -27,18 +30,36 @@ BOOL WINAPI OnConsoleControl(DWORD event)
         WaitForSingleObject(stopped, MaxStopWaitMs);
     return TRUE;
 }
+
+// A headless manager has no window to close: the request reaches its main
+// thread as a thread message, which the event loop shows to native filters.
+class ThreadCloseFilter : public QAbstractNativeEventFilter
+{
+public:
+    bool nativeEventFilter(const QByteArray &, void *message, long *) override
+    {
+        const MSG *msg = static_cast<const MSG *>(message);
+        if (msg->hwnd || msg->message != WM_CLOSE)
+            return false;
+        emit instance->Received();
+        return true;
+    }
+};
 } // namespace
 
 StopSignals::StopSignals(QObject *parent)
-    : QObject(parent)
+    : QObject(parent), closeFilter(new ThreadCloseFilter)
 {
     instance = this;
     stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     SetConsoleCtrlHandler(OnConsoleControl, TRUE);
+    QCoreApplication::instance()->installNativeEventFilter(closeFilter.get());
 }
 
 StopSignals::~StopSignals()
 {
+    if (QCoreApplication::instance())
+        QCoreApplication::instance()->removeNativeEventFilter(closeFilter.get());
     SetEvent(stopped);
     SetConsoleCtrlHandler(OnConsoleControl, FALSE);
     instance = nullptr;

@@ -2,11 +2,16 @@
 
 #include <QObject>
 
+#include <memory>
+
+class QAbstractNativeEventFilter;
 class QSocketNotifier;
 
 // Turns the requests to end the process (SIGTERM and SIGINT; on Windows the
-// console's control events) into a signal in the event loop, so that the
-// manager stops its server the usual way. One instance at a time.
+// console's control events and a WM_CLOSE sent to the process's threads, as
+// the service host and QProcess::terminate send it) into a signal in the event
+// loop, so that the manager stops its server the usual way. One instance at a
+// time, made after the application object.
 class StopSignals : public QObject
 {
     Q_OBJECT
@@ -19,7 +24,9 @@ signals:
     void Received();
 
 private:
-#ifndef Q_OS_WIN
+#ifdef Q_OS_WIN
+    std::unique_ptr<QAbstractNativeEventFilter> closeFilter;
+#else
     void Drain();
 
     QSocketNotifier *notifier = nullptr;

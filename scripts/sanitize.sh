@@ -18,4 +18,4 @@ export ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export LSAN_OPTIONS=suppressions=$PWD/../tests/lsan.supp
 QT_QPA_PLATFORM=offscreen ctest --output-on-failure --timeout 900 \
-    -E '^(tst_hostile|deb_install|bench_smoke|service_mingw_syntax)$'
+    -E '^(tst_hostile|deb_install|bench_smoke)$'

@@ -8,8 +8,14 @@
 //   scquery alive <pid>       "yes" while the process runs, else "no"
 //   scquery text <code>       the system's message text for an error code, as
 //                             Qt's qt_error_string gives it
+//   scquery pid <program>     the process ids of the running <program>
+//                             (a file name such as TarnSrv.exe), one a line
+//   scquery close <pid>       asks the process to end as QProcess::terminate
+//                             and the service host do: WM_CLOSE to its
+//                             top-level windows and to each of its threads
 
 #include <windows.h>
+#include <tlhelp32.h>
 
 #include <fcntl.h>
 #include <io.h>
@@ -17,6 +23,47 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+
+namespace {
+
+BOOL CALLBACK CloseWindowOf(HWND window, LPARAM pid)
+{
+    DWORD owner = 0;
+    GetWindowThreadProcessId(window, &owner);
+    if (owner == DWORD(pid))
+        PostMessageW(window, WM_CLOSE, 0, 0);
+    return TRUE;
+}
+
+// How many threads of the process were sent the request.
+int AskToClose(DWORD pid)
+{
+    EnumWindows(CloseWindowOf, LPARAM(pid));
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 thread = {};
+    thread.dwSize = sizeof(thread);
+    int asked = 0;
+    for (BOOL more = Thread32First(snapshot, &thread); more; more = Thread32Next(snapshot, &thread)) {
+        if (thread.th32OwnerProcessID == pid && PostThreadMessageW(thread.th32ThreadID, WM_CLOSE, 0, 0))
+            ++asked;
+    }
+    CloseHandle(snapshot);
+    return asked;
+}
+
+void PrintProcessIds(const wchar_t *program)
+{
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32W process = {};
+    process.dwSize = sizeof(process);
+    for (BOOL more = Process32FirstW(snapshot, &process); more; more = Process32NextW(snapshot, &process)) {
+        if (_wcsicmp(process.szExeFile, program) == 0)
+            printf("%lu\n", process.th32ProcessID);
+    }
+    CloseHandle(snapshot);
+}
+
+} // namespace
 
 int wmain(int argc, wchar_t **argv)
 {
@@ -78,6 +125,12 @@ int wmain(int argc, wchar_t **argv)
         printf(alive ? "yes\n" : "no\n");
         return 0;
     }
+    if (wcscmp(argv[1], L"pid") == 0) {
+        PrintProcessIds(argv[2]);
+        return 0;
+    }
+    if (wcscmp(argv[1], L"close") == 0)
+        return AskToClose(DWORD(wcstoul(argv[2], nullptr, 10))) > 0 ? 0 : 1;
     if (wcscmp(argv[1], L"text") == 0) {
         const DWORD code = DWORD(wcstoul(argv[2], nullptr, 10));
         wchar_t *text = nullptr;

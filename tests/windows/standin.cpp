@@ -1,5 +1,5 @@
-// Stand-in for the manager TarnSrv in the Windows check under Wine: the full
-// manager needs Qt modules the Windows check does not build. It notes in
+// Stand-in for the manager TarnSrv in the service host's check under Wine,
+// for what the real manager cannot show: a child that hangs. It notes in
 // TarnSrv.log beside it that it started (with its process id and arguments)
 // and whether it was asked to close. With a file TarnSrv.ignore-close beside
 // it, it notes the request and keeps running, like a child that hangs.
