@@ -41,12 +41,14 @@ step() { echo "== $* ($(date +%T))"; }
 OPENSSL_OPTIONS=(mingw64 shared no-tests --cross-compile-prefix=$MINGW-
     "--prefix=C:/Program Files/OpenSSL" --openssldir=SSL --libdir=lib)
 # Only what the product loads: no OpenGL, SQL, D-Bus, printing, XML,
-# concurrency, test library or image-format plugins.
+# concurrency, test library or image-format plugins. No tablet events either:
+# Debian's source leaves out the Wintab header that the windows plugin needs
+# for them.
 QT_OPTIONS=(-xplatform win32-g++ -device-option CROSS_COMPILE=$MINGW- -release -shared
     -opensource -confirm-license -nomake examples -nomake tests -no-opengl -no-dbus -no-icu
     -no-feature-sql -no-feature-xml -no-feature-testlib -no-feature-concurrent
     -no-feature-printer -no-feature-direct2d -no-feature-vulkan -no-feature-tuiotouch
-    -no-feature-bearermanagement -no-gif -no-ico -no-libjpeg
+    -no-feature-bearermanagement -no-feature-tabletevent -no-gif -no-ico -no-libjpeg
     -qt-pcre -qt-zlib -qt-libpng -qt-freetype -qt-harfbuzz -openssl-linked)
 
 qtbase_version() { dpkg-query -W -f='${Version}' libqt5core5a 2>/dev/null || die "Qt 5 is not installed (scripts/deps.sh)"; }

@@ -28,5 +28,6 @@ if grep -q 'warning:' "$BUILD/build.log"; then
 fi
 rm -f "$BUILD"/tarn-*-win64.zip
 (cd "$BUILD" && cpack -G ZIP > cpack.log 2>&1) || { cat "$BUILD/cpack.log"; exit 1; }
-grep -E 'DLL' "$BUILD/cpack.log" || true
-ls "$BUILD"/tarn-*-win64.zip
+ZIP=$(ls "$BUILD"/tarn-*-win64.zip)
+unzip -Z1 "$ZIP" | grep -v '/$' | sort
+echo "$ZIP"

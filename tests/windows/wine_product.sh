@@ -86,7 +86,10 @@ step "1. the programs run"
 run tarn.exe --version
 check "tarn.exe --version: $OUT" [ "$CODE" = 0 ] && [ "$OUT" = "tarn $VERSION" ]
 run TarnSrv.exe --help
-check "TarnSrv.exe --help" [ "$CODE" = 0 ] && [ "$OUT" = "$("$LINUX_MANAGER" --help)" ]
+# The same options as on Linux; the program's name and the identity's folder
+# are the platform's.
+check "TarnSrv.exe --help" [ "$CODE" = 0 ] && [ "$(tail -n +4 <<< "$OUT")" = "$("$LINUX_MANAGER" --help | tail -n +4)" ]
+check "the identity's folder in --help" grep -q "kept in C:/users/.*/AppData/Local/VARNOK Labs/VARNOK Manager\.$" <<< "$OUT"
 run TarnSrv.exe --fingerprint
 FINGERPRINT=$OUT
 IDENTITY=$(echo "$WINEPREFIX"/drive_c/users/*/AppData/Local/"VARNOK Labs/VARNOK Manager")
@@ -164,7 +167,7 @@ start_manager configured --headless
 check "the configured manager serves" serving configured "$P_SETTINGS"
 end_manager
 run reg query 'HKCU\Software\VARNOK Labs\VARNOK Manager\Server'
-check "the registry holds the port: $OUT" grep -qE "PortNr +REG_SZ +$P_SETTINGS" <<< "$OUT"
+check "the registry holds the port: $OUT" grep -qiE "PortNr +REG_(SZ +$P_SETTINGS|DWORD +$(printf '0x%x' "$P_SETTINGS"))$" <<< "$OUT"
 rm "$DIR/TarnSrv.cfg"
 start_manager restored --headless
 check "without the file the stored port and auto start serve" serving restored "$P_SETTINGS"
