@@ -128,6 +128,9 @@ void LogWindow::Show(quint32 type, const QString &stamp, const QString &text)
         return;
     const QByteArray line = QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), text).toUtf8();
     std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+    // Windows' C runtime buffers stderr when it is a file or a pipe, and a
+    // headless log is read as it grows.
+    std::fflush(stderr);
 }
 
 void LogWindow::ShowMessageBox(const QString &text, quint32 type)

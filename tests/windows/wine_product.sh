@@ -56,6 +56,7 @@ mkdir -p "$LOGDIR"
 
 # ping <port> [tarn options...]: the Linux tarn's ping.
 ping_linux() { local port=$1; shift; "$TARN" ping "$@" "wss://127.0.0.1:$port" > "$WORK/ping.out" 2>&1; }
+unanswered() { ! ping_linux "$1" --insecure; }
 # start_manager <name> <args...>: TarnSrv.exe in the background; its streams
 # in $WORK/<name>.out and .err, the wine process in MANAGER.
 start_manager() {
@@ -107,13 +108,14 @@ for _ in $(seq 100); do
     sleep 0.2
 done
 check "the window is shown" [ -n "$WINDOW" ]
-check "not serving before the button" ! ping_linux "$P_WINDOW" --insecure
+check "not serving before the button" unanswered "$P_WINDOW"
 if [ -n "$WINDOW" ]; then
-    [ -n "${TARN_SCREENSHOT:-}" ] && import -window root "$TARN_SCREENSHOT"
-    xdotool mousemove --window "$WINDOW" "${TARN_START_BUTTON_X:-360}" "${TARN_START_BUTTON_Y:-118}" click 1
+    # The button's place in the window, as Wine lays it out (no window manager).
+    xdotool mousemove --window "$WINDOW" "${TARN_START_BUTTON_X:-238}" "${TARN_START_BUTTON_Y:-257}" click 1
 fi
 for _ in $(seq 50); do ping_linux "$P_WINDOW" --insecure && break; sleep 0.2; done
 check "the Start button starts the server" ping_linux "$P_WINDOW" --insecure
+[ -n "$WINDOW" ] && [ -n "${TARN_SCREENSHOT:-}" ] && import -window "$WINDOW" "$TARN_SCREENSHOT"
 end_manager
 check "the window ends when told to: $MANAGER_CODE" [ "$MANAGER_CODE" = 0 ]
 
@@ -134,9 +136,11 @@ on_exit "kill $WATCH 2>/dev/null"
 sleep 1
 check "the Linux tarn lists the clients" "$TARN" clients --json "wss://127.0.0.1:$P_HEADLESS" > "$WORK/clients.out"
 check "the list holds the watcher" grep -q '"watcher"' "$WORK/clients.out"
-ping_linux "$P_HEADLESS" --name visitor
-check "the Linux tarn watches a client come" wait_line "$WORK/watch.out" visitor
-kill "$WATCH" 2>/dev/null
+"$TARN" watch --name visitor "wss://127.0.0.1:$P_HEADLESS" > /dev/null 2>&1 &
+VISITOR=$!
+on_exit "kill $VISITOR 2>/dev/null"
+check "the Linux tarn watches a client come" wait_line "$WORK/watch.out" '\+ visitor'
+kill "$WATCH" "$VISITOR" 2>/dev/null
 check "the Linux manager serves" serving linux "$P_LINUX"
 run tarn.exe ping "wss://127.0.0.1:$P_LINUX"
 check "tarn.exe pings the Linux manager: $OUT $ERR" [ "$CODE" = 0 ]
