@@ -112,6 +112,20 @@ wait_line() { # wait_line <file> <pattern> [seconds]: up to 10 s unless said
 }
 STOPPED=1 RUNNING=4 PAUSED=7
 
+# controls <host> <check...>: pause, resume and command 5 through the service
+# host; after each, the state the manager shows and the caller's check, given
+# the flag.
+controls() {
+    local host=$1 step flag state; shift
+    for step in "-p $PAUSED" "-r $RUNNING" "-c $RUNNING"; do
+        read -r flag state <<< "$step"
+        expect "$flag 5" "" "" 0 "$host" "$flag" 5
+        query TarnSvc
+        check "$flag: state $STATE, expected $state" [ "$STATE" = "$state" ]
+        "$@" "$flag"
+    done
+}
+
 # finish <name> <logs...>: the summary; the logs are shown when a check failed.
 finish() {
     local name=$1 log; shift
