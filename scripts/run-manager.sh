@@ -8,7 +8,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 build=${TARN_BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja ${TARN_QT_MAJOR:+-DTARN_QT_MAJOR="$TARN_QT_MAJOR"} >/dev/null
+# A folder configured before keeps its generator.
+generator=(-G Ninja)
+[ -f "$build/CMakeCache.txt" ] && generator=()
+cmake -S . -B "$build" "${generator[@]}" ${TARN_QT_MAJOR:+-DTARN_QT_MAJOR="$TARN_QT_MAJOR"} >/dev/null
 cmake --build "$build" --parallel "$(nproc)" --target TarnSrv tarn
 if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] || [ -n "${QT_QPA_PLATFORM:-}" ]; then
     exec "$build/gui/TarnSrv" "$@"

@@ -7,7 +7,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 build=${TARN_BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja ${TARN_QT_MAJOR:+-DTARN_QT_MAJOR="$TARN_QT_MAJOR"}
+# A folder configured before keeps its generator.
+generator=(-G Ninja)
+[ -f "$build/CMakeCache.txt" ] && generator=()
+cmake -S . -B "$build" "${generator[@]}" ${TARN_QT_MAJOR:+-DTARN_QT_MAJOR="$TARN_QT_MAJOR"}
 cmake --build "$build" --parallel "$(nproc)"
 cd "$build"
 QT_QPA_PLATFORM=offscreen ctest --output-on-failure --timeout 600
