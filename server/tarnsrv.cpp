@@ -44,8 +44,6 @@ TarnSrv::TarnSrv()
 {
     heartbeatTimer.setInterval(HeartBeatIntervalMs);
     connect(&heartbeatTimer, &QTimer::timeout, this, &TarnSrv::SendHeartBeat);
-    handshakeSweepTimer.setInterval(HandshakeSweepMs);
-    connect(&handshakeSweepTimer, &QTimer::timeout, this, &TarnSrv::ReleaseAbandonedHandshakes);
     memoryTrimTimer.setSingleShot(true);
     memoryTrimTimer.setInterval(MemoryTrimDelayMs);
     connect(&memoryTrimTimer, &QTimer::timeout, this, &TarnSrv::ReturnFreedMemory);
@@ -122,9 +120,9 @@ int TarnSrv::Start(int port)
 
     WidenListenBacklog(listener->socketDescriptor());
     serverUrl = ListeningUrl();
-    handshakeSweepTimer.start();
     summaryTimer.start();
-    connect(listener, &TlsListener::Encrypted, endpoint, &QWebSocketServer::handleConnection);
+    connect(listener, &TlsListener::Ready, endpoint, &QWebSocketServer::handleConnection);
+    connect(listener, &TlsListener::Released, this, &TarnSrv::ScheduleMemoryTrim);
     connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
     LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(listener->serverPort()));
 
@@ -149,7 +147,6 @@ void TarnSrv::Stop()
     SummarizeRepeatedLines();
     summaryTimer.stop();
     connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);
-    handshakeSweepTimer.stop();
     endpoint->deleteLater();
     endpoint = nullptr;
     listener = nullptr;
@@ -235,11 +232,15 @@ void TarnSrv::cltConnection()
 
     Client rec(ClientRecord::FromOrigin(socket->origin()));
     rec.socket = socket;
-    rec.transport = TransportOf(socket);
-    // The WebSocket does not take its connection over; as its child, the
-    // connection goes with it, and the listener keeps only handshakes.
-    if (rec.transport)
-        rec.transport->setParent(socket);
+    // The connection goes with its WebSocket, which does not take it over itself.
+    rec.transport = listener->TakeOver(socket->peerAddress(), socket->peerPort());
+    if (!rec.transport) {
+        socket->deleteLater();
+        return;
+    }
+    rec.transport->setParent(socket);
+    rec.transport->SetUnsentLimit(UnsentFloorBytes);
+    connect(rec.transport, &TlsServerSocket::UnsentOverrun, this, [this, socket] { DropSlowReader(socket); });
     connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
         const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
         RcvdMessage(msg);
@@ -305,26 +306,14 @@ void TarnSrv::WindDownIfEmpty()
     if (!registry.empty())
         return;
     heartbeatTimer.stop();
-    memoryTrimTimer.start();
+    ScheduleMemoryTrim();
 }
 
-// The endpoint keeps a connection that closed during its WebSocket handshake
-// until the endpoint itself goes: a stream of aborted connections would grow
-// the server without bound. Those connections still belong to the listener
-// and are no longer connected.
-void TarnSrv::ReleaseAbandonedHandshakes()
+// Once per burst of ended connections, whichever way they ended: restarting
+// the timer on each would postpone the trim for as long as a flood lasts.
+void TarnSrv::ScheduleMemoryTrim()
 {
-    if (!listener)
-        return;
-    const QList<TlsServerSocket *> sockets = listener->findChildren<TlsServerSocket *>(QString(), Qt::FindDirectChildrenOnly);
-    bool released = false;
-    for (TlsServerSocket *socket : sockets) {
-        if (!socket->IsClosed())
-            continue;
-        socket->deleteLater();
-        released = true;
-    }
-    if (released)
+    if (!memoryTrimTimer.isActive())
         memoryTrimTimer.start();
 }
 
@@ -335,20 +324,6 @@ void TarnSrv::ReturnFreedMemory()
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
-}
-
-// The TLS socket under a new WebSocket: the newest of the listener's
-// encrypted connections from the same peer address and port.
-TlsServerSocket *TarnSrv::TransportOf(const QWebSocket *socket) const
-{
-    const QObjectList &children = listener ? listener->children() : QObjectList();
-    for (auto it = children.crbegin(); it != children.crend(); ++it) {
-        auto *tls = qobject_cast<TlsServerSocket *>(*it);
-        if (tls && tls->peerPort() == socket->peerPort() && tls->peerAddress() == socket->peerAddress()
-            && tls->IsEncrypted())
-            return tls;
-    }
-    return nullptr;
 }
 
 // wss://<listening address>:<port>; discovery replaces the host for each requester.
@@ -397,6 +372,7 @@ TarnSrv::Registry::iterator TarnSrv::ForgetRecord(Registry::iterator it)
     recordOf.remove(it->socket);
     LogPingSummary(it->guestName.toHtmlEscaped(), it->pingLines);
     activeClientsReply.clear();
+    ScheduleMemoryTrim();
     return registry.erase(it);
 }
 
@@ -405,4 +381,13 @@ void TarnSrv::SummarizeRepeatedLines()
     for (Client &client : registry)
         LogPingSummary(client.guestName.toHtmlEscaped(), client.pingLines);
     LogPingSummary(UnknownHost, unknownPingLines);
+    if (!listener)
+        return;
+    const TlsListener::Drops drops = listener->TakeDrops();
+    if (drops.late > 0)
+        LogInfo(QStringLiteral("%1 connections did not complete their handshake within %2 s and were closed.")
+                    .arg(drops.late).arg(TlsListener::DeadlineMs / 1000));
+    if (drops.displaced > 0)
+        LogInfo(QStringLiteral("%1 unfinished handshakes were closed to make room for newer ones.")
+                    .arg(drops.displaced));
 }

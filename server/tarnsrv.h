@@ -54,14 +54,12 @@ public:
 
     // Upper bound for one incoming frame or message; the protocol's are tiny.
     static constexpr quint64 MaxIncomingSize = 64 * 1024;
-    // Period of the clean-up of connections that ended before their handshake.
-    static constexpr int HandshakeSweepMs = 5000;
-    // Delay between a release of many connections and returning their memory,
-    // long enough for the deferred deletions to have run.
+    // Delay between the first of a burst of ended connections and returning
+    // their memory, long enough for the deferred deletions to have run.
     static constexpr int MemoryTrimDelayMs = 1000;
     // A client may leave this much unread, plus two active-clients replies; one
     // request at a time never comes near it. Past it the client is dropped.
-    static constexpr qint64 UnsentFloorBytes = 1024 * 1024;
+    static constexpr qint64 UnsentFloorBytes = 256 * 1024;
     // Per client and period, the first repeats of a log line are written as
     // they are; the rest are counted into one summary line.
     static constexpr int RepeatedLinesPerPeriod = 10;
@@ -77,7 +75,7 @@ private slots:
     void cltDisconnected();
     void RcvdMessage(QString msg);
     qint64 SendHeartBeat();
-    void ReleaseAbandonedHandshakes();
+    void ScheduleMemoryTrim();
     void ReturnFreedMemory();
     void SummarizeRepeatedLines();
 
@@ -93,7 +91,7 @@ private:
     struct Client : ClientRecord
     {
         explicit Client(const ClientRecord &rec) : ClientRecord(rec) {}
-        // The TLS socket under the WebSocket, where encrypted bytes wait to be sent.
+        // The connection under the WebSocket, which holds what waits to be sent.
         QPointer<TlsServerSocket> transport;
         LineBudget pingLines;
     };
@@ -103,7 +101,6 @@ private:
     bool SendTo(QWebSocket *socket, const QString &text);
     qint64 UnsentLimit();
     void DropSlowReader(QWebSocket *socket);
-    TlsServerSocket *TransportOf(const QWebSocket *socket) const;
     QUrl ListeningUrl() const;
     QString ClientName(QWebSocket *socket) const;
     Client *FindClient(QWebSocket *socket);
@@ -130,7 +127,6 @@ private:
     QUrl serverUrl;
     SrvUrlDetect *discovery = nullptr;
     QTimer heartbeatTimer;
-    QTimer handshakeSweepTimer;
     QTimer memoryTrimTimer;
     QTimer summaryTimer;
     // Pings from sockets without a record share one budget.

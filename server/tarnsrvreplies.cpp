@@ -27,17 +27,11 @@ bool TarnSrv::ReplyToSender(const QString &text)
 
 // Every reply waits in the server until the client reads it, so a client that
 // asks without reading would make the server hold without end: past its limit,
-// it is dropped. False when it was.
+// its connection ends and UnsentOverrun drops the client. False when it was.
 bool TarnSrv::SendTo(QWebSocket *socket, const QString &text)
 {
     socket->sendTextMessage(text);
-    const Client *client = FindClient(socket);
-    const TlsServerSocket *transport = client ? client->transport.data() : nullptr;
-    const qint64 unsent = socket->bytesToWrite() + (transport ? transport->EncryptedBytesToWrite() : 0);
-    if (unsent <= UnsentFloorBytes || unsent <= UnsentLimit())
-        return true;
-    DropSlowReader(socket);
-    return false;
+    return socket->state() == QAbstractSocket::ConnectedState;
 }
 
 // Room for two full active-clients replies, whatever the size of the list:
@@ -49,16 +43,11 @@ qint64 TarnSrv::UnsentLimit()
 
 void TarnSrv::DropSlowReader(QWebSocket *socket)
 {
-    // Detached first: the abort reports the disconnection at once, and
-    // nothing more from this socket is to be handled.
+    // Detached first: the connection reports its end at once, and nothing
+    // more from this socket is to be handled.
     disconnect(socket, nullptr, this, nullptr);
     const QString name = ClientName(socket);
-    const Client *client = FindClient(socket);
-    // What waits unsent goes with the connection, not after it.
-    if (TlsServerSocket *transport = client ? client->transport.data() : nullptr)
-        transport->Abort();
     const bool known = RemoveClient(socket);
-    socket->abort();
     socket->deleteLater();
     emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected.").arg(name), 1, false);
     if (known) {
@@ -105,6 +94,9 @@ void TarnSrv::MarkHeartBeat()
 
 void TarnSrv::ReplyActiveClients()
 {
+    // The only reply that grows with the registry raises the sender's limit with it.
+    if (Client *client = FindClient(senderSocket); client && client->transport)
+        client->transport->SetUnsentLimit(UnsentLimit());
     ReplyToSender(ActiveClientsReply());
 }
 

@@ -20,7 +20,12 @@ public:
     explicit ScriptedServer(const QString &answer)
         : server(QStringLiteral("scripted"), QWebSocketServer::SecureMode)
     {
-        server.setSslConfiguration(TlsIdentity::LoadOrCreate(TlsIdentity::DefaultFolder(), nullptr).ServerConfiguration());
+        const TlsIdentity identity = TlsIdentity::LoadOrCreate(TlsIdentity::DefaultFolder(), nullptr);
+        QSslConfiguration config;
+        config.setLocalCertificate(identity.certificate);
+        config.setPrivateKey(identity.key);
+        config.setPeerVerifyMode(QSslSocket::VerifyNone);
+        server.setSslConfiguration(config);
         server.listen(QHostAddress::LocalHost, 0);
         connect(&server, &QWebSocketServer::newConnection, this, [this, answer] {
             QWebSocket *socket = server.nextPendingConnection();

@@ -226,7 +226,7 @@ private slots:
         for (const auto &socket : aborted)
             QTRY_VERIFY(tlsDone ? socket->isEncrypted() : socket->state() == QAbstractSocket::ConnectedState);
         aborted.clear();
-        QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<TlsServerSocket *>().size(), 0, TarnSrv::HandshakeSweepMs + 3000);
+        QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<TlsServerSocket *>().size(), 0, 3000);
 
         auto client = Connect(Origin(SessionA, QStringLiteral("After")));
         QVERIFY(client);

@@ -8,7 +8,6 @@
 #include <QFileInfo>
 #include <QLockFile>
 #include <QSaveFile>
-#include <QSslCipher>
 #include <QStandardPaths>
 #include <QSysInfo>
 
@@ -184,24 +183,4 @@ QString TlsIdentity::CertificatePath(const QString &folder)
 QString TlsIdentity::Fingerprint() const
 {
     return Tarn::Fingerprint(certificate);
-}
-
-QSslConfiguration TlsIdentity::ServerConfiguration() const
-{
-    // Named suites only with an ephemeral (EC)DHE exchange, so a recorded session
-    // stays secret even if the key leaks later. TLS 1.3 has no other kind.
-    QList<QSslCipher> ciphers;
-    for (const QSslCipher &cipher : QSslConfiguration::supportedCiphers()) {
-        const QString exchange = cipher.keyExchangeMethod();
-        const bool ephemeral = exchange == QLatin1String("ECDH") || exchange == QLatin1String("DH");
-        if (cipher.protocol() == QSsl::TlsV1_3 || (cipher.protocol() == QSsl::TlsV1_2 && ephemeral))
-            ciphers.append(cipher);
-    }
-    QSslConfiguration config;
-    config.setPeerVerifyMode(QSslSocket::VerifyNone);
-    config.setLocalCertificate(certificate);
-    config.setPrivateKey(key);
-    config.setProtocol(QSsl::TlsV1_2OrLater);
-    config.setCiphers(ciphers);
-    return config;
 }

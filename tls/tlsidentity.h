@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QSslCertificate>
-#include <QSslConfiguration>
 #include <QSslKey>
 #include <QString>
 
@@ -25,9 +24,6 @@ public:
 
     bool isNull() const { return certificate.isNull() || key.isNull(); }
     QString Fingerprint() const;
-    // TLS 1.2 and later, ephemeral key exchange only, no client certificates.
-    QSslConfiguration ServerConfiguration() const;
-
     // A new certificate is valid this long; renewal is the operator's decision.
     static constexpr int ValidityDays = 825;
 

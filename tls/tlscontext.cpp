@@ -1,10 +1,6 @@
-#include "tlslistener.h"
+#include "tlscontext.h"
 
 #include "tlsidentity.h"
-#include "tlsserversocket.h"
-
-#include <QSslCipher>
-#include <QTimer>
 
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -13,7 +9,11 @@
 
 namespace {
 
-constexpr int AcceptRetryMs = 1000;
+// TLS 1.2 offers only ephemeral ECDHE with AEAD ciphers, so a recorded session
+// stays secret if the key leaks later and no CBC padding oracle exists. The
+// identity's key is ECDSA. TLS 1.3 keeps OpenSSL's suites, all of that kind.
+const char Tls12Ciphers[] = "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:"
+                            "ECDHE-ECDSA-CHACHA20-POLY1305";
 
 template <typename T, void (*Free)(T *)>
 struct Deleter
@@ -31,19 +31,9 @@ Bio PemBuffer(const QByteArray &pem)
     return Bio(BIO_new_mem_buf(pem.constData(), pem.size()));
 }
 
-// The TLS 1.2 suites the identity allows, in OpenSSL's notation; TLS 1.3 has
-// only ephemeral exchanges and keeps OpenSSL's list.
-QByteArray Tls12CipherList(const TlsIdentity &identity)
-{
-    QStringList names;
-    for (const QSslCipher &cipher : identity.ServerConfiguration().ciphers()) {
-        if (cipher.protocol() != QSsl::TlsV1_3)
-            names.append(cipher.name());
-    }
-    return names.join(QLatin1Char(':')).toLatin1();
-}
+} // namespace
 
-SSL_CTX *MakeContext(const TlsIdentity &identity)
+SSL_CTX *MakeServerContext(const TlsIdentity &identity)
 {
     Context context(SSL_CTX_new(TLS_server_method()));
     const QByteArray keyPem = identity.key.toPem();
@@ -55,7 +45,7 @@ SSL_CTX *MakeContext(const TlsIdentity &identity)
         || SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1
         || SSL_CTX_check_private_key(context.get()) != 1
         || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1
-        || SSL_CTX_set_cipher_list(context.get(), Tls12CipherList(identity).constData()) != 1)
+        || SSL_CTX_set_cipher_list(context.get(), Tls12Ciphers) != 1)
         return nullptr;
     SSL_CTX_set_options(context.get(), SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION
                                            | SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_TICKET);
@@ -65,28 +55,4 @@ SSL_CTX *MakeContext(const TlsIdentity &identity)
     // An idle connection gives its read and write buffers back.
     SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
     return context.release();
-}
-
-} // namespace
-
-TlsListener::TlsListener(const TlsIdentity &identity, QObject *parent)
-    : QTcpServer(parent), context(MakeContext(identity))
-{
-    // Qt stops accepting for good when an accept fails, out of descriptors
-    // say; a second later some may be free again.
-    connect(this, &QTcpServer::acceptError, this,
-            [this] { QTimer::singleShot(AcceptRetryMs, this, &QTcpServer::resumeAccepting); });
-}
-
-TlsListener::~TlsListener()
-{
-    // Each connection holds its own reference to the context.
-    SSL_CTX_free(context);
-}
-
-void TlsListener::incomingConnection(qintptr descriptor)
-{
-    auto *socket = new TlsServerSocket(context, descriptor, this);
-    connect(socket, &TlsServerSocket::Encrypted, this, [this, socket] { emit Encrypted(socket); });
-    connect(socket, &TlsServerSocket::HandshakeFailed, socket, &QObject::deleteLater);
 }

@@ -1,0 +1,331 @@
+#include "tlsserversocket.h"
+
+#include "clienthello.h"
+#include "socketio.h"
+
+#include <QSocketNotifier>
+#include <QTimer>
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <cstring>
+
+namespace {
+
+// One TLS record's worth; a wake-up reads at most ReadsPerWake of them, so
+// one busy peer cannot keep the others waiting.
+constexpr int ChunkBytes = 16 * 1024;
+constexpr int ReadsPerWake = 4;
+// Reading stops while this much waits for a peer that does not read (alerts
+// and key updates are answered without the application), or while this much
+// decrypted input waits for the application.
+constexpr qint64 MaxQueuedOutput = 256 * 1024;
+constexpr qint64 MaxUnreadPlaintext = 256 * 1024;
+// A closing connection whose peer does not take its last bytes is dropped then.
+constexpr int CloseDeadlineMs = 10000;
+
+bool WantsMore(int error)
+{
+    return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+}
+
+} // namespace
+
+TlsServerSocket::TlsServerSocket(SSL_CTX *context, qintptr descriptor, QObject *parent)
+    : QTcpSocket(parent), context(context), descriptor(descriptor),
+      readNotifier(new QSocketNotifier(descriptor, QSocketNotifier::Read, this))
+{
+    connect(readNotifier, &QSocketNotifier::activated, this, &TlsServerSocket::ReadFromPeer);
+    const SocketIo::Endpoint peer = SocketIo::Peer(descriptor);
+    const SocketIo::Endpoint local = SocketIo::Local(descriptor);
+    setPeerAddress(peer.address);
+    setPeerPort(peer.port);
+    setLocalAddress(local.address);
+    setLocalPort(local.port);
+    if (!SocketIo::MakeNonBlocking(descriptor))
+        QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
+}
+
+TlsServerSocket::~TlsServerSocket()
+{
+    if (descriptor >= 0) {
+        readNotifier->setEnabled(false);
+        if (writeNotifier)
+            writeNotifier->setEnabled(false);
+        SocketIo::Close(descriptor);
+    }
+    SSL_free(ssl);
+    // The base destructor would otherwise close an open socket through its own code.
+    setSocketState(UnconnectedState);
+}
+
+void TlsServerSocket::Abort()
+{
+    Finish();
+}
+
+qint64 TlsServerSocket::bytesToWrite() const
+{
+    return unencrypted.size() + encrypted.size();
+}
+
+qint64 TlsServerSocket::bytesAvailable() const
+{
+    return isOpen() ? QTcpSocket::bytesAvailable() + plaintext.size() : 0;
+}
+
+bool TlsServerSocket::canReadLine() const
+{
+    return plaintext.contains('\n') || QTcpSocket::canReadLine();
+}
+
+void TlsServerSocket::close()
+{
+    disconnectFromHost();
+    plaintext.clear();
+    QIODevice::close();
+}
+
+// Sends what waits and a close_notify, then ends once the peer took them.
+void TlsServerSocket::disconnectFromHost()
+{
+    if (descriptor < 0 || closing)
+        return;
+    if (!ready) {
+        Finish();
+        return;
+    }
+    EncryptPending();
+    closing = true;
+    readNotifier->setEnabled(false);
+    ERR_clear_error();
+    SSL_shutdown(ssl);
+    Flush();
+    if (descriptor >= 0)
+        QTimer::singleShot(CloseDeadlineMs, this, &TlsServerSocket::Abort);
+}
+
+qint64 TlsServerSocket::readData(char *data, qint64 maxSize)
+{
+    const qint64 size = qMin(maxSize, qint64(plaintext.size()));
+    if (size == 0)
+        return descriptor >= 0 ? 0 : -1;
+    std::memcpy(data, plaintext.constData(), size_t(size));
+    if (size == plaintext.size())
+        plaintext.clear(); // gives the memory back, which remove() keeps
+    else
+        plaintext.remove(0, int(size));
+    UpdateReading();
+    return size;
+}
+
+// Writes are gathered until the event loop runs: a burst of small replies
+// then goes out in a few full records instead of one record each.
+qint64 TlsServerSocket::writeData(const char *data, qint64 size)
+{
+    if (!ready || closing || descriptor < 0)
+        return -1;
+    if (bytesToWrite() + size > unsentLimit) {
+        emit UnsentOverrun();
+        Finish();
+        return -1;
+    }
+    if (unencrypted.isEmpty() && size > 0)
+        QMetaObject::invokeMethod(this, &TlsServerSocket::EncryptPending, Qt::QueuedConnection);
+    unencrypted.append(data, int(size));
+    return size;
+}
+
+void TlsServerSocket::ReadFromPeer()
+{
+    char chunk[ChunkBytes];
+    for (int i = 0; i < ReadsPerWake; ++i) {
+        const qint64 got = SocketIo::Receive(descriptor, chunk, sizeof chunk);
+        if (got == SocketIo::WouldBlock)
+            return;
+        if (got <= 0) {
+            Finish(); // the end of the stream, or an error
+            return;
+        }
+        if (!Take(chunk, got) || got < ChunkBytes || !readNotifier->isEnabled())
+            return;
+    }
+}
+
+// False once the connection has ended.
+bool TlsServerSocket::Take(const char *bytes, qint64 size)
+{
+    if (!ssl)
+        return TakeHello(bytes, size);
+    BIO_write(SSL_get_rbio(ssl), bytes, int(size));
+    return secure ? Decrypt() : ContinueHandshake();
+}
+
+// No TLS state exists until a whole, plausible ClientHello is there.
+bool TlsServerSocket::TakeHello(const char *bytes, qint64 size)
+{
+    hello.append(bytes, int(size));
+    const ClientHello::Verdict verdict = ClientHello::Check(hello.constData(), hello.size());
+    if (verdict == ClientHello::Verdict::NeedMore)
+        return true;
+    ssl = verdict == ClientHello::Verdict::Complete ? SSL_new(context) : nullptr;
+    if (!ssl) {
+        Finish();
+        return false;
+    }
+    BIO *incoming = BIO_new(BIO_s_mem());
+    BIO *outgoing = BIO_new(BIO_s_mem());
+    // An empty buffer means "wait for more", not the end of the stream.
+    BIO_set_mem_eof_return(incoming, -1);
+    SSL_set_bio(ssl, incoming, outgoing);
+    SSL_set_accept_state(ssl);
+    BIO_write(incoming, hello.constData(), hello.size());
+    hello = QByteArray();
+    return ContinueHandshake();
+}
+
+bool TlsServerSocket::ContinueHandshake()
+{
+    ERR_clear_error();
+    const int result = SSL_do_handshake(ssl);
+    const int error = SSL_get_error(ssl, result);
+    Flush();
+    if (result == 1) {
+        secure = true;
+        return Decrypt(); // the request may have come with the last handshake message
+    }
+    if (WantsMore(error) && descriptor >= 0)
+        return true;
+    Finish();
+    return false;
+}
+
+bool TlsServerSocket::Decrypt()
+{
+    char chunk[ChunkBytes];
+    const qint64 before = plaintext.size();
+    int result;
+    ERR_clear_error();
+    while ((result = SSL_read(ssl, chunk, sizeof chunk)) > 0)
+        plaintext.append(chunk, result);
+    const int error = SSL_get_error(ssl, result);
+    Flush(); // alerts, key updates
+    if (plaintext.size() > before) {
+        if (ready)
+            emit readyRead();
+        else
+            CheckRequestHead(before);
+    }
+    if (descriptor < 0 || closing)
+        return false;
+    if (error == SSL_ERROR_ZERO_RETURN) {
+        disconnectFromHost();
+        return false;
+    }
+    if (!WantsMore(error)) {
+        Finish();
+        return false;
+    }
+    UpdateReading();
+    return true;
+}
+
+// The WebSocket layer sees the request only once its head is complete, and
+// parses it once; a head that never ends is cut at MaxRequestHeadBytes.
+void TlsServerSocket::CheckRequestHead(qint64 before)
+{
+    const QByteArray end("\r\n\r\n");
+    if (plaintext.indexOf(end, int(qMax<qint64>(0, before - (end.size() - 1)))) < 0) {
+        if (plaintext.size() > MaxRequestHeadBytes)
+            Finish();
+        return;
+    }
+    ready = true;
+    setSocketState(ConnectedState);
+    setOpenMode(QIODevice::ReadWrite);
+    emit Ready();
+}
+
+void TlsServerSocket::EncryptPending()
+{
+    if (!secure || unencrypted.isEmpty() || descriptor < 0)
+        return;
+    // A memory buffer never pushes back, so everything is taken at once.
+    ERR_clear_error();
+    SSL_write(ssl, unencrypted.constData(), unencrypted.size());
+    unencrypted.clear();
+    Flush();
+}
+
+// Moves what OpenSSL produced behind what already waits, and sends.
+void TlsServerSocket::Flush()
+{
+    BIO *outgoing = SSL_get_wbio(ssl);
+    const int size = int(BIO_pending(outgoing));
+    if (size > 0) {
+        const int at = encrypted.size();
+        encrypted.resize(at + size);
+        BIO_read(outgoing, encrypted.data() + at, size);
+    }
+    WriteToPeer();
+}
+
+// Straight to the system; what it does not take waits for the write notifier.
+void TlsServerSocket::WriteToPeer()
+{
+    if (descriptor < 0)
+        return;
+    if (!encrypted.isEmpty()) {
+        const qint64 sent = SocketIo::Send(descriptor, encrypted.constData(), encrypted.size());
+        if (sent == encrypted.size()) {
+            encrypted.clear();
+        } else if (sent > 0) {
+            encrypted.remove(0, int(sent));
+        } else if (sent != SocketIo::WouldBlock) {
+            // The caller may still be working on this connection: end it afterwards.
+            encrypted.clear();
+            QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
+            return;
+        }
+    }
+    const bool waiting = !encrypted.isEmpty();
+    if (waiting && !writeNotifier) {
+        writeNotifier = new QSocketNotifier(descriptor, QSocketNotifier::Write, this);
+        connect(writeNotifier, &QSocketNotifier::activated, this, &TlsServerSocket::WriteToPeer);
+    }
+    if (writeNotifier)
+        writeNotifier->setEnabled(waiting);
+    if (!waiting && closing)
+        Finish();
+    else
+        UpdateReading();
+}
+
+void TlsServerSocket::UpdateReading()
+{
+    if (descriptor < 0 || closing)
+        return;
+    readNotifier->setEnabled(encrypted.size() <= MaxQueuedOutput && plaintext.size() <= MaxUnreadPlaintext);
+}
+
+void TlsServerSocket::Finish()
+{
+    if (descriptor < 0)
+        return;
+    readNotifier->setEnabled(false);
+    if (writeNotifier)
+        writeNotifier->setEnabled(false);
+    SocketIo::Close(descriptor);
+    descriptor = -1;
+    hello.clear();
+    unencrypted.clear();
+    encrypted.clear();
+    if (state() != UnconnectedState) {
+        setSocketState(UnconnectedState);
+        emit stateChanged(UnconnectedState);
+    }
+    if (ready)
+        emit disconnected();
+    emit Ended();
+}
