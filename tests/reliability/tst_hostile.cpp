@@ -1,4 +1,5 @@
 #include "../testsupport.h"
+#include "managerunderattack.h"
 #include "tarnclt.h"
 #include "tlslistener.h"
 
@@ -20,37 +21,6 @@ using namespace testsupport;
 
 namespace {
 
-QByteArray UpgradeRequest(quint16 port, const QByteArray &origin)
-{
-    return "GET / HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
-           + "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-             "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
-             "Origin: " + origin + "\r\n\r\n";
-}
-
-// A masked client frame whose header may declare more payload than follows.
-QByteArray Frame(quint8 opcode, const QByteArray &payload, quint64 declared)
-{
-    QByteArray frame;
-    frame.append(char(0x80 | opcode));
-    const int lengthBytes = declared < 126 ? 0 : declared < 65536 ? 2 : 8;
-    frame.append(char(0x80 | (lengthBytes == 0 ? int(declared) : lengthBytes == 2 ? 126 : 127)));
-    for (int shift = 8 * (lengthBytes - 1); shift >= 0; shift -= 8)
-        frame.append(char((declared >> shift) & 0xff));
-    const QByteArray mask("\x11\x22\x33\x44", 4);
-    frame.append(mask);
-    for (int i = 0; i < payload.size(); ++i)
-        frame.append(char(payload.at(i) ^ mask.at(i % 4)));
-    return frame;
-}
-
-qint64 RssKb(qint64 pid)
-{
-    const QByteArray status = FileBytes(QStringLiteral("/proc/%1/status").arg(pid));
-    const int at = status.indexOf("\nVmRSS:");
-    return at < 0 ? -1 : status.mid(at + 7, 20).simplified().split(' ').value(0).toLongLong();
-}
-
 // A WebSocket that accepts the server's self-signed certificate, opening.
 std::unique_ptr<QWebSocket> OpenSocket(const QString &origin, const QUrl &url)
 {
@@ -59,11 +29,6 @@ std::unique_ptr<QWebSocket> OpenSocket(const QString &origin, const QUrl &url)
     QObject::connect(s, &QWebSocket::sslErrors, s, [s] { s->ignoreSslErrors(); });
     s->open(url);
     return socket;
-}
-
-int OpenFds(qint64 pid)
-{
-    return int(QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::NoDotAndDotDot | QDir::System).size());
 }
 
 } // namespace
@@ -80,42 +45,12 @@ private slots:
         cycles = qEnvironmentVariableIntValue("TARN_HOSTILE_CYCLES");
         if (cycles <= 0)
             cycles = 10000;
-
-        port = FreePort();
-        url = LocalUrl(port);
-
-        const QString program = dir.filePath(QStringLiteral("TarnSrv"));
-        QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
-        QVERIFY(WriteFile(dir.filePath(QStringLiteral("TarnSrv.cfg")),
-                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(dir.path()).toUtf8()));
-
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), dir.filePath(QStringLiteral("instance.lock")));
-        manager.setProcessEnvironment(env);
-        manager.start(program, {});
-        QVERIFY(manager.waitForStarted());
-
-        goodRecord.sessionUuid = QUuid::createUuid();
-        goodRecord.guestName = QStringLiteral("Good");
-        QTRY_VERIFY_WITH_TIMEOUT(good.Open(url, &goodRecord), 10000);
-        sinceAnswer.start();
-        connect(&pinger, &QTimer::timeout, this, &TestHostile::PingOnce);
-        pinger.start(100);
-        QTRY_VERIFY(pings >= 3);
-        longestSilenceMs = 0;
-        baselineRssKb = RssKb(manager.processId());
-        baselineFds = OpenFds(manager.processId());
+        QVERIFY(m.Start());
+        port = m.port;
+        url = m.url;
+        baselineRssKb = m.RssKb();
+        baselineFds = m.OpenFds();
         qInfo("baseline: RSS %lld KiB, %d descriptors", baselineRssKb, baselineFds);
-    }
-
-    void cleanupTestCase()
-    {
-        pinger.stop();
-        good.Close();
-        manager.terminate();
-        manager.waitForFinished(5000);
     }
 
     // Every attack leaves the well-behaved client answered throughout: a pong may
@@ -124,9 +59,9 @@ private slots:
     // the bound covers the test's own stalls too; the run reports the longest gap.
     void cleanup()
     {
-        const int before = pings;
-        QTRY_VERIFY(pings >= before + 2);
-        QVERIFY2(longestSilenceMs < MaxSilenceMs, qPrintable(QString::number(longestSilenceMs)));
+        const int before = m.pings;
+        QTRY_VERIFY(m.pings >= before + 2);
+        QVERIFY2(m.longestSilenceMs < MaxSilenceMs, qPrintable(QString::number(m.longestSilenceMs)));
     }
 
     void plainHttpAndRandomBytes()
@@ -173,7 +108,7 @@ private slots:
         QTRY_COMPARE(held(), TlsListener::MaxPendingPerAddress);
         QTRY_COMPARE(hello.state(), QAbstractSocket::UnconnectedState);
         QTRY_COMPARE(upgrade.state(), QAbstractSocket::UnconnectedState);
-        qInfo("with 500 stalled handshakes: %d descriptors", OpenFds(manager.processId()));
+        qInfo("with 500 stalled handshakes: %d descriptors", m.OpenFds());
         // A newcomer still gets in while they stall.
         TarnClt newcomer;
         ClientRecord rec;
@@ -193,7 +128,7 @@ private slots:
     void oversizedFrames()
     {
         QFETCH(QByteArray, frame);
-        auto socket = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000002},,Big");
+        auto socket = m.RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000002},,Big");
         QVERIFY(socket);
         socket->write(frame);
         QTRY_COMPARE_WITH_TIMEOUT(socket->state(), QAbstractSocket::UnconnectedState, 10000);
@@ -235,7 +170,7 @@ private slots:
     void hostileNames()
     {
         QFETCH(QByteArray, name);
-        auto socket = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000003},," + name);
+        auto socket = m.RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000003},," + name);
         QVERIFY(socket);
         socket->write(Frame(0x1, "Server ping", 11));
         QByteArray reply;
@@ -270,8 +205,7 @@ private slots:
     void slowReaderFloodsActiveClients()
     {
         constexpr qint64 MaxGrowthKb = 16 * 1024;
-        const qint64 pid = manager.processId();
-        const qint64 before = RssKb(pid);
+                const qint64 before = m.RssKb();
 
         std::vector<std::unique_ptr<QWebSocket>> listed;
         for (int i = 0; i < 20; ++i)
@@ -282,7 +216,7 @@ private slots:
         }));
 
         const QUuid slowSession = QUuid::createUuid();
-        auto slow = RawWebSocket("," + slowSession.toByteArray() + ",,SlowReader");
+        auto slow = m.RawWebSocket("," + slowSession.toByteArray() + ",,SlowReader");
         QVERIFY(slow);
         slow->setReadBufferSize(4096);
         QByteArray batch;
@@ -293,39 +227,38 @@ private slots:
         for (; sent < 1500 && slow->state() == QAbstractSocket::ConnectedState; sent += 100) {
             slow->write(batch);
             QTest::qWait(50);
-            peak = qMax(peak, RssKb(pid));
+            peak = qMax(peak, m.RssKb());
         }
         qInfo("slow reader: %d requests sent, RSS %lld KiB before, peak %lld KiB", sent, before, peak);
 
         // The server drops the reader, says so once, and lists the others with their names cut.
         QString body;
-        QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body), !body.contains(slowSession.toString())), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT((m.good.RequestActiveClients(body), !body.contains(slowSession.toString())), 15000);
         QCOMPARE(body.count(QString(256, QLatin1Char('n')) + QLatin1Char(',')), 20);
         QVERIFY(!body.contains(QString(257, QLatin1Char('n'))));
         const QByteArray warning = "Client SlowReader did not read what the server sent and was disconnected.";
-        QTRY_COMPARE(LogFile().count(warning), 1);
+        QTRY_COMPARE(m.LogFile().count(warning), 1);
         QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
     }
 
-    // One connection sends 20,000 pings at once: the log keeps its first lines
+    // One connection sends 20,000 m.pings at once: the log keeps its first lines
     // and a count of the rest, and neither it nor the server grows with the rate.
     void pingFlood()
     {
         constexpr int Pings = 20000;
         constexpr qint64 MaxLogGrowth = 64 * 1024;
         constexpr qint64 MaxGrowthKb = 8 * 1024;
-        const qint64 pid = manager.processId();
-        const qint64 rssBefore = RssKb(pid);
-        const qint64 logBefore = LogFile().size();
+                const qint64 rssBefore = m.RssKb();
+        const qint64 logBefore = m.LogFile().size();
 
-        auto flood = RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000004},,PingFlood");
+        auto flood = m.RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000004},,PingFlood");
         QVERIFY(flood);
         const QByteArray ping = Frame(0x1, "Server ping", 11);
         flood->write(ping.repeated(Pings));
         QByteArray replies;
         QTRY_COMPARE_WITH_TIMEOUT(int((replies += flood->readAll()).count("Server pong")), Pings, 60000);
-        const qint64 rssAfter = RssKb(pid);
-        const qint64 logGrowth = LogFile().size() - logBefore;
+        const qint64 rssAfter = m.RssKb();
+        const qint64 logGrowth = m.LogFile().size() - logBefore;
         qInfo("ping flood: log grew %lld bytes, RSS %lld KiB before, %lld KiB after", logGrowth, rssBefore, rssAfter);
         QVERIFY2(logGrowth < MaxLogGrowth, qPrintable(QString::number(logGrowth)));
         QVERIFY2(rssAfter - rssBefore < MaxGrowthKb, qPrintable(QString::number(rssAfter - rssBefore)));
@@ -333,8 +266,8 @@ private slots:
         // Leaving writes out the count of this period.
         flood->abort();
         const QByteArray summaryStart = "Client PingFlood: ";
-        QTRY_VERIFY(LogFile().contains(summaryStart));
-        const QByteArray log = LogFile();
+        QTRY_VERIFY(m.LogFile().contains(summaryStart));
+        const QByteArray log = m.LogFile();
         int answered = log.count("Received ping request from client PingFlood, replied.");
         for (int at = log.indexOf(summaryStart); at >= 0; at = log.indexOf(summaryStart, at + 1))
             answered += log.mid(at + summaryStart.size(), 12).split(' ').value(0).toInt();
@@ -344,83 +277,31 @@ private slots:
     void afterwardsNothingLeft()
     {
         QString body;
-        QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body), body == QStringLiteral("Good,%1,")
-                                  .arg(goodRecord.sessionUuid.toString())), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT((m.good.RequestActiveClients(body), body == QStringLiteral("Good,%1,")
+                                  .arg(m.goodRecord.sessionUuid.toString())), 15000);
 
-        const qint64 pid = manager.processId();
-        QTRY_VERIFY_WITH_TIMEOUT(OpenFds(pid) <= baselineFds, 15000);
-        const qint64 rss = RssKb(pid);
+                QTRY_VERIFY_WITH_TIMEOUT(m.OpenFds() <= baselineFds, 15000);
+        const qint64 rss = m.RssKb();
         qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d descriptors (baseline %d), %d pings answered, "
               "%d late, longest silence %lld ms",
-              rss, baselineRssKb, OpenFds(pid), baselineFds, pings, latePings, longestSilenceMs);
+              rss, baselineRssKb, m.OpenFds(), baselineFds, m.pings, m.latePings, m.longestSilenceMs);
         QVERIFY2(rss < baselineRssKb + 32 * 1024, "the server kept memory after the attacks");
 
-        const QByteArray html = LogFile();
+        const QByteArray html = m.LogFile();
         for (const char *markup : {"<script", "<b>", "<i>", "<hr>", "<img", "<u>"})
             QVERIFY2(!html.contains(markup), markup);
         QVERIFY(html.contains("Received ping request from client &lt;script&gt;alert(1)&lt;/script&gt;&lt;b&gt;x&lt;/b&gt;, replied."));
     }
 
 private:
-    std::unique_ptr<QSslSocket> RawWebSocket(const QByteArray &origin);
-    void PingOnce();
-    QByteArray LogFile() const;
-
-    QTemporaryDir dir;
-    QProcess manager;
+    ManagerUnderAttack m;
     quint16 port = 0;
     QUrl url;
-    TarnClt good;
-    ClientRecord goodRecord;
-    QTimer pinger;
-    bool pinging = false;
-    int pings = 0;
-    int latePings = 0;
-    QElapsedTimer sinceAnswer;
-    qint64 longestSilenceMs = 0;
     qint64 baselineRssKb = 0;
     int baselineFds = 0;
     int cycles = 10000;
     static constexpr qint64 MaxSilenceMs = 10000;
 };
-
-void TestHostile::PingOnce()
-{
-    if (pinging)
-        return;
-    pinging = true;
-    if (good.Ping() == 0) {
-        ++pings;
-        longestSilenceMs = qMax(longestSilenceMs, sinceAnswer.restart());
-    } else {
-        ++latePings;
-    }
-    pinging = false;
-}
-
-std::unique_ptr<QSslSocket> TestHostile::RawWebSocket(const QByteArray &origin)
-{
-    auto socket = std::make_unique<QSslSocket>();
-    socket->setPeerVerifyMode(QSslSocket::VerifyNone);
-    socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
-    QSignalSpy encrypted(socket.get(), &QSslSocket::encrypted);
-    if (!encrypted.wait(5000))
-        return nullptr;
-    socket->write(UpgradeRequest(port, origin));
-    QByteArray response;
-    QElapsedTimer elapsed;
-    elapsed.start();
-    while (!response.contains("\r\n\r\n") && elapsed.elapsed() < 5000) {
-        QTest::qWait(10);
-        response += socket->readAll();
-    }
-    return response.startsWith("HTTP/1.1 101") ? std::move(socket) : nullptr;
-}
-
-QByteArray TestHostile::LogFile() const
-{
-    return FileBytes(dir.filePath(QStringLiteral("TarnSrvSvc.html")));
-}
 
 QTEST_MAIN(TestHostile)
 #include "tst_hostile.moc"

@@ -1,0 +1,201 @@
+#include "managerunderattack.h"
+#include "tarnclt.h"
+#include "tlslistener.h"
+#include "tlsserversocket.h"
+
+#include <QElapsedTimer>
+#include <QSslSocket>
+#include <QtTest>
+
+#include <memory>
+#include <sys/resource.h>
+#include <vector>
+
+// Attacks on the manager's connections before and around their sessions, at
+// the scale of a real attack, over loopback. Each measures the manager's
+// memory and has a newcomer connect and ping while the attackers still hold
+// their connections.
+namespace {
+
+using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
+
+constexpr qint64 MaxGrowthKb = 64 * 1024;
+
+int CountConnected(const Sockets &sockets)
+{
+    return int(std::count_if(sockets.begin(), sockets.end(), [](const auto &s) {
+        return s->state() == QAbstractSocket::ConnectedState;
+    }));
+}
+
+bool Settled(const Sockets &sockets)
+{
+    return std::none_of(sockets.begin(), sockets.end(), [](const auto &s) {
+        return s->state() == QAbstractSocket::ConnectingState || s->state() == QAbstractSocket::HostLookupState;
+    });
+}
+
+} // namespace
+
+class TestTlsAttacks : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        rlimit limit{16384, 16384};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        QVERIFY(m.Start());
+        baselineRssKb = m.RssKb();
+        baselineFds = m.OpenFds();
+    }
+
+    // Many addresses, each within its share, spending the whole budget: the
+    // manager holds at most MaxPending of them, the oldest make room, and no
+    // TLS state exists for a hello that has not arrived whole.
+    void halfOpenHandshakes_data()
+    {
+        QTest::addColumn<QByteArray>("opening");
+        QTest::addColumn<bool>("refused");
+
+        QTest::newRow("silent") << QByteArray() << false;
+        QTest::newRow("16 KiB hello announced, not sent") << QByteArray::fromHex("160301400001003ffc") << false;
+        QTest::newRow("128 KiB hello announced") << QByteArray::fromHex("160301400001020000") << true;
+    }
+
+    void halfOpenHandshakes()
+    {
+        QFETCH(QByteArray, opening);
+        QFETCH(bool, refused);
+        constexpr int Addresses = 12;
+        constexpr int PerAddress = 250;
+        const qint64 before = m.RssKb();
+
+        Sockets attackers;
+        for (int i = 0; i < Addresses * PerAddress; ++i) {
+            attackers.push_back(std::make_unique<QSslSocket>());
+            QSslSocket *socket = attackers.back().get();
+            socket->bind(QHostAddress(QStringLiteral("127.0.0.%1").arg(2 + i % Addresses)));
+            connect(socket, &QAbstractSocket::connected, socket, [socket, opening] { socket->write(opening); });
+            socket->connectToHost(QHostAddress::LocalHost, m.port);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(Settled(attackers), 30000);
+        QTest::qWait(500);
+        const qint64 held = m.RssKb() - before;
+        if (refused)
+            QTRY_COMPARE(CountConnected(attackers), 0);
+        else
+            QTRY_COMPARE(CountConnected(attackers), TlsListener::MaxPending);
+        ExpectNewcomerServed();
+        qInfo("%zu connections: %d held, manager grew by %lld KiB", attackers.size(), CountConnected(attackers), held);
+        QVERIFY2(held < MaxGrowthKb, qPrintable(QString::number(held)));
+    }
+
+    // Peers past TLS whose request head never ends: one trickles it a byte per
+    // record, the other sends an endless one. The first is closed at the
+    // deadline, the second at the head's cap, long before it.
+    void unfinishedRequestHeads_data()
+    {
+        QTest::addColumn<int>("bytesPerRecord");
+        QTest::addColumn<int>("closedWithinMs");
+
+        QTest::newRow("trickled") << 1 << TlsListener::DeadlineMs + 3000;
+        QTest::newRow("endless") << 1024 << TlsListener::DeadlineMs / 2;
+    }
+
+    void unfinishedRequestHeads()
+    {
+        QFETCH(int, bytesPerRecord);
+        QFETCH(int, closedWithinMs);
+        constexpr int Peers = 40;
+        const qint64 before = m.RssKb();
+
+        Sockets peers;
+        for (int i = 0; i < Peers; ++i) {
+            peers.push_back(std::make_unique<QSslSocket>());
+            peers.back()->setPeerVerifyMode(QSslSocket::VerifyNone);
+            peers.back()->connectToHostEncrypted(QStringLiteral("127.0.0.1"), m.port);
+        }
+        QTRY_VERIFY(std::all_of(peers.begin(), peers.end(), [](const auto &s) { return s->isEncrypted(); }));
+        QElapsedTimer elapsed;
+        elapsed.start();
+        const QByteArray head = "GET / HTTP/1.1\r\nX-Filler: " + QByteArray(TlsServerSocket::MaxRequestHeadBytes * 2, 'x');
+        int sent = 0;
+        qint64 peak = before;
+        // One write per turn of the event loop is one TLS record.
+        while (CountConnected(peers) > 0 && elapsed.elapsed() < closedWithinMs) {
+            for (const auto &peer : peers)
+                peer->write(head.mid(sent % head.size(), bytesPerRecord));
+            sent += bytesPerRecord;
+            QTest::qWait(20);
+            peak = qMax(peak, m.RssKb());
+        }
+        qInfo("%d bytes sent per peer, closed after %lld ms, manager grew by %lld KiB at most", sent,
+              elapsed.elapsed(), peak - before);
+        QCOMPARE(CountConnected(peers), 0);
+        QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
+    }
+
+    // Upgraded peers that never read and send PING frames: the answers wait in
+    // the manager until each peer's limit, and then the peer is gone.
+    void pingFloodersThatNeverRead()
+    {
+        constexpr int Flooders = 100;
+        constexpr int PingsEach = 40000;
+        const qint64 before = m.RssKb();
+        const int fdsBefore = m.OpenFds();
+
+        Sockets flooders;
+        for (int i = 0; i < Flooders; ++i) {
+            auto socket = m.RawWebSocket(",,,Flooder" + QByteArray::number(i));
+            QVERIFY(socket);
+            socket->setReadBufferSize(4096);
+            flooders.push_back(std::move(socket));
+        }
+        const QByteArray pings = Frame(0x9, QByteArray(125, 'p'), 125).repeated(PingsEach);
+        for (const auto &flooder : flooders)
+            flooder->write(pings);
+        qint64 peak = before;
+        QTRY_VERIFY_WITH_TIMEOUT((peak = qMax(peak, m.RssKb()), m.OpenFds() <= fdsBefore), 60000);
+        qInfo("%d flooders, %d pings each: manager grew by %lld KiB at most", Flooders, PingsEach, peak - before);
+        ExpectNewcomerServed();
+        QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
+    }
+
+    // Whichever way the connections ended, the manager gives their memory back,
+    // and the log counts the closes in its summary lines.
+    void afterwards()
+    {
+        QTRY_VERIFY_WITH_TIMEOUT(m.OpenFds() <= baselineFds, 15000);
+        QTest::qWait(2000);
+        const qint64 rss = m.RssKb();
+        qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d pings answered, %d late, longest silence %lld ms",
+              rss, baselineRssKb, m.pings, m.latePings, m.longestSilenceMs);
+        QVERIFY2(rss < baselineRssKb + 16 * 1024, "the manager kept memory after the attacks");
+        const QByteArray late = "connections did not complete their handshake within 10 s and were closed.";
+        const QByteArray displaced = "unfinished handshakes were closed to make room for newer ones.";
+        QTRY_VERIFY_WITH_TIMEOUT(m.LogFile().contains(late) && m.LogFile().contains(displaced), 12000);
+        QVERIFY(m.LogFile().count(late) + m.LogFile().count(displaced) < 10);
+    }
+
+private:
+    void ExpectNewcomerServed()
+    {
+        QElapsedTimer elapsed;
+        elapsed.start();
+        TarnClt newcomer;
+        ClientRecord rec;
+        rec.guestName = QStringLiteral("Newcomer");
+        QVERIFY(newcomer.Open(m.url, &rec));
+        QCOMPARE(newcomer.Ping(), 0);
+        qInfo("newcomer connected and pinged in %lld ms", elapsed.elapsed());
+    }
+
+    ManagerUnderAttack m;
+    qint64 baselineRssKb = 0;
+    int baselineFds = 0;
+};
+
+QTEST_MAIN(TestTlsAttacks)
+#include "tst_tlsattacks.moc"
