@@ -138,12 +138,19 @@ void SrvUrlDetect::ProcessDatagram(QUdpSocket *socket, const QByteArray &datagra
 }
 
 // Anyone on the network can send replies: keep only server URLs, each once,
-// and only a few of them.
+// and only a few of them. A reply speaks for its sender only, so that no host
+// can send the client to probe another, and a name in it is never resolved.
 void SrvUrlDetect::CollectReply(const QUrl &url)
 {
     replyReceived = true;
-    if (urls.size() < MaxDetectedUrls && Tarn::IsServerUrl(url) && !urls.contains(url))
+    if (urls.size() < MaxDetectedUrls && Tarn::IsServerUrl(url) && NamesSender(url) && !urls.contains(url))
         urls.append(url);
+}
+
+bool SrvUrlDetect::NamesSender(const QUrl &url) const
+{
+    QHostAddress host;
+    return host.setAddress(url.host()) && host.isEqual(senderAddress, QHostAddress::ConvertV4MappedToIPv4);
 }
 
 void SrvUrlDetect::AnswerRequest(QUdpSocket *socket)

@@ -58,6 +58,7 @@ private:
     void AnswerRequest(QUdpSocket *socket);
     bool AnswerBudgetLeft();
     void CollectReply(const QUrl &url);
+    bool NamesSender(const QUrl &url) const;
     void CloseSockets();
 
     QList<QUdpSocket *> sockets;
