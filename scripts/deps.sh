@@ -14,6 +14,8 @@ packages=(
     # scripts/fuzz.sh: clang with libFuzzer and the sanitizer runtimes (LeakSanitizer
     # included); llvm brings llvm-symbolizer for readable reports.
     clang libclang-rt-14-dev llvm
+    # A TLS scanner checks the manager's protocols, suites and known weaknesses.
+    testssl.sh
 )
 if [ "${TARN_QT_MAJOR:-5}" = 6 ]; then
     # Qt 6's CMake package looks for OpenGL when Qt Gui is found.
