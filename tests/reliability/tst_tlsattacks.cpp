@@ -42,10 +42,16 @@ class TestTlsAttacks : public QObject
     Q_OBJECT
 
 private slots:
+    // TARN_ATTACK_SCALE multiplies the attackers, for figures beyond the suite's.
     void initTestCase()
     {
-        rlimit limit{16384, 16384};
-        setrlimit(RLIMIT_NOFILE, &limit);
+        scale = qMax(1, qEnvironmentVariableIntValue("TARN_ATTACK_SCALE"));
+        // Every descriptor the system allows, for this process and the manager.
+        rlimit limit{};
+        QCOMPARE(getrlimit(RLIMIT_NOFILE, &limit), 0);
+        limit.rlim_cur = limit.rlim_max;
+        QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        QVERIFY2(limit.rlim_cur > rlim_t(3000 * scale + 1000), "too few descriptors for this scale");
         QVERIFY(m.Start());
         baselineRssKb = m.RssKb();
         baselineFds = m.OpenFds();
@@ -68,15 +74,15 @@ private slots:
     {
         QFETCH(QByteArray, opening);
         QFETCH(bool, refused);
-        constexpr int Addresses = 12;
+        const int addresses = 12 * scale;
         constexpr int PerAddress = 250;
         const qint64 before = m.RssKb();
 
         Sockets attackers;
-        for (int i = 0; i < Addresses * PerAddress; ++i) {
+        for (int i = 0; i < addresses * PerAddress; ++i) {
             attackers.push_back(std::make_unique<QSslSocket>());
             QSslSocket *socket = attackers.back().get();
-            socket->bind(QHostAddress(QStringLiteral("127.0.0.%1").arg(2 + i % Addresses)));
+            socket->bind(QHostAddress(QStringLiteral("127.0.%1.%2").arg(i % addresses / 250).arg(2 + i % addresses % 250)));
             connect(socket, &QAbstractSocket::connected, socket, [socket, opening] { socket->write(opening); });
             socket->connectToHost(QHostAddress::LocalHost, m.port);
         }
@@ -108,11 +114,11 @@ private slots:
     {
         QFETCH(int, bytesPerRecord);
         QFETCH(int, closedWithinMs);
-        constexpr int Peers = 40;
+        const int count = 40 * scale;
         const qint64 before = m.RssKb();
 
         Sockets peers;
-        for (int i = 0; i < Peers; ++i) {
+        for (int i = 0; i < count; ++i) {
             peers.push_back(std::make_unique<QSslSocket>());
             peers.back()->setPeerVerifyMode(QSslSocket::VerifyNone);
             peers.back()->connectToHostEncrypted(QStringLiteral("127.0.0.1"), m.port);
@@ -141,24 +147,24 @@ private slots:
     // the manager until each peer's limit, and then the peer is gone.
     void pingFloodersThatNeverRead()
     {
-        constexpr int Flooders = 100;
+        const int flooders = 100 * scale;
         constexpr int PingsEach = 40000;
         const qint64 before = m.RssKb();
         const int fdsBefore = m.OpenFds();
 
-        Sockets flooders;
-        for (int i = 0; i < Flooders; ++i) {
+        Sockets raw;
+        for (int i = 0; i < flooders; ++i) {
             auto socket = m.RawWebSocket(",,,Flooder" + QByteArray::number(i));
             QVERIFY(socket);
             socket->setReadBufferSize(4096);
-            flooders.push_back(std::move(socket));
+            raw.push_back(std::move(socket));
         }
         const QByteArray pings = Frame(0x9, QByteArray(125, 'p'), 125).repeated(PingsEach);
-        for (const auto &flooder : flooders)
+        for (const auto &flooder : raw)
             flooder->write(pings);
         qint64 peak = before;
         QTRY_VERIFY_WITH_TIMEOUT((peak = qMax(peak, m.RssKb()), m.OpenFds() <= fdsBefore), 60000);
-        qInfo("%d flooders, %d pings each: manager grew by %lld KiB at most", Flooders, PingsEach, peak - before);
+        qInfo("%d flooders, %d pings each: manager grew by %lld KiB at most", flooders, PingsEach, peak - before);
         ExpectNewcomerServed();
         QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
     }
@@ -193,6 +199,7 @@ private:
     }
 
     ManagerUnderAttack m;
+    int scale = 1;
     qint64 baselineRssKb = 0;
     int baselineFds = 0;
 };
