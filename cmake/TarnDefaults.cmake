@@ -3,7 +3,9 @@ add_library(tarn_defaults INTERFACE)
 target_compile_definitions(tarn_defaults INTERFACE
     QT_DISABLE_DEPRECATED_BEFORE=0x050F00
     QT_NO_CAST_FROM_BYTEARRAY
-    QT_NO_URL_CAST_FROM_STRING)
+    QT_NO_URL_CAST_FROM_STRING
+    # The one place a program learns its version.
+    TARN_VERSION="${PROJECT_VERSION}")
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
     target_compile_options(tarn_defaults INTERFACE -Wall -Wextra)
 endif()

@@ -1,5 +1,6 @@
 #include "srvurldetect.h"
 
+#include "loglevel.h"
 #include "protocol.h"
 
 #include <QDataStream>
@@ -45,7 +46,7 @@ int SrvUrlDetect::Bind()
                                     "Clients need the server's URL.")
                          .arg(port)
                          .arg(socket->errorString()),
-                     1, false);
+                     LogLevel::Warning, false);
             return -1;
         }
         ++port;

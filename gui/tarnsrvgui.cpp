@@ -2,6 +2,7 @@
 #include "ui_tarnsrvgui.h"
 
 #include "instanceguard.h"
+#include "loglevel.h"
 #include "logwindow.h"
 #include "tarnresources.h"
 #include "tarnsrvsettings.h"
@@ -82,7 +83,7 @@ TarnSrvGui::~TarnSrvGui()
     // Closing never runs the stop flow; this one line is all the log gets.
     // A refused instance, or one closed before its check, never had a log.
     if (ownsLog)
-        logWindow->Log(QStringLiteral("\nVARNOK Server closed."), 0, false);
+        logWindow->Log(QStringLiteral("\nVARNOK Server closed."), LogLevel::Info, false);
     delete settings;
     settings = nullptr;
     delete ui;
@@ -113,8 +114,7 @@ void TarnSrvGui::InitGui()
         return;
     ui->server_groupBox->setEnabled(true);
 
-    QString report = QStringLiteral("VARNOK Server version ")
-                     + QStringLiteral("%1.%2.%3").arg(1).arg(4).arg(0) + QStringLiteral(".\n\n");
+    QString report = QStringLiteral("VARNOK Server version " TARN_VERSION ".\n\n");
     settings->ApplyConfigFile(report);
     server.LoadIdentity();
     ShowFingerprint();
@@ -142,7 +142,7 @@ void TarnSrvGui::ReportNotServing(bool startFailed)
         QCoreApplication::exit(StartFailedExitCode);
     else if (!startFailed)
         logWindow->Log(QStringLiteral("The server is not running: auto start is off. TarnSrv --start starts it."),
-                       1, false);
+                       LogLevel::Warning, false);
 }
 
 // Shown with signals blocked: the port of this run is not stored.
@@ -239,7 +239,7 @@ int TarnSrvGui::StartServer(bool checkRunning)
     const int result = server.Start(port);
     ShowFingerprint();
     if (result == 0 && options.headless)
-        logWindow->Log(WhereClientsConnect(), 0, false);
+        logWindow->Log(WhereClientsConnect(), LogLevel::Info, false);
     if (result == 0)
         ShowStatus(QStringLiteral("Running"), QStringLiteral("green"));
     else

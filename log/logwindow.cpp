@@ -1,6 +1,8 @@
 #include "logwindow.h"
 #include "ui_logwindow.h"
 
+#include "loglevel.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
@@ -12,13 +14,12 @@
 
 namespace {
 
-enum Level : quint32 { Info = 0, Warning = 1, Error = 2 };
 
 QString LevelName(quint32 type)
 {
     switch (type) {
-    case Warning: return QStringLiteral("Warning");
-    case Error: return QStringLiteral("Error");
+    case LogLevel::Warning: return QStringLiteral("Warning");
+    case LogLevel::Error: return QStringLiteral("Error");
     default: return QStringLiteral("Info");
     }
 }
@@ -26,8 +27,8 @@ QString LevelName(quint32 type)
 QString LevelColor(quint32 type)
 {
     switch (type) {
-    case Warning: return QStringLiteral("blue");
-    case Error: return QStringLiteral("red");
+    case LogLevel::Warning: return QStringLiteral("blue");
+    case LogLevel::Error: return QStringLiteral("red");
     default: return QStringLiteral("black");
     }
 }
@@ -137,8 +138,8 @@ void LogWindow::ShowMessageBox(const QString &text, quint32 type)
 {
     const QString title = QStringLiteral("VARNOK Manager");
     switch (type) {
-    case Warning: QMessageBox::warning(this, title, text, QMessageBox::Ok); break;
-    case Error: QMessageBox::critical(this, title, text, QMessageBox::Ok); break;
+    case LogLevel::Warning: QMessageBox::warning(this, title, text, QMessageBox::Ok); break;
+    case LogLevel::Error: QMessageBox::critical(this, title, text, QMessageBox::Ok); break;
     default: QMessageBox::information(this, title, text, QMessageBox::Ok); break;
     }
 }
@@ -172,7 +173,7 @@ void LogWindow::AppendToFile(const QString &html)
     const bool written = WriteToFile(html, error);
     if (!written && !fileFailing) {
         const QString text = QStringLiteral("Cannot write the log file %1: %2.").arg(LogFilePath(), error);
-        Show(Warning, Now(), text);
+        Show(LogLevel::Warning, Now(), text);
     }
     fileFailing = !written;
 }

@@ -85,7 +85,7 @@ void TarnSrv::Pause()
 
 void TarnSrv::LogInfo(const QString &text)
 {
-    emit Log(text, 0, false);
+    emit Log(text, LogLevel::Info, false);
 }
 
 int TarnSrv::Start(int port)
@@ -99,7 +99,7 @@ int TarnSrv::Start(int port)
     LogInfo(QStringLiteral("Starting Tarn server."));
     Pause();
     if (identity.isNull() && !LoadIdentity(identityFolder.isEmpty() ? TlsIdentity::DefaultFolder() : identityFolder)) {
-        emit Log(QStringLiteral("Failed to start Tarn server."), 2, false);
+        emit Log(QStringLiteral("Failed to start Tarn server."), LogLevel::Error, false);
         return -1;
     }
 
@@ -114,7 +114,7 @@ int TarnSrv::Start(int port)
         listener = nullptr;
         emit Log(QStringLiteral("Failed to start Tarn server.")
                      + QStringLiteral(" An other server might already be running on port %1.").arg(port),
-                 2, false);
+                 LogLevel::Error, false);
         return -1;
     }
 
@@ -166,7 +166,7 @@ bool TarnSrv::LoadIdentity(const QString &folder)
     bool created = false;
     const TlsIdentity loaded = TlsIdentity::LoadOrCreate(folder, &error, &created);
     if (loaded.isNull()) {
-        emit Log(QStringLiteral("No TLS identity, so no secure server: %1").arg(error), 2, false);
+        emit Log(QStringLiteral("No TLS identity, so no secure server: %1").arg(error), LogLevel::Error, false);
         return false;
     }
     if (created)

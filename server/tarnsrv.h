@@ -1,5 +1,6 @@
 #pragma once
 
+#include "loglevel.h"
 #include "protocol.h"
 #include "tlsidentity.h"
 

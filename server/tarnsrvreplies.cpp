@@ -49,7 +49,7 @@ void TarnSrv::DropSlowReader(QWebSocket *socket)
     const QString name = ClientName(socket);
     const bool known = RemoveClient(socket);
     socket->deleteLater();
-    emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected.").arg(name), 1, false);
+    emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected.").arg(name), LogLevel::Warning, false);
     if (known) {
         WindDownIfEmpty();
         emit ClientsChanged();

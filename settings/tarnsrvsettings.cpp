@@ -1,5 +1,6 @@
 #include "tarnsrvsettings.h"
 
+#include "loglevel.h"
 #include "logwindow.h"
 
 #include <QCoreApplication>
@@ -42,7 +43,7 @@ void TarnSrvSettings::ApplyConfigFile(const QString &path, QString &report)
     // Each run begins a new file; the previous runs are kept as numbered generations.
     if (values.loggingEnabled)
         logWindow->RotateLogFiles();
-    logWindow->Log(report, 0, false);
+    logWindow->Log(report, LogLevel::Info, false);
 }
 
 // A valid file always means a manual port and an automatic start.

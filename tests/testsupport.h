@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QUrl>
 #ifdef QT_NETWORK_LIB
+#include <QRandomGenerator>
 #include <QTcpServer>
 #endif
 
@@ -27,9 +28,22 @@ inline bool WriteFile(const QString &path, const QByteArray &bytes)
 }
 
 #ifdef QT_NETWORK_LIB
-// A loopback port nobody listens on once this returns.
+// A port nobody listens on once this returns, below the kernel's ephemeral
+// range: a port in that range may become the local end of any outgoing
+// connection meanwhile (the attack tests make thousands), and a server's
+// later listen on it would fail.
 inline quint16 FreePort()
 {
+    int low = 32768;
+    QFile range(QStringLiteral("/proc/sys/net/ipv4/ip_local_port_range"));
+    if (range.open(QIODevice::ReadOnly))
+        low = range.readLine().simplified().split(' ').value(0).toInt();
+    constexpr int First = 10000;
+    for (int attempt = 0; low > First && attempt < 100; ++attempt) {
+        QTcpServer probe;
+        if (probe.listen(QHostAddress::Any, quint16(QRandomGenerator::global()->bounded(First, low))))
+            return probe.serverPort();
+    }
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost, 0);
     return probe.serverPort();
