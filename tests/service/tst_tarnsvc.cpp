@@ -1,10 +1,10 @@
+#include "../testsupport.h"
 #include "proctools.h"
 #include "scmtools.h"
 #include "qtservice.h"
 #include "scmapi.h"
 
 #include <QProcess>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -261,10 +261,7 @@ void TestTarnSvc::unknownOptionBecomesStartArgument()
 
 void TestTarnSvc::keepsManagerRunning()
 {
-    QTcpServer probe;
-    QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-    const quint16 port = probe.serverPort();
-    probe.close();
+    const quint16 port = testsupport::FreePort();
     const QString cfgPath = QFileInfo(host).absolutePath() + QLatin1String("/TarnSrv.cfg");
     QFile cfg(cfgPath);
     QVERIFY(cfg.open(QIODevice::WriteOnly));
