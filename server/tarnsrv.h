@@ -59,7 +59,8 @@ public:
     // their memory, long enough for the deferred deletions to have run.
     static constexpr int MemoryTrimDelayMs = 1000;
     // A client may leave this much unread, plus two active-clients replies; one
-    // request at a time never comes near it. Past it the client is dropped.
+    // request at a time never comes near it. Past it the client is dropped, and
+    // past its connection's own share when the connections' shared pool is spent.
     static constexpr qint64 UnsentFloorBytes = 256 * 1024;
     // Per client and period, the first repeats of a log line are written as
     // they are; the rest are counted into one summary line.

@@ -13,7 +13,7 @@ constexpr int DeadlineCheckMs = 1000;
 } // namespace
 
 TlsListener::TlsListener(const TlsIdentity &identity, QObject *parent)
-    : QTcpServer(parent), context(MakeServerContext(identity))
+    : QTcpServer(parent), context(MakeServerContext(identity)), unsentPool(std::make_shared<UnsentPool>())
 {
     // Qt stops accepting for good when an accept fails, out of descriptors
     // say; a second later some may be free again.
@@ -38,6 +38,8 @@ TlsServerSocket *TlsListener::TakeOver(const QHostAddress &address, quint16 port
         return nullptr;
     Forget(socket);
     disconnect(socket, nullptr, this, nullptr);
+    // Once the caller has connected to the session's signals.
+    QMetaObject::invokeMethod(socket, &TlsServerSocket::StartSession, Qt::QueuedConnection);
     return socket;
 }
 
@@ -50,7 +52,7 @@ TlsListener::Drops TlsListener::TakeDrops()
 
 void TlsListener::incomingConnection(qintptr descriptor)
 {
-    auto *socket = new TlsServerSocket(context, descriptor, this);
+    auto *socket = new TlsServerSocket(context, descriptor, unsentPool, this);
     const QHostAddress address = socket->peerAddress();
     MakeRoomFor(address);
     pendingOf.insert(socket, pending.insert(pending.end(), Pending{socket, clock.elapsed()}));

@@ -8,10 +8,12 @@
 #include <QTimer>
 
 #include <list>
+#include <memory>
 
 typedef struct ssl_ctx_st SSL_CTX;
 class TlsIdentity;
 class TlsServerSocket;
+struct UnsentPool;
 
 // The server's listening socket. It owns every connection from accept until
 // the session server takes it over: their TLS runs with one OpenSSL context
@@ -30,7 +32,8 @@ public:
     bool IsValid() const { return context != nullptr; }
 
     // The connection from this peer endpoint that was Ready, now the caller's
-    // to parent and end; null when there is none.
+    // to parent and end; its session starts when the event loop next runs.
+    // Null when there is none.
     TlsServerSocket *TakeOver(const QHostAddress &address, quint16 port);
 
     // Connections closed since the last call, for not being taken over in
@@ -69,6 +72,8 @@ private:
     void CloseLate();
 
     SSL_CTX *context = nullptr;
+    // Shared by every connection, those taken over included.
+    std::shared_ptr<UnsentPool> unsentPool;
     QElapsedTimer clock;
     QTimer deadlineTimer;
     // Oldest first; the indexes find an entry without a walk.

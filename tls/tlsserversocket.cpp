@@ -32,9 +32,10 @@ bool WantsMore(int error)
 
 } // namespace
 
-TlsServerSocket::TlsServerSocket(SSL_CTX *context, qintptr descriptor, QObject *parent)
+TlsServerSocket::TlsServerSocket(SSL_CTX *context, qintptr descriptor, std::shared_ptr<UnsentPool> pool,
+                                 QObject *parent)
     : QTcpSocket(parent), context(context), descriptor(descriptor),
-      readNotifier(new QSocketNotifier(descriptor, QSocketNotifier::Read, this))
+      readNotifier(new QSocketNotifier(descriptor, QSocketNotifier::Read, this)), pool(std::move(pool))
 {
     connect(readNotifier, &QSocketNotifier::activated, this, &TlsServerSocket::ReadFromPeer);
     const SocketIo::Endpoint peer = SocketIo::Peer(descriptor);
@@ -56,6 +57,7 @@ TlsServerSocket::~TlsServerSocket()
         SocketIo::Close(descriptor);
     }
     SSL_free(ssl);
+    pool->used -= pooled;
     // The base destructor would otherwise close an open socket through its own code.
     setSocketState(UnconnectedState);
 }
@@ -63,6 +65,16 @@ TlsServerSocket::~TlsServerSocket()
 void TlsServerSocket::Abort()
 {
     Finish();
+}
+
+// Until now the WebSocket layer saw the request head alone: a second
+// readyRead before the upgrade would run the upgrade a second time.
+void TlsServerSocket::StartSession()
+{
+    started = true;
+    UpdateReading();
+    if (!plaintext.isEmpty())
+        emit readyRead();
 }
 
 qint64 TlsServerSocket::bytesToWrite() const
@@ -126,7 +138,9 @@ qint64 TlsServerSocket::writeData(const char *data, qint64 size)
 {
     if (!ready || closing || descriptor < 0)
         return -1;
-    if (bytesToWrite() + size > unsentLimit) {
+    const qint64 after = bytesToWrite() + size;
+    const qint64 fromPool = qMax<qint64>(0, after - OwnUnsentBytes) - pooled;
+    if (after > unsentLimit || pool->used + fromPool > UnsentPool::Capacity) {
         emit UnsentOverrun();
         Finish();
         return -1;
@@ -134,6 +148,7 @@ qint64 TlsServerSocket::writeData(const char *data, qint64 size)
     if (unencrypted.isEmpty() && size > 0)
         QMetaObject::invokeMethod(this, &TlsServerSocket::EncryptPending, Qt::QueuedConnection);
     unencrypted.append(data, int(size));
+    AccountUnsent();
     return size;
 }
 
@@ -212,9 +227,9 @@ bool TlsServerSocket::Decrypt()
     const int error = SSL_get_error(ssl, result);
     Flush(); // alerts, key updates
     if (plaintext.size() > before) {
-        if (ready)
+        if (started)
             emit readyRead();
-        else
+        else if (!ready)
             CheckRequestHead(before);
     }
     if (descriptor < 0 || closing)
@@ -253,8 +268,12 @@ void TlsServerSocket::EncryptPending()
         return;
     // A memory buffer never pushes back, so everything is taken at once.
     ERR_clear_error();
-    SSL_write(ssl, unencrypted.constData(), unencrypted.size());
+    const bool taken = SSL_write(ssl, unencrypted.constData(), unencrypted.size()) > 0;
     unencrypted.clear();
+    if (!taken) {
+        Finish();
+        return;
+    }
     Flush();
 }
 
@@ -267,6 +286,10 @@ void TlsServerSocket::Flush()
         const int at = encrypted.size();
         encrypted.resize(at + size);
         BIO_read(outgoing, encrypted.data() + at, size);
+        // A memory buffer keeps its largest size once emptied: after a large
+        // reply, a new one gives that memory back.
+        if (size > ChunkBytes)
+            SSL_set0_wbio(ssl, BIO_new(BIO_s_mem()));
     }
     WriteToPeer();
 }
@@ -276,19 +299,25 @@ void TlsServerSocket::WriteToPeer()
 {
     if (descriptor < 0)
         return;
-    if (!encrypted.isEmpty()) {
+    // Until the system has no room: Windows signals room again only after a
+    // send that found none.
+    while (!encrypted.isEmpty()) {
         const qint64 sent = SocketIo::Send(descriptor, encrypted.constData(), encrypted.size());
-        if (sent == encrypted.size()) {
-            encrypted.clear();
-        } else if (sent > 0) {
-            encrypted.remove(0, int(sent));
-        } else if (sent != SocketIo::WouldBlock) {
+        if (sent == SocketIo::WouldBlock)
+            break;
+        if (sent <= 0) {
             // The caller may still be working on this connection: end it afterwards.
             encrypted.clear();
+            AccountUnsent();
             QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
             return;
         }
+        if (sent == encrypted.size())
+            encrypted.clear();
+        else
+            encrypted.remove(0, int(sent));
     }
+    AccountUnsent();
     const bool waiting = !encrypted.isEmpty();
     if (waiting && !writeNotifier) {
         writeNotifier = new QSocketNotifier(descriptor, QSocketNotifier::Write, this);
@@ -306,7 +335,17 @@ void TlsServerSocket::UpdateReading()
 {
     if (descriptor < 0 || closing)
         return;
-    readNotifier->setEnabled(encrypted.size() <= MaxQueuedOutput && plaintext.size() <= MaxUnreadPlaintext);
+    const bool waitingForSession = ready && !started;
+    readNotifier->setEnabled(!waitingForSession && encrypted.size() <= MaxQueuedOutput
+                             && plaintext.size() <= MaxUnreadPlaintext);
+}
+
+// Keeps the pool's count of what this connection holds beyond its own share.
+void TlsServerSocket::AccountUnsent()
+{
+    const qint64 beyondShare = qMax<qint64>(0, bytesToWrite() - OwnUnsentBytes);
+    pool->used += beyondShare - pooled;
+    pooled = beyondShare;
 }
 
 void TlsServerSocket::Finish()
@@ -321,6 +360,7 @@ void TlsServerSocket::Finish()
     hello.clear();
     unencrypted.clear();
     encrypted.clear();
+    AccountUnsent();
     if (state() != UnconnectedState) {
         setSocketState(UnconnectedState);
         emit stateChanged(UnconnectedState);

@@ -3,28 +3,42 @@
 #include <QByteArray>
 #include <QTcpSocket>
 
+#include <memory>
+
 typedef struct ssl_st SSL;
 typedef struct ssl_ctx_st SSL_CTX;
 class QSocketNotifier;
 
+// What the connections of one listener may leave unsent beyond their own
+// share, together: with every connection allowed a large queue of its own, a
+// crowd that never reads would hold their number times that.
+struct UnsentPool
+{
+    qint64 used = 0;
+    static constexpr qint64 Capacity = 32 * 1024 * 1024;
+};
+
 // The server side of one TLS connection. It reads and writes its descriptor
 // itself and runs OpenSSL over memory buffers with a context that every
 // connection shares. Until the client's HTTP request head is complete it
-// shows nothing; from then on the WebSocket layer sees it as a plain TCP
-// socket.
+// shows nothing; the WebSocket layer then sees it as a plain TCP socket, and
+// gets what follows the head once the session has started.
 class TlsServerSocket : public QTcpSocket
 {
     Q_OBJECT
 
 public:
     // Takes over an accepted descriptor and waits for the client's hello.
-    TlsServerSocket(SSL_CTX *context, qintptr descriptor, QObject *parent);
+    TlsServerSocket(SSL_CTX *context, qintptr descriptor, std::shared_ptr<UnsentPool> pool, QObject *parent);
     ~TlsServerSocket() override;
 
     // Ends the connection at once, dropping whatever waits to be sent.
     void Abort();
-    // Past this many bytes waiting to be sent, counted in bytesToWrite(), a
-    // write ends the connection and UnsentOverrun is emitted first.
+    // The session over this connection exists: input past the request head flows.
+    void StartSession();
+    // A write that would leave more than this waiting, counted in
+    // bytesToWrite(), or more than OwnUnsentBytes when the pool is spent,
+    // ends the connection; UnsentOverrun is emitted first.
     void SetUnsentLimit(qint64 bytes) { unsentLimit = bytes; }
 
     // Everything that waits to be sent: written but not encrypted yet, and
@@ -35,7 +49,7 @@ public:
     void close() override;
     void disconnectFromHost() override;
 
-    static constexpr qint64 DefaultUnsentLimit = 256 * 1024;
+    static constexpr qint64 OwnUnsentBytes = 64 * 1024;
     // A request head longer than this ends the connection.
     static constexpr int MaxRequestHeadBytes = 16 * 1024;
 
@@ -61,6 +75,7 @@ private:
     void Flush();
     void WriteToPeer();
     void UpdateReading();
+    void AccountUnsent();
     void Finish();
 
     SSL_CTX *context;
@@ -73,8 +88,12 @@ private:
     QByteArray plaintext;
     QByteArray unencrypted;
     QByteArray encrypted;
-    qint64 unsentLimit = DefaultUnsentLimit;
+    std::shared_ptr<UnsentPool> pool;
+    // What this connection takes from the pool now.
+    qint64 pooled = 0;
+    qint64 unsentLimit = OwnUnsentBytes + UnsentPool::Capacity;
     bool secure = false;
     bool ready = false;
+    bool started = false;
     bool closing = false;
 };

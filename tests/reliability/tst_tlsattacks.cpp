@@ -169,6 +169,37 @@ private slots:
         QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
     }
 
+    // Sessions with long names that each ask for the list, which grows with
+    // them, and never read: every one holds replies the size of the list,
+    // together the square of their number, until the shared pool is spent.
+    void slowReadersAskingForTheList()
+    {
+        const int readers = 300 * scale;
+        const qint64 before = m.RssKb();
+        const QByteArray name(256, 'n');
+
+        Sockets raw;
+        for (int i = 0; i < readers; ++i) {
+            auto socket = m.RawWebSocket("," + QUuid::createUuid().toByteArray() + ",," + name);
+            QVERIFY(socket);
+            socket->setReadBufferSize(4096);
+            raw.push_back(std::move(socket));
+        }
+        const QByteArray requests = Frame(0x1, "Get active clients", 18).repeated(8);
+        for (const auto &reader : raw)
+            reader->write(requests);
+        qint64 peak = before;
+        for (int i = 0; i < 40; ++i) {
+            QTest::qWait(100);
+            peak = qMax(peak, m.RssKb());
+        }
+        const int dropped = int(m.LogFile().count("did not read what the server sent"));
+        qInfo("%d readers, 8 requests each: manager grew by %lld KiB at most, %d dropped", readers, peak - before,
+              dropped);
+        ExpectNewcomerServed();
+        QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
+    }
+
     // Whichever way the connections ended, the manager gives their memory back,
     // and the log counts the closes in its summary lines.
     void afterwards()
