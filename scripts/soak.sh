@@ -17,27 +17,21 @@ build=${TARN_BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja >/dev/null
 cmake --build "$build" --parallel "$(nproc)" --target tarn-bench-server soak_driver tarn
 
-work=$(mktemp -d)
-server=""
-cleanup() {
-    if [ -n "$server" ]; then kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true; fi
-    rm -rf "$work"
-}
-trap cleanup EXIT
+source "scripts/background-job.sh"
 ulimit -n 8192
 # A TLS identity and known servers of this run's own.
 export XDG_DATA_HOME=$work/data XDG_CONFIG_HOME=$work/config
 
 port=$(bash scripts/free-port.sh)
 "$build/bench/tarn-bench-server" "$port" >"$work/srv.log" 2>&1 &
-server=$!
+job=$!
 tarn="$build/client/tarn"
 for _ in $(seq 50); do "$tarn" ping "wss://127.0.0.1:$port" >/dev/null 2>&1 && break; sleep 0.2; done
 
-rss() { awk '/^VmRSS:/ {print $2}' "/proc/$server/status"; }
-fds() { ls "/proc/$server/fd" | wc -l; }
-# The server releases abandoned handshakes every five seconds and returns
-# freed memory a second after its last client left.
+rss() { awk '/^VmRSS:/ {print $2}' "/proc/$job/status"; }
+fds() { ls "/proc/$job/fd" | wc -l; }
+# The server deletes each connection as it ends and returns freed memory a
+# second after a burst of them; the wait leaves room for both.
 settle() { sleep 7; }
 
 "$build/tests/reliability/soak_driver" "$port" 10 "$clients" >/dev/null
@@ -55,7 +49,7 @@ echo "soak: $result"
 echo "soak: ${elapsed}s, memory ${base_rss} -> ${end_rss} KiB, descriptors ${base_fds} -> ${end_fds}, clients listed afterwards ${listed} (the checking one)"
 fail=0
 grep -q ' failures 0 ' <<<"$result" || { echo "FAIL: client cycles failed"; fail=1; }
-kill -0 "$server" 2>/dev/null || { echo "FAIL: the server died"; fail=1; }
+kill -0 "$job" 2>/dev/null || { echo "FAIL: the server died"; fail=1; }
 [ "$listed" -eq 1 ] || { echo "FAIL: the registry is not empty"; fail=1; }
 [ "$end_rss" -le $(( base_rss * 110 / 100 )) ] || { echo "FAIL: memory grew more than 10%"; fail=1; }
 [ "$end_fds" -le "$base_fds" ] || { echo "FAIL: descriptors leaked"; fail=1; }

@@ -47,7 +47,7 @@ public:
 
     static constexpr int DeadlineMs = 10000;
     static constexpr int MaxPending = 1000;
-    static constexpr int MaxPendingPerAddress = 256;
+    static constexpr int MaxPendingPerAddress = 512;
 
 signals:
     // TLS is up and the request head is there: over to the WebSocket layer.

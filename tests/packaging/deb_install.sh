@@ -8,13 +8,7 @@
 set -euo pipefail
 build=$1
 qt=$2
-work=$(mktemp -d)
-server=""
-cleanup() {
-    if [ -n "$server" ]; then kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true; fi
-    rm -rf "$work"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/../../scripts/background-job.sh"
 
 (cd "$build" && cpack -G DEB -B "$work/pkg" >"$work/cpack.log") || { cat "$work/cpack.log"; exit 1; }
 deb=$(ls "$work"/pkg/*.deb)
@@ -71,7 +65,7 @@ export XDG_CONFIG_HOME="$work/config"
  unset DISPLAY WAYLAND_DISPLAY QT_QPA_PLATFORM
  STATE_DIRECTORY="$state" TARN_INSTANCE_LOCK="$work/instance.lock" XDG_RUNTIME_DIR="$work" \
     exec "$root/usr/bin/TarnSrv" $unit_args >"$work/srv.log" 2>&1) &
-server=$!
+job=$!
 # A loaded machine (ctest -j2 beside a Windows build) can take its time.
 deadline=$((SECONDS + 60))
 while [ $SECONDS -lt $deadline ]; do

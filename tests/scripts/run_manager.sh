@@ -6,13 +6,7 @@
 set -euo pipefail
 source_dir=$1
 build=$2
-work=$(mktemp -d)
-manager=""
-cleanup() {
-    if [ -n "$manager" ]; then kill "$manager" 2>/dev/null; wait "$manager" 2>/dev/null || true; fi
-    rm -rf "$work"
-}
-trap cleanup EXIT
+source "$source_dir/scripts/background-job.sh"
 
 port=$("$source_dir/scripts/free-port.sh")
 mkdir -p "$work/config"
@@ -21,7 +15,7 @@ mkdir -p "$work/config"
  export TARN_BUILD_DIR=$build TARN_PORT=$port TMPDIR=$work XDG_CONFIG_HOME=$work/config \
         XDG_DATA_HOME=$work XDG_RUNTIME_DIR=$work TARN_INSTANCE_LOCK=$work/instance.lock
  exec bash "$source_dir/scripts/run-manager.sh" >"$work/out" 2>"$work/err") &
-manager=$!
+job=$!
 
 deadline=$((SECONDS + 60))
 while [ $SECONDS -lt $deadline ]; do
@@ -31,10 +25,10 @@ while [ $SECONDS -lt $deadline ]; do
         [ "$hint" = "$build/client/tarn ping wss://127.0.0.1:$port" ] \
             || { echo "FAIL: the script said '$hint'"; exit 1; }
         grep -q "^Stop it with Ctrl+C" "$work/out" || { cat "$work/out"; echo "FAIL: no word on stopping it"; exit 1; }
-        kill -INT "$manager"
+        kill -INT "$job"
         rc=0
-        wait "$manager" || rc=$?
-        manager=""
+        wait "$job" || rc=$?
+        job=""
         [ "$rc" -eq 0 ] || { cat "$work/err"; echo "FAIL: Ctrl+C ended the manager with $rc"; exit 1; }
         grep -q " - Info : Tarn server stopped\.$" "$work/err" \
             || { cat "$work/err"; echo "FAIL: the manager did not stop its server"; exit 1; }

@@ -7,18 +7,12 @@ set -euo pipefail
 source_dir=$1
 program=$2
 command -v testssl >/dev/null || { echo "SKIP: testssl is not installed"; exit 77; }
-work=$(mktemp -d)
-manager=""
-cleanup() {
-    if [ -n "$manager" ]; then kill "$manager" 2>/dev/null; wait "$manager" 2>/dev/null || true; fi
-    rm -rf "$work"
-}
-trap cleanup EXIT
+source "$source_dir/scripts/background-job.sh"
 
 port=$("$source_dir/scripts/free-port.sh")
 XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work XDG_RUNTIME_DIR=$work TARN_INSTANCE_LOCK=$work/lock \
     QT_QPA_PLATFORM=offscreen "$program" --headless --start --port "$port" 2>"$work/manager.log" &
-manager=$!
+job=$!
 for _ in $(seq 100); do
     ss -Htln "sport = :$port" | grep -q . && break
     sleep 0.1
