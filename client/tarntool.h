@@ -1,5 +1,6 @@
 #pragma once
 
+#include "commandline.h"
 #include "protocol.h"
 
 #include <QCommandLineParser>
@@ -16,7 +17,6 @@ public:
     // Parses the arguments (program name first) and runs the command; returns the exit code.
     int Run(const QStringList &arguments);
 
-    enum ExitCode { Ok = 0, Failed = 1, Usage = 2 };
     // discover waits this long in all for the servers' certificates.
     static constexpr int ProbeTimeoutMs = 3000;
 
@@ -36,7 +36,7 @@ private:
     int DiscoverOne(QUrl &url);
     QList<QUrl> DiscoverServers();
     bool FetchClients(TarnClt &client, QList<ActiveClient> &clients);
-    int Fail(const QString &message, int code = Failed);
+    int Fail(const QString &message, int code = Tarn::Failed);
 
     QCommandLineParser parser;
     QTextStream out;

@@ -1,3 +1,4 @@
+#include "commandline.h"
 #include "managercommandline.h"
 #include "stopsignals.h"
 #include "tarnsrv.h"
@@ -78,7 +79,7 @@ int main(int argc, char *argv[])
     // Read before the application exists: the platform depends on it.
     ManagerCommandLine commandLine;
     if (!commandLine.Parse(Arguments(argc, argv)))
-        return ManagerCommandLine::Usage;
+        return Tarn::Usage;
     if (commandLine.IsToolRun())
         return RunTool(argc, argv, commandLine);
     RunOptions options = commandLine.Options();

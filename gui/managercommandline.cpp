@@ -6,6 +6,8 @@
 
 #include <QTextStream>
 
+using namespace Tarn;
+
 namespace {
 
 int Fail(const QString &message, int code)

@@ -26,8 +26,6 @@ public:
     // Runs the tool that Parse found; returns the exit code.
     int RunTool();
 
-    enum ExitCode { Ok = 0, Failed = 1, Usage = 2 };
-
 private:
     int PrintFingerprint();
     int RenewIdentity();
