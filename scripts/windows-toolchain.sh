@@ -1,6 +1,6 @@
 #!/bin/bash
 # Prepares the toolchain that builds Tarn for 64-bit Windows and runs its
-# checks: mingw-w64, Wine, Xvfb and xdotool, and one prefix holding OpenSSL 3 and Qt 5 (Core, Gui, Widgets, Network with
+# checks: mingw-w64, Wine, Xvfb, xdotool and NSIS, and one prefix holding OpenSSL 3 and Qt 5 (Core, Gui, Widgets, Network with
 # OpenSSL linked, WebSockets, and the windows, offscreen and windowsvista
 # plugins), all cross-built from source. Once per machine: the prefix is kept
 # in the cache under a key made of the source versions and the build options
@@ -64,7 +64,7 @@ cache_key() {
 PREFIX=$CACHE/win64-$(cache_key)
 tools_ready() {
     local tool
-    for tool in wine wineserver Xvfb xdotool unzip; do command -v $tool >/dev/null || return 1; done
+    for tool in wine wineserver Xvfb xdotool unzip makensis; do command -v $tool >/dev/null || return 1; done
 }
 ready() { [ -f "$PREFIX/.tarn-complete" ] && tools_ready; }
 
@@ -79,7 +79,7 @@ ready && { echo "$PREFIX"; exit 0; }
 
 install_packages() {
     local missing=() p
-    for p in g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64 xvfb xdotool unzip \
+    for p in g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64 xvfb xdotool unzip nsis \
              perl python3 make dpkg-dev xz-utils; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
     done

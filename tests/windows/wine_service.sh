@@ -7,7 +7,7 @@
 # The real manager under the service is checked by wine_product.sh.
 #
 # Usage: tests/windows/wine_service.sh <Windows build folder>
-#   (scripts/windows-zip.sh made it: the zip and bin/ with the helpers)
+#   (scripts/windows-package.sh made it: the zip and bin/ with the helpers)
 #
 # Where Wine differs from Windows (beyond those in winelib.sh), the checks
 # below say so and what they check instead:

@@ -1,0 +1,332 @@
+; The Windows installer, tarn-<version>-win64-setup.exe, made by installer.sh
+; from the unpacked zip. Per machine: the programs into Program Files, the
+; service registered by TarnSvc.exe itself, set to start with Windows and
+; started, firewall rules for the manager, a Start-menu shortcut and an
+; uninstall entry. Over an older version it upgrades in place, keeping
+; TarnSrv.cfg; the identity, settings and logs live outside the programs'
+; folder and are never touched.
+;
+; Defines (makensis -D): VERSION, STAGE (the unpacked zip), REMOVE_FILES (an
+; include that deletes what STAGE holds), OUTFILE.
+;
+; Options: /S silent, /PORT=n the session port (written to TarnSrv.cfg).
+; Every command run and its result go to C:\ProgramData\Tarn\install.log.
+
+Unicode true
+Target amd64-unicode
+RequestExecutionLevel admin
+ManifestSupportedOS all
+SetCompressor /SOLID lzma
+Name "Tarn ${VERSION}"
+OutFile "${OUTFILE}"
+InstallDir "$PROGRAMFILES64\Tarn"
+BrandingText "Tarn ${VERSION}"
+ShowInstDetails show
+ShowUninstDetails show
+VIProductVersion "${VERSION}.0"
+VIAddVersionKey "ProductName" "Tarn"
+VIAddVersionKey "CompanyName" "VARNOK Labs"
+VIAddVersionKey "FileDescription" "Tarn ${VERSION} setup"
+VIAddVersionKey "FileVersion" "${VERSION}"
+VIAddVersionKey "ProductVersion" "${VERSION}"
+VIAddVersionKey "LegalCopyright" "VARNOK Labs"
+
+!include LogicLib.nsh
+!include FileFunc.nsh
+!include TextFunc.nsh
+!include WordFunc.nsh
+
+!define PUBLISHER "VARNOK Labs"
+!define UNINSTALL_KEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\Tarn"
+; With the shell context "all", $APPDATA is C:\ProgramData.
+!define DATA "$APPDATA\Tarn"
+!define LOG "${DATA}\install.log"
+!define SHORTCUTS "$SMPROGRAMS\Tarn"
+!define SESSION_RULE "Tarn session"
+!define DISCOVERY_RULE "Tarn discovery"
+!define DISCOVERY_PORTS "49152-49172"
+
+; Exit codes besides NSIS' own (1 cancelled, 2 aborted).
+!define EXIT_SAME_VERSION 3
+!define EXIT_NEWER_INSTALLED 4
+!define EXIT_NOT_INSTALLED 5
+!define EXIT_BAD_OPTION 6
+!define EXIT_STEP_FAILED 7
+!define EXIT_NOT_ADMIN 8
+
+Var Port          ; the session port, from /PORT or TarnSrv.cfg
+Var Upgrading     ; the version installed before, when upgrading
+Var FailCode
+Var FailText
+
+Page directory SkipOnUpgrade
+Page instfiles
+UninstPage uninstConfirm
+UninstPage instfiles
+
+; Functions both the installer and the uninstaller use; NSIS wants them
+; twice, the uninstaller's named un.*.
+!macro SharedFunctions UN
+; Appends the line on the stack to the log, when its folder exists.
+Function ${UN}LogLine
+    Exch $0
+    Push $1
+    ClearErrors
+    FileOpen $1 "${LOG}" a
+    ${IfNot} ${Errors}
+        FileSeek $1 0 END
+        FileWrite $1 "$0$\r$\n"
+        FileClose $1
+    ${EndIf}
+    Pop $1
+    Pop $0
+FunctionEnd
+
+; Says FailText on standard error (seen when the caller redirects it), in
+; the log and in a message box unless silent, then ends with FailCode.
+Function ${UN}Fail
+    System::Call 'kernel32::GetStdHandle(i -12) p .r0'
+    StrLen $1 "$FailText$\r$\n"
+    System::Call 'kernel32::WriteFile(p r0, m "$FailText$\r$\n", i r1, *i .r2, p 0)'
+    Push "error: $FailText"
+    Call ${UN}LogLine
+    MessageBox MB_OK|MB_ICONSTOP "$FailText" /SD IDOK
+    SetErrorLevel $FailCode
+    Quit
+FunctionEnd
+
+; Runs the command on the stack hidden, logs it with its output and exit
+; code, and leaves the exit code in $0.
+Function ${UN}Run
+    Exch $2
+    Push $1
+    Push "> $2"
+    Call ${UN}LogLine
+    nsExec::ExecToStack "$2"
+    Pop $0
+    Pop $1
+    ${TrimNewLines} "$1" $1
+    ${If} $1 != ""
+        Push "$1"
+        Call ${UN}LogLine
+    ${EndIf}
+    Push "exit $0"
+    Call ${UN}LogLine
+    Pop $1
+    Pop $2
+FunctionEnd
+
+; Removes the programs once the stopped service has let go of them.
+Function ${UN}RemovePrograms
+    ${ForEach} $3 1 50 + 1
+        ClearErrors
+        Delete "$INSTDIR\TarnSrv.exe"
+        Delete "$INSTDIR\TarnSvc.exe"
+        ${IfNot} ${Errors}
+            ${Break}
+        ${EndIf}
+        Sleep 200
+    ${Next}
+FunctionEnd
+
+Function ${UN}RemoveFirewallRules
+    Push 'netsh advfirewall firewall delete rule name="${SESSION_RULE}"'
+    Call ${UN}Run
+    Push 'netsh advfirewall firewall delete rule name="${DISCOVERY_RULE}"'
+    Call ${UN}Run
+FunctionEnd
+!macroend
+!insertmacro SharedFunctions ""
+!insertmacro SharedFunctions "un."
+
+!macro Fail CODE TEXT
+    StrCpy $FailCode ${CODE}
+    StrCpy $FailText "${TEXT}"
+    Call ${UN}Fail
+!macroend
+!macro Run COMMAND
+    Push `${COMMAND}`
+    Call ${UN}Run
+!macroend
+!macro Log TEXT
+    Push `${TEXT}`
+    Call ${UN}LogLine
+!macroend
+!define UN ""
+
+!macro RequireAdmin
+    UserInfo::GetAccountType
+    Pop $0
+    ${If} $0 != "Admin"
+        !insertmacro Fail ${EXIT_NOT_ADMIN} "Tarn needs administrator rights to change what is installed."
+    ${EndIf}
+!macroend
+
+Function .onInit
+    SetShellVarContext all
+    !insertmacro RequireAdmin
+    ${GetParameters} $R0
+    ClearErrors
+    ${GetOptions} $R0 "/PORT=" $Port
+    ${IfNot} ${Errors}
+        IntOp $R1 $Port + 0
+        ${If} "$R1" != "$Port"
+        ${OrIf} $R1 < 1
+        ${OrIf} $R1 > 65535
+            !insertmacro Fail ${EXIT_BAD_OPTION} "/PORT needs a port number from 1 to 65535, not '$Port'."
+        ${EndIf}
+    ${EndIf}
+    ReadRegStr $Upgrading HKLM "${UNINSTALL_KEY}" "DisplayVersion"
+    ${If} $Upgrading == ""
+        Return
+    ${EndIf}
+    ReadRegStr $INSTDIR HKLM "${UNINSTALL_KEY}" "InstallLocation"
+    ${VersionCompare} "$Upgrading" "${VERSION}" $R2
+    ${If} $R2 == 0
+        !insertmacro Fail ${EXIT_SAME_VERSION} "Tarn ${VERSION} is already installed in $INSTDIR."
+    ${ElseIf} $R2 == 1
+        !insertmacro Fail ${EXIT_NEWER_INSTALLED} "Tarn $Upgrading is installed in $INSTDIR, newer than this installer's ${VERSION}."
+    ${EndIf}
+FunctionEnd
+
+Function SkipOnUpgrade
+    ${If} $Upgrading != ""
+        Abort
+    ${EndIf}
+FunctionEnd
+
+; The port TarnSrv.cfg names ("PortNr = n"), or none.
+Function ReadConfiguredPort
+    StrCpy $Port ""
+    ClearErrors
+    ${ConfigRead} "$INSTDIR\TarnSrv.cfg" "PortNr" $R0
+    ${If} ${Errors}
+        Return
+    ${EndIf}
+    ${WordFind} "$R0" "=" "+1}" $R0
+    ${WordFind} "$R0" " " "+1" $R0
+    IntOp $R1 $R0 + 0
+    ${If} "$R1" == "$R0"
+    ${AndIf} $R1 >= 1
+    ${AndIf} $R1 <= 65535
+        StrCpy $Port $R1
+    ${EndIf}
+FunctionEnd
+
+Function WriteConfiguration
+    ; An operator's TarnSrv.cfg survives upgrades.
+    ${IfNot} ${FileExists} "$INSTDIR\TarnSrv.cfg"
+        File "${STAGE}/TarnSrv.cfg"
+    ${EndIf}
+    ${If} $Port != ""
+        ${ConfigWrite} "$INSTDIR\TarnSrv.cfg" "PortNr" " = $Port" $R0
+    ${EndIf}
+    Call ReadConfiguredPort
+FunctionEnd
+
+Function WriteUninstallEntry
+    WriteUninstaller "$INSTDIR\Uninstall.exe"
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "DisplayName" "Tarn"
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "DisplayVersion" "${VERSION}"
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "Publisher" "${PUBLISHER}"
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "InstallLocation" "$INSTDIR"
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "DisplayIcon" "$INSTDIR\TarnSrv.exe"
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "UninstallString" '"$INSTDIR\Uninstall.exe"'
+    ; In place (_?=), so that a script gets the uninstaller's exit code.
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S _?=$INSTDIR'
+    WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoModify" 1
+    WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoRepair" 1
+    ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
+    WriteRegDWORD HKLM "${UNINSTALL_KEY}" "EstimatedSize" $0
+FunctionEnd
+
+; TarnSvc.exe -i registers the service for demand start; a server installed
+; per machine should come back after a restart.
+Function StartServiceWithWindows
+    System::Call 'advapi32::OpenSCManagerW(p 0, p 0, i 1) p .r1'
+    System::Call 'advapi32::OpenServiceW(p r1, w "TarnSvc", i 2) p .r2'
+    System::Call 'advapi32::ChangeServiceConfigW(p r2, i -1, i 2, i -1, p 0, p 0, p 0, p 0, p 0, p 0, p 0) i .r0'
+    System::Call 'advapi32::CloseServiceHandle(p r2)'
+    System::Call 'advapi32::CloseServiceHandle(p r1)'
+    !insertmacro Log "automatic start: $0"
+    ${If} $0 == 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc could not be set to start with Windows."
+    ${EndIf}
+FunctionEnd
+
+Function AddFirewallRules
+    Call RemoveFirewallRules
+    ${If} $Port == ""
+        !insertmacro Log "TarnSrv.cfg names no port: no rule for the session port"
+    ${Else}
+        !insertmacro Run 'netsh advfirewall firewall add rule name="${SESSION_RULE}" dir=in action=allow program="$INSTDIR\TarnSrv.exe" enable=yes protocol=TCP localport=$Port'
+    ${EndIf}
+    !insertmacro Run 'netsh advfirewall firewall add rule name="${DISCOVERY_RULE}" dir=in action=allow program="$INSTDIR\TarnSrv.exe" enable=yes protocol=UDP localport=${DISCOVERY_PORTS}'
+FunctionEnd
+
+Section "Tarn"
+    CreateDirectory "${DATA}"
+    ${If} $Upgrading == ""
+        !insertmacro Log "Tarn ${VERSION}: installing into $INSTDIR"
+    ${Else}
+        !insertmacro Log "Tarn ${VERSION}: upgrading $Upgrading in $INSTDIR"
+        !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+        Call RemovePrograms
+    ${EndIf}
+    SetOutPath "$INSTDIR"
+    File /r /x TarnSrv.cfg "${STAGE}/*.*"
+    Call WriteConfiguration
+    Call WriteUninstallEntry
+    CreateDirectory "${SHORTCUTS}"
+    CreateShortcut "${SHORTCUTS}\Tarn Manager.lnk" "$INSTDIR\TarnSrv.exe"
+    Call AddFirewallRules
+
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -i'
+    ${If} $0 != 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc could not be installed; see ${LOG}."
+    ${EndIf}
+    Call StartServiceWithWindows
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe"'
+    ${If} $0 != 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc could not be started; see ${LOG}."
+    ${EndIf}
+    !insertmacro Log "Tarn ${VERSION}: installed"
+SectionEnd
+
+!undef UN
+!define UN "un."
+
+Function un.onInit
+    SetShellVarContext all
+    !insertmacro RequireAdmin
+    ReadRegStr $0 HKLM "${UNINSTALL_KEY}" "InstallLocation"
+    ${If} $0 == ""
+        !insertmacro Fail ${EXIT_NOT_INSTALLED} "Tarn is not installed."
+    ${EndIf}
+    StrCpy $INSTDIR $0
+FunctionEnd
+
+Section "Uninstall"
+    !insertmacro Log "Tarn ${VERSION}: uninstalling from $INSTDIR"
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -u'
+    ${If} $0 != 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc could not be removed; see ${LOG}."
+    ${EndIf}
+    Call un.RemovePrograms
+    Call un.RemoveFirewallRules
+    Delete "${SHORTCUTS}\Tarn Manager.lnk"
+    RMDir "${SHORTCUTS}"
+    Delete "$INSTDIR\TarnSrv.cfg"
+    !include "${REMOVE_FILES}"
+    DeleteRegKey HKLM "${UNINSTALL_KEY}"
+    ; Run in place (_?=), the uninstaller cannot delete itself: a hidden
+    ; command does it, and removes the folder, once this process has ended.
+    Delete "$INSTDIR\Uninstall.exe"
+    RMDir "$INSTDIR"
+    ${If} ${FileExists} "$INSTDIR\Uninstall.exe"
+        SetOutPath "$TEMP"
+        ExecShell "open" "$SYSDIR\cmd.exe" '/c for /l %i in (1,1,30) do @(ping -n 2 127.0.0.1 >nul & del /f /q "$INSTDIR\Uninstall.exe" 2>nul & if not exist "$INSTDIR\Uninstall.exe" (rmdir "$INSTDIR" 2>nul & exit))' SW_HIDE
+    ${EndIf}
+    !insertmacro Log "Tarn ${VERSION}: uninstalled; the identity, settings and logs stay"
+SectionEnd
