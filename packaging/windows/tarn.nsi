@@ -95,16 +95,16 @@ Function ${UN}Fail
     Quit
 FunctionEnd
 
-; Runs the command on the stack hidden, logs it with its output and exit
-; code, and leaves the exit code in $0.
+; Runs the command on the stack hidden, then logs it with its output and
+; exit code, and leaves the exit code in $0.
 Function ${UN}Run
     Exch $2
     Push $1
-    Push "> $2"
-    Call ${UN}LogLine
     nsExec::ExecToStack "$2"
     Pop $0
     Pop $1
+    Push "> $2"
+    Call ${UN}LogLine
     ${TrimNewLines} "$1" $1
     ${If} $1 != ""
         Push "$1"
@@ -265,7 +265,14 @@ Function AddFirewallRules
 FunctionEnd
 
 Section "Tarn"
+    ; The service writes its logs here as LocalSystem, so only it and
+    ; administrators may write here; ProgramData lets users create files.
+    ; Locked before anything is written, the install log included.
     CreateDirectory "${DATA}"
+    !insertmacro Run 'icacls "${DATA}" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
+    ${If} $0 != 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The folder ${DATA} could not be locked to administrators."
+    ${EndIf}
     ${If} $Upgrading == ""
         !insertmacro Log "Tarn ${VERSION}: installing into $INSTDIR"
     ${Else}

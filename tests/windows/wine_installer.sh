@@ -80,6 +80,7 @@ check "the Start-menu shortcut" [ -f "$SHORTCUT" ]
 step "2. the firewall rules, from the installer's log"
 check "the session rule" ran "netsh advfirewall firewall add rule name=\"Tarn session\" dir=in action=allow program=\"$WINDIR\\TarnSrv.exe\" enable=yes protocol=TCP localport=$PORT"
 check "the discovery rule" ran "netsh advfirewall firewall add rule name=\"Tarn discovery\" dir=in action=allow program=\"$WINDIR\\TarnSrv.exe\" enable=yes protocol=UDP localport=49152-49172"
+check "the log folder locked to administrators" ran 'icacls "C:\ProgramData\Tarn" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
 check "the service registered through TarnSvc.exe -i" ran "\"$WINDIR\\TarnSvc.exe\" -i"
 
 step "3. upgrade in place"
