@@ -190,10 +190,7 @@ qint64 TarnClt::SendHeartBeat()
         heartbeatTimer.stop();
         return 0;
     }
-    if (serverBeatSeen) {
-        missedBeats = 0;
-        serverBeatSeen = false;
-    } else if (++missedBeats > MaxMissedBeats) {
+    if (!CountHeartBeat(serverBeatSeen, missedBeats)) {
         LoseConnection();
         return 0;
     }

@@ -81,6 +81,6 @@ private:
     QString reply;
     QTimer heartbeatTimer;
     bool serverBeatSeen = false;
-    int missedBeats = 1;
+    qint32 missedBeats = 1;
     QString activeClients;
 };

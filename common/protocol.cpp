@@ -30,6 +30,17 @@ bool IsHostName(const QString &host)
 
 namespace Tarn {
 
+bool CountHeartBeat(bool &beatSeen, qint32 &missedBeats)
+{
+    if (beatSeen) {
+        missedBeats = 0;
+        beatSeen = false;
+    } else {
+        ++missedBeats;
+    }
+    return missedBeats <= MaxMissedBeats;
+}
+
 QStringList SplitMessage(const QString &msg)
 {
     return msg.split(QLatin1Char(','), Qt::KeepEmptyParts, Qt::CaseSensitive);

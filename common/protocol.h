@@ -22,6 +22,11 @@ inline const QString MsgHeartBeat = QStringLiteral("Heart Beat");
 inline const QString MsgGetActiveClients = QStringLiteral("Get active clients");
 inline const QString MsgActiveClients = QStringLiteral("Active clients");
 
+// One heartbeat tick for a peer: a beat seen since the last tick clears the
+// count of missed ticks, none adds one. False once the peer has missed more
+// than MaxMissedBeats ticks in a row.
+bool CountHeartBeat(bool &beatSeen, qint32 &missedBeats);
+
 // Splits a frame into its fields; empty fields are kept, so "" is one empty field.
 QStringList SplitMessage(const QString &msg);
 

@@ -1,4 +1,5 @@
 #include "commandline.h"
+#include "display.h"
 #include "managercommandline.h"
 #include "stopsignals.h"
 #include "tarnsrv.h"
@@ -28,15 +29,10 @@ int RunTool(int argc, char *argv[], ManagerCommandLine &commandLine)
     return commandLine.RunTool();
 }
 
-// Neither an X11 nor a Wayland display, and no platform asked for.
+// Neither a display nor a platform asked for: nothing could show the window.
 bool LacksDisplay()
 {
-#if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
-    return qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
-           && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
-#else
-    return false;
-#endif
+    return !Tarn::DisplayInEnvironment() && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
 }
 
 // A windowed Windows program started from a console has no standard streams

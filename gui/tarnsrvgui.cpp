@@ -1,13 +1,13 @@
 #include "tarnsrvgui.h"
 #include "ui_tarnsrvgui.h"
 
+#include "display.h"
 #include "instanceguard.h"
 #include "loglevel.h"
 #include "logwindow.h"
 #include "tarnresources.h"
 #include "tarnsrvsettings.h"
 
-#include <QGuiApplication>
 #include <QIntValidator>
 #include <QMessageBox>
 #include <QNetworkInterface>
@@ -23,20 +23,6 @@ constexpr int RefusedExitCode = 1;
 constexpr int StartFailedExitCode = 1;
 // How often a stop request looks again while a start or stop is under way.
 constexpr int StepRetryMs = 50;
-
-// Offscreen, or with neither an X11 nor a Wayland display, nobody could
-// answer a message box.
-bool HasDisplay()
-{
-    const QString platform = QGuiApplication::platformName();
-    if (platform == QLatin1String("offscreen") || platform == QLatin1String("minimal"))
-        return false;
-#if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
-    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-#else
-    return true;
-#endif
-}
 
 // QIntValidator lets a number above the top pass while it has no more digits
 // than the top, as a step towards something valid; no port lies beyond 65535.
@@ -207,7 +193,7 @@ bool TarnSrvGui::CheckRunningInstance()
     }
     const QString text = QStringLiteral("Another instance of %1 is already running.")
                              .arg(QStringLiteral("VARNOK Manager"));
-    if (HasDisplay())
+    if (Tarn::HasDisplay())
         QMessageBox::information(this, QStringLiteral("Instance Limit Reached"),
                                  text + QStringLiteral("\nThe application will now close."), QMessageBox::Ok);
     else

@@ -277,13 +277,7 @@ qint64 TarnSrv::SendHeartBeat()
 {
     // Nothing in this walk processes events, so erasing while iterating is safe.
     for (auto it = registry.begin(); it != registry.end();) {
-        if (it->heartBeatSeen) {
-            it->missedBeats = 0;
-            it->heartBeatSeen = false;
-        } else {
-            ++it->missedBeats;
-        }
-        if (it->missedBeats <= MaxMissedBeats) {
+        if (CountHeartBeat(it->heartBeatSeen, it->missedBeats)) {
             QWebSocket *socket = it->socket;
             ++it; // the send may drop this client
             SendTo(socket, MsgHeartBeat);
