@@ -7,8 +7,6 @@
 #include <QLibrary>
 
 #include <cstdio>
-#else
-void fillSubstituteScmFunctions(ScmFunctions &table); // scmsubstitute.cpp
 #endif
 
 ScmFunctions &scmFunctions()

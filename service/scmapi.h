@@ -74,7 +74,7 @@ struct SERVICE_DESCRIPTIONW
     LPWSTR lpDescription;
 };
 
-// Linked directly on Windows; provided by the substitute elsewhere.
+// Linked directly on Windows; provided by the stand-in (scm/) elsewhere.
 DWORD GetLastError();
 void SetLastError(DWORD code);
 void Sleep(DWORD milliseconds);
@@ -108,6 +108,11 @@ struct ScmFunctions
 // The process-wide table; empty until resolveScmFunctions succeeds.
 ScmFunctions &scmFunctions();
 bool resolveScmFunctions();
+#ifndef Q_OS_WIN
+// Fills the table off Windows; defined by the stand-in (scm/), which every
+// program using the framework there links.
+void fillSubstituteScmFunctions(ScmFunctions &table);
+#endif
 
 // Control-manager values the framework uses.
 namespace Scm {

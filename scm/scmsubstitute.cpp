@@ -6,8 +6,6 @@
 
 #include "scmsubstitute_p.h"
 
-#ifndef Q_OS_WIN
-
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
@@ -370,5 +368,3 @@ void scmWarning(DWORD code, const char *text)
 {
     qWarning("%s (%s)", text, qPrintable(scmErrorText(code)));
 }
-
-#endif // !Q_OS_WIN

@@ -4,8 +4,6 @@
 
 #include "scmsubstitute_p.h"
 
-#ifndef Q_OS_WIN
-
 #include <QDataStream>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -254,5 +252,3 @@ BOOL StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRYW *table)
 }
 
 } // namespace ScmSubstitute
-
-#endif // !Q_OS_WIN

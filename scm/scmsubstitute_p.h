@@ -7,8 +7,6 @@
 
 #include "scmapi.h"
 
-#ifndef Q_OS_WIN
-
 #include <QJsonObject>
 #include <QLockFile>
 #include <QMutex>
@@ -139,5 +137,4 @@ extern const char LaunchTokenVar[];
 
 } // namespace ScmSubstitute
 
-#endif // !Q_OS_WIN
 #endif // SCMSUBSTITUTE_P_H

@@ -3,8 +3,6 @@
 
 #include "scmsubstitute_p.h"
 
-#ifndef Q_OS_WIN
-
 #include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
@@ -229,5 +227,3 @@ QString Database::fileFor(const QString &name) const
 }
 
 } // namespace ScmSubstitute
-
-#endif // !Q_OS_WIN

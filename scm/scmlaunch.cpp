@@ -3,8 +3,6 @@
 
 #include "scmsubstitute_p.h"
 
-#ifndef Q_OS_WIN
-
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QThread>
@@ -124,5 +122,3 @@ BOOL StartServiceW(SC_HANDLE handle, DWORD argc, LPCWSTR *argv)
 }
 
 } // namespace ScmSubstitute
-
-#endif // !Q_OS_WIN
