@@ -1,8 +1,6 @@
 #pragma once
 
 #include "managercommandline.h"
-#include "srvurldetect.h"
-#include "tarnclt.h"
 #include "tarnsrv.h"
 
 #include <QMainWindow>
@@ -54,9 +52,6 @@ private:
     QString WhereClientsConnect() const;
 
     Ui::TarnSrvGui *ui;
-    // Held for client tools built on the manager; the window itself never uses them.
-    SrvUrlDetect discovery{nullptr};
-    TarnClt client{nullptr};
     const RunOptions options;
     TarnSrv server;
     bool restartPending = false;
