@@ -57,8 +57,8 @@ TarnSrvGui::TarnSrvGui(const RunOptions &options, QWidget *parent)
     ui->server_treeWidget->setColumnWidth(0, 150);
     ui->server_treeWidget->setColumnWidth(1, 300);
     logWindow = ui->logWindows_widget;
-    logWindow->SetHeadless(options.headless);
-    settings = new TarnSrvSettings(logWindow);
+    logWindow->Sink().SetHeadless(options.headless);
+    settings = new TarnSrvSettings(&logWindow->Sink());
     connect(&server, SIGNAL(Log(QString,quint32,bool)), logWindow, SLOT(Log(QString,quint32,bool)));
     connect(&server, SIGNAL(SocketDestroyed(QObject*)), this, SLOT(ServerSocketDestroyed(QObject*)));
     QTimer::singleShot(InitDelayMs, this, SLOT(InitGui()));

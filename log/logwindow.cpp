@@ -3,51 +3,19 @@
 
 #include "loglevel.h"
 
-#include <QCoreApplication>
-#include <QDateTime>
-#include <QFile>
-#include <QFileInfo>
 #include <QMenu>
 #include <QMessageBox>
 #include <QTextBlock>
-#include <cstdio>
-
-namespace {
-
-
-QString LevelName(quint32 type)
-{
-    switch (type) {
-    case LogLevel::Warning: return QStringLiteral("Warning");
-    case LogLevel::Error: return QStringLiteral("Error");
-    default: return QStringLiteral("Info");
-    }
-}
-
-QString LevelColor(quint32 type)
-{
-    switch (type) {
-    case LogLevel::Warning: return QStringLiteral("blue");
-    case LogLevel::Error: return QStringLiteral("red");
-    default: return QStringLiteral("black");
-    }
-}
-
-QString Now()
-{
-    return QDateTime::currentDateTime().toString(QStringLiteral("dd.MM.yyyy HH:mm:ss"));
-}
-
-} // namespace
 
 LogWindow::LogWindow(QWidget *parent)
     : QWidget(parent)
     , ui(new Ui::LogWindow)
-    , logFolder(QCoreApplication::applicationDirPath())
 {
     ui->setupUi(this);
     ui->plainTextEdit->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(ui->plainTextEdit, &QPlainTextEdit::customContextMenuRequested, this, &LogWindow::ShowContextMenu);
+    connect(&sink, &LogSink::Shown, this, &LogWindow::AppendToView);
+    connect(&sink, &LogSink::MessageRequested, this, &LogWindow::ShowMessageBox);
 }
 
 LogWindow::~LogWindow()
@@ -60,78 +28,9 @@ QSize LogWindow::sizeHint() const
     return QSize(500, 400);
 }
 
-void LogWindow::SetLogFile(bool enable, const QString &folder)
-{
-    logToFile = enable;
-    logFolder = folder;
-}
-
-void LogWindow::SetMaxFileSize(qint64 bytes)
-{
-    maxFileSize = bytes;
-}
-
-void LogWindow::SetHeadless(bool enable)
-{
-    headless = enable;
-}
-
-void LogWindow::RotateLogFiles()
-{
-    if (!QFileInfo(LogFilePath()).isFile())
-        return;
-    QFile::remove(LogFilePath(LogGenerations));
-    for (int n = LogGenerations; n > 0; --n)
-        QFile::rename(LogFilePath(n - 1), LogFilePath(n));
-    // A file that could not be moved is dropped rather than left to grow.
-    QFile::remove(LogFilePath());
-}
-
-QString LogWindow::LogFilePath(int generation) const
-{
-    if (generation == 0)
-        return QStringLiteral("%1/TarnSrvSvc.html").arg(logFolder);
-    return QStringLiteral("%1/TarnSrvSvc.%2.html").arg(logFolder, QString::number(generation));
-}
-
-QString LogWindow::FormatLine(quint32 type, const QString &stamp, const QString &text)
-{
-    // One placeholder at a time, the message last, so "%1" inside it stays literal.
-    return QStringLiteral("<font color=\"%1\">%2 - %3 : %4</font>")
-        .arg(LevelColor(type))
-        .arg(stamp)
-        .arg(LevelName(type))
-        .arg(text);
-}
-
 void LogWindow::Log(const QString &text, quint32 type, bool msgBox)
 {
-    const QStringList parts = text.split(QLatin1Char('\n'), Qt::KeepEmptyParts, Qt::CaseSensitive);
-    for (const QString &part : parts) {
-        const QString stamp = Now();
-        if (headless)
-            Show(type, stamp, part);
-        AppendPlainHtml(FormatLine(type, stamp, part));
-    }
-    if (msgBox && !headless)
-        ShowMessageBox(text, type);
-}
-
-// A line of the log's own, shown where the lines go: the view, or stderr as
-// plain text without the empty lines that space out the view.
-void LogWindow::Show(quint32 type, const QString &stamp, const QString &text)
-{
-    if (!headless) {
-        AppendToView(FormatLine(type, stamp, text.toHtmlEscaped()));
-        return;
-    }
-    if (text.isEmpty())
-        return;
-    const QByteArray line = QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), text).toUtf8();
-    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
-    // Windows' C runtime buffers stderr when it is a file or a pipe, and a
-    // headless log is read as it grows.
-    std::fflush(stderr);
+    sink.Log(text, type, msgBox);
 }
 
 void LogWindow::ShowMessageBox(const QString &text, quint32 type)
@@ -142,14 +41,6 @@ void LogWindow::ShowMessageBox(const QString &text, quint32 type)
     case LogLevel::Error: QMessageBox::critical(this, title, text, QMessageBox::Ok); break;
     default: QMessageBox::information(this, title, text, QMessageBox::Ok); break;
     }
-}
-
-void LogWindow::AppendPlainHtml(const QString &html)
-{
-    if (!headless)
-        AppendToView(html);
-    if (logToFile)
-        AppendToFile(html);
 }
 
 // Trimmed in batches, not per line: each removal lays out the new top line
@@ -164,40 +55,6 @@ void LogWindow::AppendToView(const QString &html)
     QTextCursor cursor(document);
     cursor.setPosition(document->findBlockByNumber(drop).position(), QTextCursor::KeepAnchor);
     cursor.removeSelectedText();
-}
-
-// A failure shows once in the view, and again only after a line has got through.
-void LogWindow::AppendToFile(const QString &html)
-{
-    QString error;
-    const bool written = WriteToFile(html, error);
-    if (!written && !fileFailing) {
-        const QString text = QStringLiteral("Cannot write the log file %1: %2.").arg(LogFilePath(), error);
-        Show(LogLevel::Warning, Now(), text);
-    }
-    fileFailing = !written;
-}
-
-// Opened and closed per line; a missing folder is not created.
-bool LogWindow::WriteToFile(const QString &html, QString &error)
-{
-    QByteArray bytes = (html + QLatin1String("<br>")).toUtf8();
-    QFile file(LogFilePath());
-    const qint64 size = file.size();
-    if (size > 0 && size + bytes.size() > maxFileSize)
-        RotateLogFiles();
-    if (!file.open(QIODevice::Append | QIODevice::Text)) {
-        error = file.errorString();
-        return false;
-    }
-    // Guest names need not be ASCII: UTF-8, marked for browsers when a file begins.
-    if (file.size() == 0)
-        bytes.prepend("\xEF\xBB\xBF");
-    if (file.write(bytes) != bytes.size() || !file.flush()) {
-        error = file.errorString();
-        return false;
-    }
-    return true;
 }
 
 void LogWindow::ShowContextMenu(const QPoint &pos)

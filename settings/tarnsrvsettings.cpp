@@ -1,15 +1,15 @@
 #include "tarnsrvsettings.h"
 
 #include "loglevel.h"
-#include "logwindow.h"
+#include "logsink.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QTextStream>
 
-TarnSrvSettings::TarnSrvSettings(LogWindow *logWindow)
+TarnSrvSettings::TarnSrvSettings(LogSink *log)
     : QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"))
-    , logWindow(logWindow)
+    , log(log)
 {
 }
 
@@ -42,8 +42,8 @@ void TarnSrvSettings::ApplyConfigFile(const QString &path, QString &report)
     // The parsed switch counts even from an invalid file, and is on when there was none.
     // Each run begins a new file; the previous runs are kept as numbered generations.
     if (values.loggingEnabled)
-        logWindow->RotateLogFiles();
-    logWindow->Log(report, LogLevel::Info, false);
+        log->RotateLogFiles();
+    log->Log(report, LogLevel::Info, false);
 }
 
 // A valid file always means a manual port and an automatic start.
@@ -54,7 +54,7 @@ void TarnSrvSettings::StoreConfig(const ConfigValues &values)
     setValue(QStringLiteral("Server/AutoStart"), QStringLiteral("true"));
     setValue(QStringLiteral("Logging/Enable"), values.loggingEnabled);
     setValue(QStringLiteral("Logging/Folder"), values.loggingFolder);
-    logWindow->SetLogFile(values.loggingEnabled, values.loggingFolder);
+    log->SetLogFile(values.loggingEnabled, values.loggingFolder);
 }
 
 bool TarnSrvSettings::ParseConfigStream(QFile &file, ConfigValues &values, QString &report)

@@ -2,7 +2,7 @@
 
 #include <QSettings>
 
-class LogWindow;
+class LogSink;
 class QFile;
 
 // Values collected while reading the configuration file.
@@ -18,7 +18,7 @@ struct ConfigValues
 class TarnSrvSettings : public QSettings
 {
 public:
-    explicit TarnSrvSettings(LogWindow *logWindow);
+    explicit TarnSrvSettings(LogSink *log);
 
     // Applies the configuration file next to the program; appends to report and logs it.
     void ApplyConfigFile(QString &report);
@@ -36,5 +36,5 @@ public:
 private:
     void StoreConfig(const ConfigValues &values);
 
-    LogWindow *logWindow;
+    LogSink *log;
 };

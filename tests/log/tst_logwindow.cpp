@@ -71,7 +71,7 @@ private slots:
         QFETCH(quint32, type);
         QFETCH(QString, text);
         QFETCH(QString, line);
-        QCOMPARE(LogWindow::FormatLine(type, QStringLiteral("16.11.2026 09:05:03"), text), line);
+        QCOMPARE(LogSink::FormatLine(type, QStringLiteral("16.11.2026 09:05:03"), text), line);
     }
 
     void logSplitsIntoStampedLines_data()
@@ -93,7 +93,7 @@ private slots:
         QFETCH(QStringList, parts);
 
         LogWindow window;
-        window.SetLogFile(true, dir.path());
+        window.Sink().SetLogFile(true, dir.path());
         window.Log(text, 2);
 
         QString pattern;
@@ -110,13 +110,13 @@ private slots:
     void fileIsUtf8AndAppended()
     {
         LogWindow first;
-        first.SetLogFile(true, dir.path());
+        first.Sink().SetLogFile(true, dir.path());
         first.Log(QStringLiteral("plain"), 0);
         const QByteArray afterFirst = FileBytes(LogPath());
 
         // A second writer appends, with no second byte-order mark.
         LogWindow second;
-        second.SetLogFile(true, dir.path());
+        second.Sink().SetLogFile(true, dir.path());
         second.Log(QStringLiteral("Zoë <i>"), 1);
         const QByteArray bytes = FileBytes(LogPath());
         QVERIFY(afterFirst.startsWith(Bom));
@@ -128,7 +128,7 @@ private slots:
         QVERIFY(added.endsWith(QByteArray("Warning : Zo\xC3\xAB <i></font><br>")));
 
         // Switched off, the file stays as it is.
-        second.SetLogFile(false, dir.path());
+        second.Sink().SetLogFile(false, dir.path());
         second.Log(QStringLiteral("view only"), 0);
         QCOMPARE(FileBytes(LogPath()), bytes);
         QCOMPARE(View(second)->blockCount(), 2);
@@ -159,17 +159,17 @@ private slots:
             QSKIP("no /dev/full to fill");
 
         LogWindow window;
-        window.SetLogFile(true, dir.filePath(folder));
+        window.Sink().SetLogFile(true, dir.filePath(folder));
         window.Log(QStringLiteral("one"), 0);
         window.Log(QStringLiteral("two\nthree"), 1);
 
         const QStringList lines = View(window)->toPlainText().split(QLatin1Char('\n'));
         QCOMPARE(lines.size(), 4);
         QCOMPARE(lines.filter(QStringLiteral(" - Warning : Cannot write the log file ")), QStringList{lines.at(1)});
-        QVERIFY2(lines.at(1).endsWith(window.LogFilePath() + QStringLiteral(": ") + error + QLatin1Char('.')),
+        QVERIFY2(lines.at(1).endsWith(window.Sink().LogFilePath() + QStringLiteral(": ") + error + QLatin1Char('.')),
                  qPrintable(lines.at(1)));
         QVERIFY(lines.at(3).endsWith(QStringLiteral("Warning : three")));
-        QVERIFY(!QFileInfo(window.LogFilePath()).isFile());
+        QVERIFY(!QFileInfo(window.Sink().LogFilePath()).isFile());
     }
 
     void startKeepsPreviousRuns_data()
@@ -178,7 +178,7 @@ private slots:
 
         QTest::newRow("first run") << 1;
         QTest::newRow("second run") << 2;
-        QTest::newRow("oldest dropped") << LogWindow::LogGenerations + 3;
+        QTest::newRow("oldest dropped") << LogSink::LogGenerations + 3;
     }
 
     // Each run rotates before its first line, as start-up does.
@@ -188,18 +188,18 @@ private slots:
 
         for (int run = 1; run <= runs; ++run) {
             LogWindow window;
-            window.SetLogFile(true, dir.path());
-            window.RotateLogFiles();
+            window.Sink().SetLogFile(true, dir.path());
+            window.Sink().RotateLogFiles();
             window.Log(QStringLiteral("run %1").arg(run), 0);
         }
         LogWindow window;
-        window.SetLogFile(true, dir.path());
-        for (int generation = 0; generation <= LogWindow::LogGenerations + 1; ++generation) {
+        window.Sink().SetLogFile(true, dir.path());
+        for (int generation = 0; generation <= LogSink::LogGenerations + 1; ++generation) {
             const int run = runs - generation;
-            const bool kept = run > 0 && generation <= LogWindow::LogGenerations;
-            QCOMPARE(FileMessages(window.LogFilePath(generation)),
+            const bool kept = run > 0 && generation <= LogSink::LogGenerations;
+            QCOMPARE(FileMessages(window.Sink().LogFilePath(generation)),
                      kept ? QStringList{QStringLiteral("run %1").arg(run)} : QStringList());
-            QCOMPARE(QFile::exists(window.LogFilePath(generation)), kept);
+            QCOMPARE(QFile::exists(window.Sink().LogFilePath(generation)), kept);
         }
     }
 
@@ -219,20 +219,20 @@ private slots:
         const int count = 60;
 
         LogWindow window;
-        window.SetLogFile(true, dir.path());
-        window.SetMaxFileSize(limit);
+        window.Sink().SetLogFile(true, dir.path());
+        window.Sink().SetMaxFileSize(limit);
         for (int i = 0; i < count; ++i)
             window.Log(QStringLiteral("%1").arg(i, textLength, 10, QLatin1Char('0')), 0);
 
         QStringList kept;
-        for (int generation = LogWindow::LogGenerations; generation >= 0; --generation) {
-            const QString path = window.LogFilePath(generation);
+        for (int generation = LogSink::LogGenerations; generation >= 0; --generation) {
+            const QString path = window.Sink().LogFilePath(generation);
             const QStringList lines = FileMessages(path);
             QVERIFY2(!lines.isEmpty(), qPrintable(path));
             QVERIFY(QFileInfo(path).size() <= limit || lines.size() == 1);
             kept += lines;
         }
-        QVERIFY(!QFile::exists(window.LogFilePath(LogWindow::LogGenerations + 1)));
+        QVERIFY(!QFile::exists(window.Sink().LogFilePath(LogSink::LogGenerations + 1)));
         for (int i = 0; i < kept.size(); ++i)
             QCOMPARE(kept.at(i).toInt(), count - kept.size() + i);
     }
@@ -240,7 +240,7 @@ private slots:
     void viewKeepsNewestLines()
     {
         LogWindow window;
-        window.SetLogFile(false, dir.path());
+        window.Sink().SetLogFile(false, dir.path());
         QPlainTextEdit *view = View(window);
         for (int i = 0; i < LogWindow::MaxViewLines; ++i)
             window.Log(QString::number(i), 0);
@@ -270,16 +270,16 @@ private slots:
         QFETCH(QString, path);
 
         LogWindow window;
-        QCOMPARE(window.LogFilePath(), QCoreApplication::applicationDirPath() + QStringLiteral("/TarnSrvSvc.html"));
-        window.SetLogFile(false, folder);
-        QCOMPARE(window.LogFilePath(), path);
+        QCOMPARE(window.Sink().LogFilePath(), QCoreApplication::applicationDirPath() + QStringLiteral("/TarnSrvSvc.html"));
+        window.Sink().SetLogFile(false, folder);
+        QCOMPARE(window.Sink().LogFilePath(), path);
     }
 
     // The view is read-only; its menu clears it and leaves the file.
     void clearAllLeavesFile()
     {
         LogWindow window;
-        window.SetLogFile(true, dir.path());
+        window.Sink().SetLogFile(true, dir.path());
         window.Log(QStringLiteral("one\ntwo"), 0);
         const QByteArray before = FileBytes(LogPath());
         QPlainTextEdit *view = View(window);
@@ -328,7 +328,7 @@ private slots:
         QFETCH(int, icon);
 
         LogWindow window;
-        window.SetLogFile(false, dir.path());
+        window.Sink().SetLogFile(false, dir.path());
         QString title, text;
         int shownIcon = -1;
         int buttons = 0;

@@ -141,15 +141,15 @@ private slots:
         WriteConfig("PortNr = 4000\r\nLoggingFolder = DIR/logs");
 
         LogWindow window;
-        window.SetLogFile(true, dir.path());
-        TarnSrvSettings settings(&window);
+        window.Sink().SetLogFile(true, dir.path());
+        TarnSrvSettings settings(&window.Sink());
         QString report = Banner;
         settings.ApplyConfigFile(configPath, report);
 
         const QStringList lines = BannerLines
                                   + QStringList{"Reading configuration file " + configPath + ".", "Port number: 4000",
                                                 "Logging folder: " + logs, Used, ""};
-        QCOMPARE(window.LogFilePath(), newLog);
+        QCOMPARE(window.Sink().LogFilePath(), newLog);
         QCOMPARE(LoggedMessages(newLog), lines);
         QCOMPARE(ViewMessages(window), lines);
         QCOMPARE(FileBytes(LogPath()), QByteArray("previous run"));
@@ -157,7 +157,7 @@ private slots:
 
         QCOMPARE(Stored(settings), QStringList({"bool:false", "int:4000", "QString:true", "bool:true", "QString:" + logs}));
         // Read back from the store as start-up reads it.
-        const TarnSrvSettings next(&window);
+        const TarnSrvSettings next(&window.Sink());
         QVERIFY(next.value(QStringLiteral("Server/AutoStart")).toBool());
         QVERIFY(!next.value(QStringLiteral("Server/AutoPort")).toBool());
         QCOMPARE(next.value(QStringLiteral("Server/PortNr")).toInt(), 4000);
@@ -225,9 +225,9 @@ private slots:
         else if (kind == Directory)
             QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("TarnSrv.cfg")));
         LogWindow window;
-        window.SetLogFile(true, dir.path());
-        window.AppendPlainHtml(QStringLiteral("old"));
-        TarnSrvSettings settings(&window);
+        window.Sink().SetLogFile(true, dir.path());
+        window.Sink().AppendPlainHtml(QStringLiteral("old"));
+        TarnSrvSettings settings(&window.Sink());
         settings.setValue(QStringLiteral("Server/PortNr"), QStringLiteral("77"));
         QString text = Banner;
         settings.ApplyConfigFile(configPath, text);
