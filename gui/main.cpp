@@ -1,11 +1,15 @@
 #include "commandline.h"
 #include "display.h"
+#include "logsink.h"
+#include "managercore.h"
 #include "managercommandline.h"
 #include "stopsignals.h"
 #include "tarnsrv.h"
 #include "tarnsrvgui.h"
 
 #include <QApplication>
+#include <QTextStream>
+#include <QTimer>
 
 #ifdef Q_OS_WIN
 #include <windows.h>
@@ -67,6 +71,38 @@ QStringList Arguments(int argc, char *argv[])
     return arguments;
 }
 
+// Without a window: no widget, no platform plugin, the log on stderr.
+int RunHeadless(int argc, char *argv[], const RunOptions &options)
+{
+    QCoreApplication app(argc, argv);
+    NameApplication();
+    StopSignals stopSignals;
+    LogSink log;
+    log.SetHeadless(true);
+    ManagerCore core(options, &log);
+    QObject::connect(&stopSignals, &StopSignals::Received, &core, &ManagerCore::StopAndQuit);
+    QTimer::singleShot(ManagerCore::InitDelayMs, &core, [&core] {
+        if (core.Claim()) {
+            core.StartIfAsked();
+            return;
+        }
+        QTextStream(stderr) << ManagerCore::RefusalText() << '\n';
+        QCoreApplication::exit(ManagerCore::RefusedExitCode);
+    });
+    return QCoreApplication::exec();
+}
+
+int RunWindow(int argc, char *argv[], const RunOptions &options)
+{
+    QApplication app(argc, argv);
+    NameApplication();
+    StopSignals stopSignals;
+    TarnSrvGui window(options);
+    QObject::connect(&stopSignals, &StopSignals::Received, &window, &TarnSrvGui::StopAndQuit);
+    window.show();
+    return QApplication::exec();
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -80,23 +116,9 @@ int main(int argc, char *argv[])
         return RunTool(argc, argv, commandLine);
     RunOptions options = commandLine.Options();
     options.headless = options.headless || LacksDisplay();
-    // The window is built but never shown, so it needs no display.
-    if (options.headless)
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    else
-        LeaveConsole(consoleAttached);
-
     TarnSrv::PreferScalableEventLoop();
-    QApplication app(argc, argv);
-    NameApplication();
-    StopSignals stopSignals;
-    int result = 0;
-    {
-        TarnSrvGui window(options);
-        QObject::connect(&stopSignals, &StopSignals::Received, &window, &TarnSrvGui::StopAndQuit);
-        if (!options.headless)
-            window.show();
-        result = QApplication::exec();
-    }
-    return result;
+    if (options.headless)
+        return RunHeadless(argc, argv, options);
+    LeaveConsole(consoleAttached);
+    return RunWindow(argc, argv, options);
 }

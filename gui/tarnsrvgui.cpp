@@ -2,27 +2,16 @@
 #include "ui_tarnsrvgui.h"
 
 #include "display.h"
-#include "instanceguard.h"
-#include "loglevel.h"
 #include "logwindow.h"
 #include "tarnresources.h"
-#include "tarnsrvsettings.h"
 
 #include <QIntValidator>
 #include <QMessageBox>
-#include <QNetworkInterface>
 #include <QTextStream>
 #include <QTimer>
 
 namespace {
-const QString AutoStartKey = QStringLiteral("Server/AutoStart");
-const QString AutoPortKey = QStringLiteral("Server/AutoPort");
-const QString PortNrKey = QStringLiteral("Server/PortNr");
 constexpr int ManualPortIndex = 1;
-constexpr int RefusedExitCode = 1;
-constexpr int StartFailedExitCode = 1;
-// How often a stop request looks again while a start or stop is under way.
-constexpr int StepRetryMs = 50;
 
 // QIntValidator lets a number above the top pass while it has no more digits
 // than the top, as a step towards something valid; no port lies beyond 65535.
@@ -45,7 +34,6 @@ public:
 TarnSrvGui::TarnSrvGui(const RunOptions &options, QWidget *parent)
     : QMainWindow(parent)
     , ui(new Ui::TarnSrvGui)
-    , options(options)
 {
     // The form's icon lives in the resources, registered on demand by a static library.
     InitTarnResources();
@@ -53,25 +41,21 @@ TarnSrvGui::TarnSrvGui(const RunOptions &options, QWidget *parent)
     ui->porNr_lineEdit->setValidator(new PortValidator(ui->porNr_lineEdit));
     // Nothing may start the server or store a setting before the instance check.
     ui->server_groupBox->setEnabled(false);
-    connect(&server, SIGNAL(ClientsChanged()), this, SLOT(ClientsChanged()));
     ui->server_treeWidget->setColumnWidth(0, 150);
     ui->server_treeWidget->setColumnWidth(1, 300);
     logWindow = ui->logWindows_widget;
-    logWindow->Sink().SetHeadless(options.headless);
-    settings = new TarnSrvSettings(&logWindow->Sink());
-    connect(&server, SIGNAL(Log(QString,quint32,bool)), logWindow, SLOT(Log(QString,quint32,bool)));
-    connect(&server, SIGNAL(SocketDestroyed(QObject*)), this, SLOT(ServerSocketDestroyed(QObject*)));
+    core = std::make_unique<ManagerCore>(options, &logWindow->Sink());
+    connect(core.get(), &ManagerCore::StatusChanged, this, &TarnSrvGui::ShowStatus);
+    connect(core.get(), &ManagerCore::StepRunningChanged, this, &TarnSrvGui::SetStepRunning);
+    connect(core.get(), &ManagerCore::FingerprintChanged, this, &TarnSrvGui::ShowFingerprint);
+    connect(core.get(), &ManagerCore::ClientsChanged, this, &TarnSrvGui::ClientsChanged);
     QTimer::singleShot(InitDelayMs, this, SLOT(InitGui()));
 }
 
 TarnSrvGui::~TarnSrvGui()
 {
-    // Closing never runs the stop flow; this one line is all the log gets.
-    // A refused instance, or one closed before its check, never had a log.
-    if (ownsLog)
-        logWindow->Log(QStringLiteral("\nVARNOK Server closed."), LogLevel::Info, false);
-    delete settings;
-    settings = nullptr;
+    // The core's last line goes to the log while the log still exists.
+    core.reset();
     delete ui;
 }
 
@@ -88,118 +72,44 @@ void TarnSrvGui::ShowStatus(const QString &text, const QString &color)
 // Start loads the identity when the start-up could not.
 void TarnSrvGui::ShowFingerprint()
 {
-    ui->fingerprint_lineEdit->setText(server.Fingerprint());
+    ui->fingerprint_lineEdit->setText(core->Fingerprint());
     ui->fingerprint_lineEdit->setCursorPosition(0);
 }
 
 void TarnSrvGui::InitGui()
 {
-    // A refused instance touches nothing: the running one owns the log,
-    // the settings and the port.
     if (!CheckRunningInstance())
         return;
     ui->server_groupBox->setEnabled(true);
-
-    QString report = QStringLiteral("VARNOK Server version " TARN_VERSION ".\n\n");
-    settings->ApplyConfigFile(report);
-    server.LoadIdentity();
-    ShowFingerprint();
-    ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
-    RestorePortMode();
-    RestorePortNumber();
-    if (options.port != 0)
-        ShowPortOfThisRun(options.port);
-
-    const bool autoStart = settings->contains(AutoStartKey) && settings->value(AutoStartKey).toBool();
-    if (autoStart)
+    ShowPortChoice();
+    if (core->AutoStart())
         ui->autoStart_checkBox->setChecked(true);
-    const bool start = autoStart || options.start;
-    if (start && StartServer(false) == 0)
-        return;
-    if (options.headless)
-        ReportNotServing(start);
+    core->StartIfAsked();
 }
 
-// Without a window nobody can press Start: a start asked for on the command
-// line that failed ends the process, so that a service fails visibly.
-void TarnSrvGui::ReportNotServing(bool startFailed)
-{
-    if (startFailed && options.start)
-        QCoreApplication::exit(StartFailedExitCode);
-    else if (!startFailed)
-        logWindow->Log(QStringLiteral("The server is not running: auto start is off. TarnSrv --start starts it."),
-                       LogLevel::Warning, false);
-}
-
-// Shown with signals blocked: the port of this run is not stored.
-void TarnSrvGui::ShowPortOfThisRun(int port)
+// Shown with signals blocked: what is shown is stored already, or is this
+// run's port from the command line, which is not stored.
+void TarnSrvGui::ShowPortChoice()
 {
     const QSignalBlocker modeBlocker(ui->portNr_comboBox);
     const QSignalBlocker portBlocker(ui->porNr_lineEdit);
-    ui->portNr_comboBox->setCurrentIndex(ManualPortIndex);
-    ui->porNr_lineEdit->setEnabled(true);
-    ui->porNr_lineEdit->setText(QString::number(port));
-}
-
-QString TarnSrvGui::WhereClientsConnect() const
-{
-    const QString url = QStringLiteral("wss://%1:") + QString::number(server.ListeningPort());
-    QStringList urls;
-    for (const QHostAddress &address : QNetworkInterface::allAddresses())
-        if (address.protocol() == QAbstractSocket::IPv4Protocol && !address.isLoopback())
-            urls.append(url.arg(address.toString()));
-    if (urls.isEmpty())
-        urls.append(url.arg(QHostAddress(QHostAddress::LocalHost).toString()));
-    return QStringLiteral("Clients connect to %1 (TLS certificate SHA-256 fingerprint: %2).")
-        .arg(urls.join(QStringLiteral(", ")), server.Fingerprint());
-}
-
-// Signals stay blocked so the restored values are not written back.
-void TarnSrvGui::RestorePortMode()
-{
-    bool autoPort = true;
-    if (settings->contains(AutoPortKey)) {
-        autoPort = settings->value(AutoPortKey).toBool();
-        ui->portNr_comboBox->blockSignals(true);
-        ui->portNr_comboBox->setCurrentIndex(autoPort ? 0 : ManualPortIndex);
-    } else {
-        ui->porNr_lineEdit->setEnabled(false);
-        ui->portNr_comboBox->blockSignals(true);
-        ui->portNr_comboBox->setCurrentIndex(0);
-    }
-    ui->portNr_comboBox->blockSignals(false);
-    ui->porNr_lineEdit->setEnabled(!autoPort);
-}
-
-void TarnSrvGui::RestorePortNumber()
-{
-    if (!settings->contains(PortNrKey))
-        return;
-    // A port out of range would be cut to 16 bits: leave the field empty instead.
-    const int port = settings->value(PortNrKey).toInt();
-    if (!TarnSrvSettings::IsPort(port))
-        return;
-    ui->porNr_lineEdit->blockSignals(true);
-    ui->porNr_lineEdit->setText(QString::number(port));
-    ui->porNr_lineEdit->blockSignals(false);
+    ui->portNr_comboBox->setCurrentIndex(core->ManualPort() ? ManualPortIndex : 0);
+    ui->porNr_lineEdit->setEnabled(core->ManualPort());
+    ui->porNr_lineEdit->setText(core->PortText());
 }
 
 bool TarnSrvGui::CheckRunningInstance()
 {
-    static InstanceGuard guard;
-    if (guard.Acquire()) {
-        ownsLog = true;
+    if (core->Claim())
         return true;
-    }
-    const QString text = QStringLiteral("Another instance of %1 is already running.")
-                             .arg(QStringLiteral("VARNOK Manager"));
+    const QString text = ManagerCore::RefusalText();
     if (Tarn::HasDisplay())
         QMessageBox::information(this, QStringLiteral("Instance Limit Reached"),
                                  text + QStringLiteral("\nThe application will now close."), QMessageBox::Ok);
     else
         QTextStream(stderr) << text << '\n';
     close();
-    QCoreApplication::exit(RefusedExitCode);
+    QCoreApplication::exit(ManagerCore::RefusedExitCode);
     return false;
 }
 
@@ -207,103 +117,49 @@ bool TarnSrvGui::CheckRunningInstance()
 // meantime cannot begin another step inside this one.
 void TarnSrvGui::SetStepRunning(bool running)
 {
-    stepRunning = running;
     for (QPushButton *button : {ui->serverStart_pushButton, ui->serverStop_pushButton, ui->serverRestart_pushButton})
         button->setEnabled(!running);
 }
 
-int TarnSrvGui::StartServer(bool checkRunning)
-{
-    if (checkRunning && server.IsRunning())
-        return 0;
-    SetStepRunning(true);
-    ShowStatus(QStringLiteral("Starting..."), QStringLiteral("blue"));
-    QCoreApplication::processEvents();
-    const int port = ui->portNr_comboBox->currentIndex() == ManualPortIndex
-                         ? ui->porNr_lineEdit->text().toInt(nullptr, 10)
-                         : 0;
-    const int result = server.Start(port);
-    ShowFingerprint();
-    if (result == 0 && options.headless)
-        logWindow->Log(WhereClientsConnect(), LogLevel::Info, false);
-    if (result == 0)
-        ShowStatus(QStringLiteral("Running"), QStringLiteral("green"));
-    else
-        ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
-    SetStepRunning(false);
-    return result;
-}
-
 void TarnSrvGui::on_autoStart_checkBox_clicked(bool checked)
 {
-    settings->setValue(AutoStartKey, checked);
+    core->SetAutoStart(checked);
 }
 
 void TarnSrvGui::on_portNr_comboBox_currentIndexChanged(int index)
 {
-    settings->setValue(AutoPortKey, index == 0);
+    core->SetManualPort(index == ManualPortIndex);
     ui->porNr_lineEdit->setEnabled(index == ManualPortIndex);
 }
 
 void TarnSrvGui::on_porNr_lineEdit_textChanged(const QString &text)
 {
-    settings->setValue(PortNrKey, text);
+    core->SetPortText(text);
 }
 
 void TarnSrvGui::on_serverStart_pushButton_clicked()
 {
-    StartServer(true);
+    core->Start();
 }
 
 void TarnSrvGui::on_serverStop_pushButton_clicked()
 {
-    if (!server.IsRunning())
-        return;
-    SetStepRunning(true);
-    ShowStatus(QStringLiteral("Stopping..."), QStringLiteral("blue"));
-    QCoreApplication::processEvents();
-    server.Stop();
-    ShowStatus(QStringLiteral("Stopped"), QStringLiteral("red"));
-    SetStepRunning(false);
+    core->Stop();
 }
 
 void TarnSrvGui::on_serverRestart_pushButton_clicked()
 {
-    if (server.IsRunning()) {
-        restartPending = true;
-        on_serverStop_pushButton_clicked();
-        return;
-    }
-    StartServer(true);
+    core->Restart();
 }
 
 void TarnSrvGui::StopAndQuit()
 {
-    if (stepRunning) {
-        QTimer::singleShot(StepRetryMs, this, &TarnSrvGui::StopAndQuit);
-        return;
-    }
-    restartPending = false;
-    on_serverStop_pushButton_clicked();
-    QCoreApplication::quit();
-}
-
-void TarnSrvGui::ServerSocketDestroyed(QObject *)
-{
-    if (!restartPending)
-        return;
-    // Destroyed while another step processes events: start once that one is over.
-    if (stepRunning) {
-        QTimer::singleShot(0, this, [this] { ServerSocketDestroyed(nullptr); });
-        return;
-    }
-    StartServer(true);
-    restartPending = false;
+    core->StopAndQuit();
 }
 
 void TarnSrvGui::ClientsChanged()
 {
-    const QList<ActiveClient> clients = server.GetActiveClients();
+    const QList<ActiveClient> clients = core->ActiveClients();
     ui->server_treeWidget->clear();
     for (const ActiveClient &client : clients) {
         auto *item = new QTreeWidgetItem(0);

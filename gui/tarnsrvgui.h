@@ -1,17 +1,17 @@
 #pragma once
 
-#include "managercommandline.h"
-#include "tarnsrv.h"
+#include "managercore.h"
 
 #include <QMainWindow>
+#include <memory>
 
 namespace Ui {
 class TarnSrvGui;
 }
 class LogWindow;
-class TarnSrvSettings;
 
-// The manager's main window: server control panel, active clients and the log.
+// The manager's main window: server control panel, active clients and the
+// log, a view over the manager's core.
 class TarnSrvGui : public QMainWindow
 {
     Q_OBJECT
@@ -21,7 +21,7 @@ public:
     ~TarnSrvGui() override;
 
     // Delay between construction and the deferred start-up.
-    static constexpr int InitDelayMs = 100;
+    static constexpr int InitDelayMs = ManagerCore::InitDelayMs;
 
 public slots:
     // Stops the server the usual way, then ends the event loop with 0.
@@ -37,27 +37,16 @@ private slots:
     void InitGui();
     bool CheckRunningInstance();
     void ClientsChanged();
-    void ServerSocketDestroyed(QObject *socket);
-
-private:
-    static QString ColoredText(const QString &text, const QString &color);
-    int StartServer(bool checkRunning);
     void ShowStatus(const QString &text, const QString &color);
     void ShowFingerprint();
     void SetStepRunning(bool running);
-    void RestorePortMode();
-    void RestorePortNumber();
-    void ShowPortOfThisRun(int port);
-    void ReportNotServing(bool startFailed);
-    QString WhereClientsConnect() const;
+
+private:
+    static QString ColoredText(const QString &text, const QString &color);
+    void ShowPortChoice();
 
     Ui::TarnSrvGui *ui;
-    const RunOptions options;
-    TarnSrv server;
-    bool restartPending = false;
-    bool stepRunning = false;
-    // Set once the instance check passed: the log is this instance's.
-    bool ownsLog = false;
     LogWindow *logWindow = nullptr;
-    TarnSrvSettings *settings = nullptr;
+    // Made once the form holds the log; gone before the form's widgets.
+    std::unique_ptr<ManagerCore> core;
 };

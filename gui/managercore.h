@@ -1,0 +1,84 @@
+#pragma once
+
+#include "managercommandline.h"
+#include "tarnsrv.h"
+#include "tarnsrvsettings.h"
+
+#include <QObject>
+
+class LogSink;
+
+// What the manager does with or without its window: the single-instance
+// check, the start-up (configuration file, identity, the choice to start),
+// start, stop and restart one step at a time, the port choice and the
+// settings behind it, the headless report, and the stop on request. The
+// window (TarnSrvGui) is a view that drives it; a headless run uses it alone.
+class ManagerCore : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Delay between construction and the deferred start-up.
+    static constexpr int InitDelayMs = 100;
+
+    ManagerCore(const RunOptions &options, LogSink *log, QObject *parent = nullptr);
+    // Logs the closing line when this instance owned the log.
+    ~ManagerCore() override;
+
+    // The instance check, then the configuration file, the identity and the
+    // stored choices. False, touching nothing, when another manager runs.
+    bool Claim();
+    // Starts the server when the settings or the command line ask for it.
+    void StartIfAsked();
+    static QString RefusalText();
+
+    bool AutoStart() const { return autoStart; }
+    void SetAutoStart(bool on);
+    // The port choice: manual with its text, or left to the system. The
+    // setters store it; a port from the command line is for this run only.
+    bool ManualPort() const { return manualPort; }
+    void SetManualPort(bool manual);
+    QString PortText() const { return portText; }
+    void SetPortText(const QString &text);
+
+    QString Fingerprint() const { return server.Fingerprint(); }
+    QList<ActiveClient> ActiveClients() const { return server.GetActiveClients(); }
+
+    static constexpr int RefusedExitCode = 1;
+
+public slots:
+    void Start();
+    void Stop();
+    void Restart();
+    // Stops the server the usual way, then ends the event loop with 0.
+    void StopAndQuit();
+
+signals:
+    void StatusChanged(const QString &text, const QString &color);
+    // While a start or stop processes events, no other step may begin.
+    void StepRunningChanged(bool running);
+    void FingerprintChanged();
+    void ClientsChanged();
+
+private slots:
+    void ServerSocketDestroyed();
+
+private:
+    int StartServer(bool checkRunning);
+    void SetStepRunning(bool running);
+    void RestorePortChoice();
+    void ReportNotServing(bool startFailed);
+    QString WhereClientsConnect() const;
+
+    const RunOptions options;
+    LogSink *log;
+    TarnSrv server;
+    TarnSrvSettings settings;
+    bool autoStart = false;
+    bool manualPort = false;
+    QString portText;
+    bool restartPending = false;
+    bool stepRunning = false;
+    // Set once the instance check passed: the log is this instance's.
+    bool ownsLog = false;
+};
