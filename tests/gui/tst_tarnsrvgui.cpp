@@ -1,49 +1,43 @@
 #include "../testsupport.h"
 #include "fingerprint.h"
-#include "guiprobe.h"
 #include "tarnclt.h"
+#include "tarnsrvgui.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QHeaderView>
-#include <QRandomGenerator>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
 #include <QSettings>
-#include <functional>
+#include <QTemporaryDir>
+#include <QTreeWidget>
+#include <QtTest>
 #include <memory>
 
 using namespace testsupport;
 
 namespace {
 
-const QString AutoStartKey = QStringLiteral("Server/AutoStart");
-const QString AutoPortKey = QStringLiteral("Server/AutoPort");
-const QString PortNrKey = QStringLiteral("Server/PortNr");
-
-QString Stopped() { return Colored(QStringLiteral("Stopped"), QStringLiteral("red")); }
-QString Running() { return Colored(QStringLiteral("Running"), QStringLiteral("green")); }
+QString Colored(const QString &text, const QString &color)
+{
+    return QStringLiteral("<font color=%1>%2</font>").arg(color, text);
+}
+const QString Stopped = Colored(QStringLiteral("Stopped"), QStringLiteral("red"));
+const QString Running = Colored(QStringLiteral("Running"), QStringLiteral("green"));
 
 QString ConfigPath()
 {
     return QCoreApplication::applicationDirPath() + QStringLiteral("/TarnSrv.cfg");
 }
 
-// A client gets in and is answered.
-void ExpectServing(quint16 port)
-{
-    TarnClt client;
-    ClientRecord rec = Record(QUuid::createUuid().toString(), QStringLiteral("Ann"));
-    QVERIFY(client.Open(LocalUrl(port), &rec));
-    QCOMPARE(client.Ping(), 0);
-}
-
-QVariantMap StoredSettings()
+QStringList AllStored()
 {
     QSettings store(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"));
-    QVariantMap map;
-    const QStringList keys = store.allKeys();
-    for (const QString &key : keys)
-        map.insert(key, store.value(key));
-    return map;
+    QStringList all;
+    for (const QString &key : store.allKeys())
+        all.append(key + QLatin1Char('=') + store.value(key).toString());
+    return all;
 }
 
 } // namespace
@@ -53,6 +47,17 @@ class TestTarnSrvGui : public QObject
     Q_OBJECT
 
 private slots:
+    // The settings store and the single-instance lock live in a private folder:
+    // the operator's settings stay untouched, and a manager running on the
+    // machine does not refuse the test's windows.
+    void initTestCase()
+    {
+        qputenv("XDG_CONFIG_HOME", configDir.path().toLocal8Bit());
+        qputenv("TARN_INSTANCE_LOCK", configDir.filePath(QStringLiteral("instance.lock")).toLocal8Bit());
+        const QSettings store(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"));
+        QVERIFY(store.fileName().startsWith(configDir.path()));
+    }
+
     void init()
     {
         QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager")).clear();
@@ -61,7 +66,6 @@ private slots:
 
     void cleanup()
     {
-        gui.reset();
         window.reset();
         QFile::remove(ConfigPath());
     }
@@ -69,355 +73,195 @@ private slots:
     void startup_data()
     {
         QTest::addColumn<QVariantMap>("stored");
-        QTest::addColumn<QString>("config");
-        QTest::addColumn<int>("portIndex");
-        QTest::addColumn<QString>("portText");
+        QTest::addColumn<bool>("config"); // a valid TarnSrv.cfg with a free port and a log folder
+        QTest::addColumn<bool>("manual");
+        QTest::addColumn<QString>("portText"); // PORT: the configured one
         QTest::addColumn<bool>("autoStart");
-        QTest::addColumn<QVariantMap>("storedAfter");
 
-        const QVariantMap none;
-        const QVariantMap manual0123{{AutoPortKey, false}, {PortNrKey, QStringLiteral("0123")}};
-        const QVariantMap autoStart{{AutoStartKey, true}};
-        const QVariantMap autoStartText{{AutoStartKey, QStringLiteral("true")}};
-        const QVariantMap manual5{{AutoPortKey, QStringLiteral("false")}, {PortNrKey, QStringLiteral("5")}};
-        const QVariantMap manual70000{{AutoPortKey, false}, {PortNrKey, QStringLiteral("70000")}};
-
-        // PORT and LOG in the configuration are replaced by a free port and a log folder.
-        QTest::newRow("nothing stored") << none << QString() << 0 << "" << false << none;
-        QTest::newRow("manual 0123") << manual0123 << QString() << 1 << "123" << false << manual0123;
+        const QString autoPort = QStringLiteral("Server/AutoPort");
+        QTest::newRow("nothing stored") << QVariantMap() << false << false << "" << false;
+        QTest::newRow("manual 0123") << QVariantMap{{autoPort, false}, {"Server/PortNr", "0123"}} << false << true
+                                     << "123" << false;
         // Would listen on 70000 cut to 16 bits; an empty field leaves the port to the system.
-        QTest::newRow("manual port out of range") << manual70000 << QString() << 1 << "" << false << manual70000;
-        QTest::newRow("auto start") << autoStart << QString() << 0 << "" << true << autoStart;
-        QTest::newRow("auto start as text") << autoStartText << QString() << 0 << "" << true << autoStartText;
-        QTest::newRow("invalid file keeps settings") << manual5 << "PortNr = abc\n" << 1 << "5" << false << manual5;
-        QTest::newRow("valid file") << none << "PortNr = PORT\nLoggingFolder = LOG\n" << 1 << "PORT" << true
-                                    << QVariantMap{{AutoPortKey, false}, {PortNrKey, 0}, {AutoStartKey, "true"},
-                                                   {QStringLiteral("Logging/Enable"), true},
-                                                   {QStringLiteral("Logging/Folder"), "LOG"}};
+        QTest::newRow("manual port out of range") << QVariantMap{{autoPort, false}, {"Server/PortNr", "70000"}} << false
+                                                  << true << "" << false;
+        QTest::newRow("auto start") << QVariantMap{{"Server/AutoStart", true}} << false << false << "" << true;
+        QTest::newRow("valid file") << QVariantMap() << true << true << "PORT" << true;
     }
 
     void startup()
     {
         QFETCH(QVariantMap, stored);
-        QFETCH(QString, config);
-        QFETCH(int, portIndex);
+        QFETCH(bool, config);
+        QFETCH(bool, manual);
         QFETCH(QString, portText);
         QFETCH(bool, autoStart);
-        QFETCH(QVariantMap, storedAfter);
 
         const QString port = QString::number(FreePort());
-        auto fill = [&](QString text) { return text.replace(QLatin1String("PORT"), port)
-                                                    .replace(QLatin1String("LOG"), logDir.path()); };
         {
             QSettings store(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"));
             for (auto it = stored.cbegin(); it != stored.cend(); ++it)
                 store.setValue(it.key(), it.value());
         }
-        if (!config.isEmpty())
-            QVERIFY(WriteFile(ConfigPath(), fill(config).toUtf8()));
+        const QStringList before = AllStored();
+        if (config)
+            QVERIFY(WriteFile(ConfigPath(), ("PortNr = " + port + "\nLoggingFolder = " + logDir.path()).toUtf8()));
 
         OpenWindow();
         // The operator can compare the key with what a client shows.
-        const QLineEdit *fingerprint = gui->Get<QLineEdit>("fingerprint_lineEdit");
+        const QLineEdit *fingerprint = Get<QLineEdit>("fingerprint_lineEdit");
         QVERIFY(Tarn::IsFingerprint(fingerprint->text()) && fingerprint->isReadOnly());
-        QVERIFY(gui->LogView()->toPlainText().contains("TLS certificate SHA-256 fingerprint: " + fingerprint->text()));
-        QCOMPARE(gui->PortMode()->currentIndex(), portIndex);
-        QCOMPARE(gui->PortEdit()->text(), fill(portText));
-        QCOMPARE(gui->PortEdit()->isEnabled(), portIndex == 1);
-        QCOMPARE(gui->AutoStart()->isChecked(), autoStart);
-        QCOMPARE(gui->Status(), autoStart ? Running() : Stopped());
-        if (autoStart && portIndex == 1)
-            QCOMPARE(QString::number(gui->ListeningPort()), port);
-
-        // Restoring wrote nothing back; only a valid file stores its values.
-        QVariantMap expected;
-        for (auto it = storedAfter.cbegin(); it != storedAfter.cend(); ++it)
-            expected.insert(it.key(), it.key() == PortNrKey && it.value() == 0 ? QVariant(port.toInt())
-                                      : it.value().type() == QVariant::String ? QVariant(fill(it.value().toString()))
-                                                                               : it.value());
-        const QVariantMap actual = StoredSettings();
-        QCOMPARE(actual.keys(), expected.keys());
-        for (const QString &key : expected.keys())
-            QCOMPARE(actual.value(key).toString(), expected.value(key).toString());
+        QVERIFY(LogText().contains("TLS certificate SHA-256 fingerprint: " + fingerprint->text()));
+        QCOMPARE(PortMode()->currentIndex(), manual ? 1 : 0);
+        QCOMPARE(PortEdit()->text(), portText.replace(QLatin1String("PORT"), port));
+        QCOMPARE(PortEdit()->isEnabled(), manual);
+        QCOMPARE(Get<QCheckBox>("autoStart_checkBox")->isChecked(), autoStart);
+        QCOMPARE(Status(), autoStart ? Running : Stopped);
+        if (autoStart && manual)
+            QCOMPARE(QString::number(ListeningPort()), port);
+        // Restoring writes nothing back; what a valid file stores is tst_settings' part.
+        if (!config)
+            QCOMPARE(AllStored(), before);
     }
 
-    void restartKeepsManualPort()
-    {
-        OpenWindow();
-        const QString port = QString::number(FreePort());
-        gui->PortMode()->setCurrentIndex(1);
-        QTest::keyClicks(gui->PortEdit(), port);
-        Click("serverStart_pushButton");
-        QCOMPARE(gui->Status(), Running());
-        QCOMPARE(QString::number(gui->ListeningPort()), port);
-
-        // The status as each log line arrives shows the flow from inside.
-        QStringList seen;
-        QObject watching;
-        connect(gui->LogView(), &QPlainTextEdit::textChanged, &watching, [&] {
-            if (seen.isEmpty() || seen.last() != gui->Status())
-                seen.append(gui->Status());
-        });
-        Click("serverRestart_pushButton");
-        QCOMPARE(gui->Status(), Stopped());
-        QTRY_COMPARE(gui->Status(), Running());
-        QCOMPARE(seen, QStringList({Colored(QStringLiteral("Stopping..."), QStringLiteral("blue")),
-                                    Colored(QStringLiteral("Starting..."), QStringLiteral("blue"))}));
-        QCOMPARE(QString::number(gui->ListeningPort()), port);
-        ExpectServing(port.toUShort());
-    }
-
-    // A stop while stopped, a start while running: nothing happens. A stop during a restart keeps the restart.
-    void redundantClicks()
-    {
-        OpenWindow();
-        const QString logBefore = gui->LogView()->toPlainText();
-        Click("serverStop_pushButton");
-        QCOMPARE(gui->Status(), Stopped());
-        QCOMPARE(gui->LogView()->toPlainText(), logBefore);
-
-        Click("serverStart_pushButton");
-        const QString logRunning = gui->LogView()->toPlainText();
-        const quint16 port = gui->ListeningPort();
-        Click("serverStart_pushButton");
-        QCOMPARE(gui->Status(), Running());
-        QCOMPARE(gui->LogView()->toPlainText(), logRunning);
-        QCOMPARE(gui->ListeningPort(), port);
-
-        Click("serverRestart_pushButton");
-        Click("serverStop_pushButton");
-        QCOMPARE(gui->Status(), Stopped());
-        QTRY_COMPARE(gui->Status(), Running());
-    }
-
-    void operatorChangesStored()
-    {
-        OpenWindow();
-        QCOMPARE(window->windowTitle(), QStringLiteral("VARNOK Tarn Server"));
-        QVERIFY(!window->windowIcon().isNull());
-        QTreeWidget *tree = gui->Tree();
-        QCOMPARE(tree->columnWidth(0), 150);
-        QCOMPARE(tree->columnWidth(1), 300);
-        QCOMPARE(tree->headerItem()->text(0), QStringLiteral("Guest Name"));
-        QCOMPARE(tree->headerItem()->text(1), QStringLiteral("Session UUID"));
-        QCOMPARE(tree->headerItem()->textAlignment(1), int(Qt::AlignCenter));
-        QVERIFY(!tree->header()->stretchLastSection());
-        QCOMPARE(gui->PortMode()->itemText(0), QStringLiteral("Auto"));
-        QCOMPARE(gui->PortMode()->itemText(1), QStringLiteral("Manual"));
-        QCOMPARE(gui->Button("serverRestart_pushButton")->text(), QStringLiteral("Restart"));
-
-        QVERIFY(!gui->PortEdit()->isEnabled());
-        gui->PortMode()->setCurrentIndex(1);
-        QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(false));
-        QVERIFY(gui->PortEdit()->isEnabled());
-
-        QTest::keyClicks(gui->PortEdit(), QStringLiteral("8"));
-        QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("8"));
-        QTest::keyClicks(gui->PortEdit(), QStringLiteral("0"));
-        QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("80"));
-
-        gui->PortMode()->setCurrentIndex(0);
-        QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(true));
-        QVERIFY(!gui->PortEdit()->isEnabled());
-
-        QTest::mouseClick(gui->AutoStart(), Qt::LeftButton, {}, QPoint(6, gui->AutoStart()->height() / 2));
-        QCOMPARE(StoredSettings().value(AutoStartKey), QVariant(true));
-        QCOMPARE(gui->Status(), Stopped());
-    }
-
-    void portFieldTakesOnlyPorts_data()
+    void operatorChoicesStored_data()
     {
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QString>("shown");
 
         QTest::newRow("highest port") << "65535" << "65535";
         QTest::newRow("one past it") << "65536" << "6553";
-        QTest::newRow("beyond 16 bits") << "70000" << "7000";
         QTest::newRow("sign") << "-1" << "1";
-        QTest::newRow("letters") << "12a" << "12";
     }
 
-    void portFieldTakesOnlyPorts()
+    void operatorChoicesStored()
     {
         QFETCH(QString, typed);
         QFETCH(QString, shown);
         OpenWindow();
-        gui->PortMode()->setCurrentIndex(1);
-        QTest::keyClicks(gui->PortEdit(), typed);
-        QCOMPARE(gui->PortEdit()->text(), shown);
-        QCOMPARE(StoredSettings().value(PortNrKey).toString(), shown);
+        QVERIFY(!PortEdit()->isEnabled());
+        PortMode()->setCurrentIndex(1);
+        QVERIFY(AllStored().contains("Server/AutoPort=false"));
+        QVERIFY(PortEdit()->isEnabled());
+        QTest::keyClicks(PortEdit(), typed);
+        QCOMPARE(PortEdit()->text(), shown);
+        QVERIFY(AllStored().contains("Server/PortNr=" + shown));
+
+        PortMode()->setCurrentIndex(0);
+        QVERIFY(AllStored().contains("Server/AutoPort=true"));
+        QVERIFY(!PortEdit()->isEnabled());
+        QCheckBox *autoStart = Get<QCheckBox>("autoStart_checkBox");
+        QTest::mouseClick(autoStart, Qt::LeftButton, {}, QPoint(6, autoStart->height() / 2));
+        QVERIFY(AllStored().contains("Server/AutoStart=true"));
+        QCOMPARE(Status(), Stopped);
     }
 
-    void zeroManualPortUsesSystemPort()
+    // A restart keeps the manual port; a stop clicked during it keeps it too.
+    void restartKeepsManualPort()
     {
         OpenWindow();
-        gui->PortMode()->setCurrentIndex(1);
-        QTest::keyClicks(gui->PortEdit(), QStringLiteral("0"));
+        const quint16 port = FreePort();
+        PortMode()->setCurrentIndex(1);
+        QTest::keyClicks(PortEdit(), QString::number(port));
         Click("serverStart_pushButton");
-        QCOMPARE(gui->Status(), Running());
-        QVERIFY(gui->ListeningPort() > 1024);
-        QCOMPARE(StoredSettings().value(PortNrKey).toString(), QStringLiteral("0"));
+        QCOMPARE(Status(), Running);
+        QCOMPARE(ListeningPort(), port);
+
+        // The status as each log line arrives shows the flow from inside, where
+        // the buttons are off: a click there cannot begin another step.
+        QStringList seen;
+        QObject watching;
+        connect(window->findChild<QPlainTextEdit *>(), &QPlainTextEdit::textChanged, &watching, [&] {
+            const QString now = Status() + (Get<QPushButton>("serverStop_pushButton")->isEnabled() ? "" : " off");
+            if (seen.isEmpty() || seen.last() != now)
+                seen.append(now);
+        });
+        Click("serverRestart_pushButton");
+        QCOMPARE(Status(), Stopped);
+        QTRY_COMPARE(Status(), Running);
+        QCOMPARE(seen, QStringList({Colored(QStringLiteral("Stopping..."), QStringLiteral("blue")) + " off",
+                                    Colored(QStringLiteral("Starting..."), QStringLiteral("blue")) + " off"}));
+        QCOMPARE(ListeningPort(), port);
+
+        Click("serverRestart_pushButton");
+        Click("serverStop_pushButton");
+        QCOMPARE(Status(), Stopped);
+        QTRY_COMPARE(Status(), Running);
     }
 
-    // Clicks land while a start or stop is still processing events, as an
-    // impatient operator's do. Whatever the order, the server's steps never
-    // interleave in the log, and the window ends in a state that matches the server.
-    void burstOfClicks()
+    // One row per session, under its earliest client's name. Closing never
+    // runs the stop flow: with clients still connected, one line follows.
+    void clientsTreeAndClosing()
     {
+        QVERIFY(WriteFile(ConfigPath(), QStringLiteral("PortNr = %1\nLoggingFolder = %2\n")
+                                            .arg(FreePort()).arg(logDir.path()).toUtf8()));
         OpenWindow();
-        const char *const buttons[] = {"serverStart_pushButton", "serverStop_pushButton", "serverRestart_pushButton"};
-        QRandomGenerator random(15);
-        int clicks = 0;
-        QObject clicking; // ends the clicks still armed when the test returns early
-        std::function<void()> clickLater = [&] {
-            const int delayMs = random.bounded(2) ? 0 : int(random.bounded(300));
-            QTimer::singleShot(delayMs, &clicking, [&] {
-                // Armed before this click, so the next one can land inside the step it begins.
-                if (++clicks < 30)
-                    clickLater();
-                Click(buttons[random.bounded(3)]);
-            });
-        };
-        clickLater();
-        QTRY_VERIFY_WITH_TIMEOUT(clicks >= 30, 30000);
-        // A restart still due runs once its old endpoint is gone.
-        QTest::qWait(300);
-        for (const char *button : buttons)
-            QVERIFY(gui->Button(button)->isEnabled());
-
-        static const QRegularExpression prefix(QStringLiteral("^[\\d. :]+ - \\w+ : "));
-        const QStringList flow{QStringLiteral("Starting Tarn server."), QStringLiteral("Tarn server started on port"),
-                               QStringLiteral("Disconnecting all clients..."), QStringLiteral("Stopping Tarn server..."),
-                               QStringLiteral("Tarn server stopped.")};
-        QStringList steps;
-        const QStringList lines = gui->LogView()->toPlainText().split(QLatin1Char('\n'));
-        for (QString line : lines) {
-            line.remove(prefix);
-            for (int i = 0; i < flow.size(); ++i)
-                if (line.startsWith(flow.at(i)))
-                    steps.append(QString::number(i));
-        }
-        // Each start logs 0 1, each stop 2 3 4, one after the other.
-        static const QRegularExpression wellFormed(QStringLiteral("^(01|234)*$"));
-        const QString sequence = steps.join(QString());
-        QVERIFY2(wellFormed.match(sequence).hasMatch(), qPrintable(sequence));
-        const bool running = sequence.endsWith(QLatin1String("01"));
-        QCOMPARE(gui->Status(), running ? Running() : Stopped());
-
-        if (!running)
-            Click("serverStart_pushButton");
-        ExpectServing(gui->ListeningPort());
-    }
-
-    void clientsTree()
-    {
-        OpenWindow();
-        Click("serverStart_pushButton");
-        const QUrl url = LocalUrl(gui->ListeningPort());
+        QCOMPARE(Status(), Running);
         const QString s1 = QStringLiteral("{11111111-0000-0000-0000-000000000001}");
         const QString s2 = QStringLiteral("{22222222-0000-0000-0000-000000000002}");
-        const QString s3 = QStringLiteral("{33333333-0000-0000-0000-000000000003}");
         std::vector<ClientRecord> records{Record(s1, QStringLiteral("Ann")), Record(s2, QStringLiteral("Bob")),
-                                          Record(s1, QStringLiteral("Cid")), Record(s3, QStringLiteral("Bob")),
-                                          Record(s3, QString())};
+                                          Record(s1, QStringLiteral("Cid"))};
         std::vector<std::unique_ptr<TarnClt>> clients;
         for (ClientRecord &rec : records) {
             clients.push_back(std::make_unique<TarnClt>());
-            QVERIFY(clients.back()->Open(url, &rec));
+            QVERIFY(clients.back()->Open(LocalUrl(ListeningPort()), &rec));
         }
-        const QStringList all{"Ann " + s1, "Bob " + s2, "Bob " + s3};
-        QTRY_COMPARE(Rows(), all);
-
+        QTRY_COMPARE(Rows(), QStringList({"Ann " + s1, "Bob " + s2}));
         clients.front()->Close();
-        QTRY_COMPARE(Rows(), QStringList({"Bob " + s2, "Cid " + s1, "Bob " + s3}));
-        clients.at(3)->Close();
-        QTRY_COMPARE(Rows(), QStringList({"Bob " + s2, "Cid " + s1, " " + s3}));
+        QTRY_COMPARE(Rows(), QStringList({"Bob " + s2, "Cid " + s1}));
 
-        Click("serverStop_pushButton");
-        QTRY_COMPARE(Rows(), QStringList());
-    }
-
-    void closingLogsOnlyClosedLine()
-    {
-        QVERIFY(WriteFile(ConfigPath(),
-                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(FreePort()).arg(logDir.path()).toUtf8()));
-        OpenWindow();
-        QCOMPARE(gui->Status(), Running());
-        TarnClt client;
-        ClientRecord rec = Record(QUuid::createUuid().toString(), QStringLiteral("Ann"));
-        QVERIFY(client.Open(LocalUrl(gui->ListeningPort()), &rec));
-
-        QFile log(logDir.filePath(QStringLiteral("TarnSrvSvc.html")));
-        QVERIFY(log.open(QIODevice::ReadOnly));
-        const qint64 before = log.size();
-        log.close();
-        gui.reset();
+        const QString log = logDir.filePath(QStringLiteral("TarnSrvSvc.html"));
+        const qsizetype before = FileBytes(log).size();
         window.reset();
-
-        QVERIFY(log.open(QIODevice::ReadOnly));
-        QVERIFY(log.seek(before));
-        const QString tail = QString::fromUtf8(log.readAll());
+        const QString tail = QString::fromUtf8(FileBytes(log).mid(before));
         static const QRegularExpression closing(QStringLiteral(
             "^<font color=\"black\">[\\d. :]+ - Info : </font><br>"
             "<font color=\"black\">[\\d. :]+ - Info : VARNOK Server closed\\.</font><br>$"));
         QVERIFY2(closing.match(tail).hasMatch(), qPrintable(tail));
     }
 
-    void corruptSettingsFile()
-    {
-        const QString path = QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager")).fileName();
-        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
-        QVERIFY(WriteFile(path, QByteArray("\xff\xfe\x00[[[\n===\n[Server\nAutoPort\n\x01\x02", 26) + QByteArray(4096, '\x80')));
-        // Nothing usable in it: the window comes up with its defaults and still stores changes.
-        OpenWindow();
-        QCOMPARE(gui->Status(), Stopped());
-        QCOMPARE(gui->PortMode()->currentIndex(), 0);
-        QVERIFY(!gui->AutoStart()->isChecked());
-        gui->PortMode()->setCurrentIndex(1);
-        QCOMPARE(StoredSettings().value(AutoPortKey), QVariant(false));
-    }
-
 private:
+    template <typename T> T *Get(const char *name) const { return window->findChild<T *>(QLatin1String(name)); }
+    QString Status() const { return Get<QLabel>("serverStatusValue_label")->text(); }
+    QComboBox *PortMode() const { return Get<QComboBox>("portNr_comboBox"); }
+    QLineEdit *PortEdit() const { return Get<QLineEdit>("porNr_lineEdit"); }
+    QString LogText() const { return window->findChild<QPlainTextEdit *>()->toPlainText(); }
+    void Click(const char *button) { QTest::mouseClick(Get<QPushButton>(button), Qt::LeftButton); }
+    // The port of the last "started on port" line of the log, 0 when none.
+    quint16 ListeningPort() const
+    {
+        return LogText().section(QStringLiteral("Tarn server started on port "), -1).section('.', 0, 0).toUShort();
+    }
     void OpenWindow();
-    void Click(const char *button);
     QStringList Rows() const;
 
     std::unique_ptr<TarnSrvGui> window;
-    std::unique_ptr<GuiProbe> gui;
-    QTemporaryDir logDir;
+    QTemporaryDir configDir, logDir;
 };
 
 void TestTarnSrvGui::OpenWindow()
 {
     window = std::make_unique<TarnSrvGui>();
-    gui = std::make_unique<GuiProbe>(*window);
     window->show();
-    QCOMPARE(gui->Status(), QStringLiteral("-"));
+    // The icon comes from a static library's resources, registered on demand.
+    QVERIFY(!window->windowIcon().isNull());
+    QCOMPARE(Status(), QStringLiteral("-"));
     // The controls wait for the instance check.
-    QVERIFY(!gui->Button("serverStart_pushButton")->isEnabled());
-    QTRY_VERIFY(gui->Status() != QLatin1String("-"));
-    QVERIFY(gui->Button("serverStart_pushButton")->isEnabled());
-}
-
-void TestTarnSrvGui::Click(const char *button)
-{
-    QTest::mouseClick(gui->Button(button), Qt::LeftButton);
+    QVERIFY(!Get<QPushButton>("serverStart_pushButton")->isEnabled());
+    QTRY_VERIFY(Status() != QLatin1String("-"));
+    QVERIFY(Get<QPushButton>("serverStart_pushButton")->isEnabled());
 }
 
 QStringList TestTarnSrvGui::Rows() const
 {
     QStringList rows;
-    QTreeWidget *tree = gui->Tree();
+    QTreeWidget *tree = Get<QTreeWidget>("server_treeWidget");
     for (int i = 0; i < tree->topLevelItemCount(); ++i) {
         const QTreeWidgetItem *item = tree->topLevelItem(i);
         rows.append(item->text(0) + QLatin1Char(' ') + item->text(1));
-        // Rows carry only their texts, centred horizontally.
-        if (item->type() != 0 || item->textAlignment(0) != Qt::AlignHCenter
-            || item->textAlignment(1) != Qt::AlignHCenter)
-            rows.last() += QStringLiteral(" (bad item)");
     }
     return rows;
 }
 
-TARN_GUI_TEST_MAIN(TestTarnSrvGui)
+QTEST_MAIN(TestTarnSrvGui)
 #include "tst_tarnsrvgui.moc"
