@@ -91,6 +91,7 @@ run "$SETUP" /S
 check "the upgrade ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 check "it stopped the service first" ran "\"$WINDIR\\TarnSvc.exe\" -t"
 check "the service runs again" wait_state TarnSvc $RUNNING
+check "the old manager is gone" gone "${OLD_MANAGER:-0}"
 check "a new manager process" [ -n "$(manager_pid)" ] && [ "$(manager_pid)" != "$OLD_MANAGER" ]
 check "the upgraded manager serves the pinned identity on the same port" serving
 check "the identity is unchanged" cmp -s "$WORK/identity-before" <(identity)

@@ -12,6 +12,8 @@
 #   manager is told to end as the service host and QProcess::terminate tell
 #   a process on Windows: WM_CLOSE to its windows and threads (scquery close).
 # - Discovery is left out: it broadcasts, and nothing here may.
+# The service running the real manager is checked from the installer
+# (wine_installer.sh), the host's own controls by wine_service.sh.
 set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=$(cd "${1:?usage: wine_product.sh <Windows build folder> <Linux tarn> <Linux TarnSrv>}" && pwd)
@@ -22,14 +24,14 @@ VERSION=$("$TARN" --version | awk '{print $NF}')
 
 # Private ports, told apart from each other.
 PORTS=()
-for _ in 1 2 3 4 5; do
+for _ in 1 2 3 4; do
     while :; do
         port=$(bash "$HERE/../../scripts/free-port.sh")
         [[ " ${PORTS[*]} " == *" $port "* ]] || break
     done
     PORTS+=("$port")
 done
-read -r P_WINDOW P_HEADLESS P_LINUX P_SETTINGS P_SERVICE <<< "${PORTS[*]}"
+read -r P_WINDOW P_HEADLESS P_LINUX P_SETTINGS <<< "${PORTS[*]}"
 
 # The Linux side keeps its files here, apart from the user's.
 export XDG_CONFIG_HOME=$WORK/linux/config XDG_DATA_HOME=$WORK/linux/data TARN_INSTANCE_LOCK=$WORK/linux/instance.lock
@@ -177,37 +179,5 @@ start_manager restored --headless
 check "without the file the stored port and auto start serve" serving restored "$P_SETTINGS"
 check "the Linux tarn pings it" ping_linux "$P_SETTINGS"
 end_manager
-
-step "4. the service runs the real manager"
-HOST="$WINDIR\\TarnSvc.exe"
-sed "s/^PortNr = .*/PortNr = $P_SERVICE/" "$WORK/TarnSrv.cfg.shipped" > "$DIR/TarnSrv.cfg"
-expect "-i" "The service TarnSvc has been installed under: $HOST
-" "" 0 "$HOST" -i
-expect "start" "" "" 0 "$HOST"
-check "service running" wait_state TarnSvc $RUNNING
-HOST_PID=$PID
-CHILD_PID=""
-for _ in $(seq 50); do
-    CHILD_PID=$(scquery pid TarnSrv.exe | head -n 1)
-    [ -n "$CHILD_PID" ] && break
-    sleep 0.2
-done
-check "the host launched TarnSrv.exe" [ -n "$CHILD_PID" ]
-for _ in $(seq 100); do ping_linux "$P_SERVICE" && break; sleep 0.2; done
-check "the Linux tarn pings the service's manager" ping_linux "$P_SERVICE"
-NL=$'\n' TAB=$'\t'
-expect "-v, running" "The service$NL${TAB}TarnSvc$NL$TAB$HOST$NL${NL}is installed and running$NL$NL" "" 0 "$HOST" -v
-still_serving() { check "$1: the manager still serves" ping_linux "$P_SERVICE"; }
-controls "$HOST" still_serving
-check "the same manager throughout" [ "$(scquery pid TarnSrv.exe | head -n 1)" = "$CHILD_PID" ]
-expect "-t" "" "" 0 "$HOST" -t
-query TarnSvc
-check "stopped" [ "$STATE" = $STOPPED ]
-check "the manager is gone" gone "$CHILD_PID"
-check "the host is gone" gone "${HOST_PID:-0}"
-expect "-u" "The service TarnSvc has been uninstalled.
-" "" 0 "$HOST" -u
-query TarnSvc
-check "uninstalled" [ "$STATE" = none ]
 
 finish "the product under Wine" "$WORK"/*.err "$WORK/watch.out" "$WORK/ping.out"

@@ -72,21 +72,18 @@ NO_SERVICE_TEXT=$(cd "$DIR" && wine scquery.exe text 1060)
 [ -n "$NO_SERVICE_TEXT" ] || fail "no system text for error 1060"
 echo "system text for 1060: $NO_SERVICE_TEXT"
 
-# Not installed. A start without an installed service: the dispatcher
-# fails with 1063 and starting through the manager fails, so -4 (252).
+# Not installed: what the system's answers become (the options themselves
+# are read by code the Linux tests cover). A start without an installed
+# service: the dispatcher fails with 1063 and starting through the manager
+# fails, so -4 (252).
 expect "-h" "$USAGE" "" 0 "$HOST" -h
-expect "-help" "$USAGE" "" 0 "$HOST" -help
 version "not installed and not running"
 expect "-v, not installed" "$VERSION" "" 0 "$HOST" -v
 expect "-uninstall, not installed" "" "$NOT_INSTALLED" 0 "$HOST" -uninstall
 expect "-t, not installed" "" "The service could not be stopped. ($NO_SERVICE_TEXT)
 " 0 "$HOST" -t
-expect "-p, not installed" "" "" 0 "$HOST" -p
-expect "-r, not installed" "" "" 0 "$HOST" -r
 expect "-c 5, not installed" "" "" 0 "$HOST" -c 5
 expect "no option, not installed" "" "$NO_START" 252 "$HOST"
-expect "--install is no option" "" "$NO_START" 252 "$HOST" --install
-expect "-I is no option" "" "$NO_START" 252 "$HOST" -I
 query TarnSvc
 check "nothing installed" [ "$STATE" = none ]
 
@@ -194,9 +191,9 @@ expect "-u again" "" "$NOT_INSTALLED" 0 "$HOST" -u
 query TarnSvc
 check "gone from the manager" [ "$STATE" = none ]
 
-# Accounts: a bare user gets the local prefix and makes the service
-# non-interactive; LocalSystem, prefixed or not, means no account. The
-# password is only handed to CreateServiceW (Wine does not check it).
+# Accounts, as CreateServiceW gets them: a user makes the service
+# non-interactive; LocalSystem means no account. How the name is completed is
+# the Linux tests' part. The password is only handed over (Wine does not check it).
 while IFS=';' read -r account password type shown; do
     run "$HOST" -i "$account" "$password"
     check "-i '$account': exit code $CODE" [ "$CODE" = 0 ]
@@ -206,10 +203,7 @@ while IFS=';' read -r account password type shown; do
     check "-i '$account': uninstalled" [ "$CODE" = 0 ]
 done <<'EOF_ACCOUNTS'
 someuser;secret;16;.\someuser
-DOM\bob;;16;DOM\bob
-LocalSystem;;272;LocalSystem
 NT AUTHORITY\LocalSystem;;272;LocalSystem
-localsystem;;16;.\localsystem
 EOF_ACCOUNTS
 # QtServiceController::install hands the password to the host through a pipe,
 # not on its command line; the host, a GUI-subsystem program, reads it there.
