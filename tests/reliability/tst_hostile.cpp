@@ -148,14 +148,6 @@ private slots:
         QCOMPARE(socket->state(), QAbstractSocket::ConnectedState);
     }
 
-    void hugeOrigin()
-    {
-        auto socket = OpenSocket(QStringLiteral(",,,") + QString(100 * 1024, QLatin1Char('o')), url);
-        // Refused or admitted, the server must simply go on.
-        QTest::qWait(1500);
-        qInfo("100 KiB origin: %s", socket->state() == QAbstractSocket::ConnectedState ? "admitted" : "refused");
-    }
-
     void hostileNames_data()
     {
         QTest::addColumn<QByteArray>("name");
@@ -205,7 +197,7 @@ private slots:
     void slowReaderFloodsActiveClients()
     {
         constexpr qint64 MaxGrowthKb = 16 * 1024;
-                const qint64 before = m.RssKb();
+        const qint64 before = m.RssKb();
 
         std::vector<std::unique_ptr<QWebSocket>> listed;
         for (int i = 0; i < 20; ++i)
@@ -248,7 +240,7 @@ private slots:
         constexpr int Pings = 20000;
         constexpr qint64 MaxLogGrowth = 64 * 1024;
         constexpr qint64 MaxGrowthKb = 8 * 1024;
-                const qint64 rssBefore = m.RssKb();
+        const qint64 rssBefore = m.RssKb();
         const qint64 logBefore = m.LogFile().size();
 
         auto flood = m.RawWebSocket("{00000000-0000-0000-0000-000000000001},{00000000-0000-0000-0000-000000000004},,PingFlood");
@@ -279,8 +271,7 @@ private slots:
         QString body;
         QTRY_VERIFY_WITH_TIMEOUT((m.good.RequestActiveClients(body), body == QStringLiteral("Good,%1,")
                                   .arg(m.goodRecord.sessionUuid.toString())), 15000);
-
-                QTRY_VERIFY_WITH_TIMEOUT(m.OpenFds() <= baselineFds, 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(m.OpenFds() <= baselineFds, 15000);
         const qint64 rss = m.RssKb();
         qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d descriptors (baseline %d), %d pings answered, "
               "%d late, longest silence %lld ms",
