@@ -65,12 +65,12 @@ private slots:
     {
         ClientRecord rec = Record(SessionA, QStringLiteral("Ann, Lee"));
         rec.firstUuid = QUuid(QStringLiteral("{ABCDEF01-0000-0000-0000-000000000000}"));
-        QCOMPARE(TarnClt::BuildOrigin(rec),
-                 QStringLiteral("{abcdef01-0000-0000-0000-000000000000},%1,"
-                                "{00000000-0000-0000-0000-000000000000},Ann, Lee").arg(SessionA));
+        QCOMPARE(TarnClt::BuildOrigin(rec), "{abcdef01-0000-0000-0000-000000000000}," + SessionA
+                                                + ",{00000000-0000-0000-0000-000000000000},Ann, Lee");
     }
 
-    // The same URL keeps the connection at once; another one moves it without a loss report.
+    // The same URL keeps the connection at once; another one moves it, and an
+    // unreachable one ends it, without a loss report.
     void reopen()
     {
         TarnSrv other;
@@ -90,6 +90,7 @@ private slots:
         QTRY_VERIFY(server->GetActiveClients().isEmpty());
         QCOMPARE(other.GetActiveClients().size(), 1);
         QCOMPARE(client->Ping(), 0);
+        QVERIFY(!client->Open(LocalUrl(FreePort()), &ann));
         QCOMPARE(lost.count(), 0);
     }
 
@@ -152,7 +153,6 @@ private slots:
         QTest::newRow("pong with fields") << "Server pong,1,2" << 0 << "";
         QTest::newRow("lower-case pong") << "server pong" << -1 << "";
         QTest::newRow("clients answer fails a ping") << "Active clients,a,b," << -1 << "a,b,";
-        QTest::newRow("clients without comma") << "Active clients" << -1 << "Active clients";
     }
 
     void replyRecognition()
@@ -178,16 +178,6 @@ private slots:
         elapsed.start();
         QVERIFY(client->Open(url, &ann));
         QVERIFY(elapsed.elapsed() < TarnClt::ConnectAttempts * TarnClt::ConnectAttemptMs);
-    }
-
-    void unreachableServer()
-    {
-        QSignalSpy lost(client.get(), &TarnClt::UnexpectedDisconnection);
-        QElapsedTimer elapsed;
-        elapsed.start();
-        QVERIFY(!client->Open(LocalUrl(FreePort()), &ann));
-        QVERIFY(elapsed.elapsed() >= TarnClt::ConnectAttempts * TarnClt::ConnectAttemptMs - 100);
-        QCOMPARE(lost.count(), 0);
     }
 
 private:

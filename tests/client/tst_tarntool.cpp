@@ -49,16 +49,6 @@ private slots:
         const QString table = QStringLiteral("GUEST NAME  SESSION\n"
                                              "Ann         %1\n"
                                              "Zed         %2\n").arg(SessionA, SessionB);
-        const QString json = QStringLiteral("[\n"
-                                            "    {\n"
-                                            "        \"guestName\": \"Ann\",\n"
-                                            "        \"sessionUuid\": \"%1\"\n"
-                                            "    },\n"
-                                            "    {\n"
-                                            "        \"guestName\": \"Zed <3\",\n"
-                                            "        \"sessionUuid\": \"%2\"\n"
-                                            "    }\n"
-                                            "]\n").arg(SessionA, SessionB);
         const QStringList zed{QStringLiteral("--name"), QStringLiteral("Zed"),
                               QStringLiteral("--session"), SessionB};
         // ESC, BEL and DEL: a terminal acts on each instead of showing it.
@@ -68,20 +58,26 @@ private slots:
                                                 "Ann         %1\n"
                                                 "Eve\ufffd[2J\ufffd\ufffd!  %2\n")
                                      .arg(SessionA, SessionB);
-        const QString eveJson = QStringLiteral("\"guestName\": \"Eve\\u001b[2J\\u0007\\u007f!\",");
+        const QString eveJson = QStringLiteral("[\n"
+                                               "    {\n"
+                                               "        \"guestName\": \"Ann\",\n"
+                                               "        \"sessionUuid\": \"%1\"\n"
+                                               "    },\n"
+                                               "    {\n"
+                                               "        \"guestName\": \"Eve\\u001b[2J\\u0007\\u007f!\",\n"
+                                               "        \"sessionUuid\": \"%2\"\n"
+                                               "    }\n"
+                                               "]\n").arg(SessionA, SessionB);
 
         // out and err are regular expressions matched against the whole stream.
         QTest::newRow("ping") << QStringList{"ping", "URL"} << 0
                               << "pong from wss://127\\.0\\.0\\.1:\\d+: \\d+\\.\\d\\d ms\n" << "";
         QTest::newRow("clients table") << QStringList{"clients", "URL"} + zed << 0
                                        << QRegularExpression::escape(table) << "";
-        QTest::newRow("clients json") << QStringList{"clients", "URL", "--json", "--name", "Zed <3", "--session", SessionB}
-                                      << 0 << QRegularExpression::escape(json) << "";
         QTest::newRow("clients table, control characters") << QStringList{"clients", "URL"} + eve << 0
                                                            << QRegularExpression::escape(eveTable) << "";
         QTest::newRow("clients json, control characters") << QStringList{"clients", "URL", "--json"} + eve << 0
-                                                          << "(.|\n)*" + QRegularExpression::escape(eveJson) + "(.|\n)*"
-                                                          << "";
+                                                          << QRegularExpression::escape(eveJson) << "";
         QTest::newRow("version") << QStringList{"--version"} << 0 << "tarn " TARN_VERSION "\n" << "";
         QTest::newRow("malformed url") << QStringList{"ping", "http://x"} << 2 << ""
                                        << "tarn: 'http://x' is not a server URL; expected wss://HOST:PORT\n";
@@ -117,7 +113,6 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QString>("err");
         QTest::addColumn<QString>("knownAfter"); // "=": as before
-        QTest::addColumn<bool>("reachesServer");
 
         // @KEY@ is the server's host:port, @FP@ the fingerprint it presents, @OTHER@ another one.
         const QString trusted = QStringLiteral("tarn: it is trusted from now on \\(recorded in @PATH@\\)\n");
@@ -127,34 +122,33 @@ private slots:
                                            << "tarn: first contact with @KEY@, whose certificate has the SHA-256 "
                                               "fingerprint\n  @FP@\n" + trusted
                                            << "# Servers the tarn tool trusts: host:port and the SHA-256 "
-                                              "fingerprint of its certificate.\n@KEY@ @FP@\n"
-                                           << true;
+                                              "fingerprint of its certificate.\n@KEY@ @FP@\n";
         QTest::newRow("match, in another case, after lines to skip")
-            << "# mine\n\n@KEY@ @OTHER@ extra\n@KEY@ AB:CD\n@KEY@ @fp@\n@KEY@ @OTHER@\n" << QStringList() << 0 << ""
-            << "=" << true;
+            << "# mine\n\n@KEY@ @OTHER@ extra\n@KEY@ AB:CD\n@KEY@ @fp@\n@KEY@ @OTHER@\n" << QStringList() << 0 << "" << "=";
         QTest::newRow("mismatch refused before anything is sent")
             << "@KEY@ @OTHER@\n" << QStringList() << 1
             << "tarn: @KEY@ presents a different certificate from the one recorded; refusing to connect\n"
                    + fingerprints + "(.|\n)*--accept-new-key,\nor edit @PATH@\n"
-            << "=" << false;
+            << "=";
         QTest::newRow("new key accepted") << "# mine\n@KEY@ @OTHER@\nelsewhere:1 @OTHER@\n"
                                           << QStringList{"--accept-new-key"} << 0
                                           << "tarn: --accept-new-key: replacing the certificate recorded for @KEY@\n"
                                                  + fingerprints + trusted
-                                          << "# mine\n@KEY@ @FP@\nelsewhere:1 @OTHER@\n" << true;
+                                          << "# mine\n@KEY@ @FP@\nelsewhere:1 @OTHER@\n";
         QTest::newRow("insecure skips the check") << "@KEY@ @OTHER@\n" << QStringList{"--insecure"} << 0
                                                   << "tarn: --insecure: the server's certificate is not checked; "
                                                      "anyone on the way could pose as it\n"
-                                                  << "=" << true;
+                                                  << "=";
         QTest::newRow("file too large") << QString(int(KnownServers::MaxFileSize) + 1, QLatin1Char('#'))
                                         << QStringList() << 1
                                         << "tarn: cannot use the known servers: @PATH@ is larger than 1048576 "
                                            "bytes; --insecure skips the check\n"
-                                        << "=" << false;
+                                        << "=";
     }
 
     // Trust on first use: a changed certificate stops the tool in the TLS
-    // handshake, so the server never sees the guest or a message.
+    // handshake, so the server never sees the guest or a message. The tool
+    // reaches the server exactly when it succeeds.
     void pinning()
     {
         QFETCH(QString, knownBefore);
@@ -162,7 +156,7 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QString, err);
         QFETCH(QString, knownAfter);
-        QFETCH(bool, reachesServer);
+        const bool reachesServer = exitCode == 0;
 
         QVERIFY(QDir(config.path() + QStringLiteral("/tarn")).removeRecursively());
         QVERIFY(knownBefore.isEmpty() || WriteKnown(knownBefore));
@@ -193,23 +187,24 @@ private slots:
         StartTool(tool, {QStringLiteral("watch"), url, QStringLiteral("--interval"), QStringLiteral("100"),
                          QStringLiteral("--name"), QStringLiteral("Wes"), QStringLiteral("--session"), SessionB});
         QString seen;
-        auto waitFor = [&](const QString &pattern) {
-            const QRegularExpression re(pattern, QRegularExpression::MultilineOption);
+        // A whole line of the output: "watching URL", or a stamped "+" or "-" with a name and session.
+        auto waitFor = [&](const QString &line, bool stamped = true) {
+            const QRegularExpression re((stamped ? "^\\d\\d:\\d\\d:\\d\\d " : "^") + QRegularExpression::escape(line) + '$',
+                                        QRegularExpression::MultilineOption);
             QTRY_VERIFY_WITH_TIMEOUT((seen += QString::fromUtf8(tool.readAllStandardOutput()), re.match(seen).hasMatch()),
                                      5000);
         };
-        const QString stamp = QStringLiteral("^\\d\\d:\\d\\d:\\d\\d ");
-        waitFor(QStringLiteral("^watching ") + QRegularExpression::escape(url) + QLatin1Char('$'));
-        waitFor(stamp + QStringLiteral("\\+ Ann ") + QRegularExpression::escape(SessionA) + QLatin1Char('$'));
-        waitFor(stamp + QStringLiteral("\\+ Wes ") + QRegularExpression::escape(SessionB) + QLatin1Char('$'));
+        waitFor("watching " + url, false);
+        waitFor("+ Ann " + SessionA);
+        waitFor("+ Wes " + SessionB);
 
         const QString sessionC = QStringLiteral("{cccccccc-0000-0000-0000-000000000003}");
         ClientRecord beaRecord = Record(sessionC, QStringLiteral("Bea"));
         auto bea = std::make_unique<TarnClt>();
         QVERIFY(bea->Open(QUrl(url), &beaRecord));
-        waitFor(stamp + QStringLiteral("\\+ Bea ") + QRegularExpression::escape(sessionC) + QLatin1Char('$'));
+        waitFor("+ Bea " + sessionC);
         bea.reset();
-        waitFor(stamp + QStringLiteral("- Bea ") + QRegularExpression::escape(sessionC) + QLatin1Char('$'));
+        waitFor("- Bea " + sessionC);
 
         // Stop gives the sockets to deferred deletion; qWait inside QTRY runs it.
         server->Stop();
@@ -220,10 +215,52 @@ private slots:
     }
 
 private:
-    void StartTool(QProcess &tool, QStringList args);
-    void RunTool(const QStringList &args, int exitCode, const QString &out, const QString &err);
-    QString Substituted(QString text, bool pattern = false) const;
-    bool WriteKnown(const QString &text) const;
+    void RunTool(const QStringList &args, int exitCode, const QString &out, const QString &err)
+    {
+        QProcess tool;
+        QSignalSpy finished(&tool, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        StartTool(tool, args);
+        QVERIFY(finished.wait(10000));
+        const QString stdOut = QString::fromUtf8(tool.readAllStandardOutput());
+        const QString stdErr = QString::fromUtf8(tool.readAllStandardError());
+        QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(out)).match(stdOut).hasMatch(), qPrintable(stdOut));
+        QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(err)).match(stdErr).hasMatch(), qPrintable(stdErr));
+        QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(tool.exitCode(), exitCode);
+    }
+
+    QString Substituted(QString text, bool pattern = false) const
+    {
+        const QString fingerprint = server->Fingerprint();
+        const QList<QPair<QString, QString>> values{
+            {QStringLiteral("@KEY@"), KnownServers::Key(QUrl(url))},
+            {QStringLiteral("@FP@"), fingerprint},
+            {QStringLiteral("@fp@"), fingerprint.toLower()},
+            {QStringLiteral("@OTHER@"), QStringLiteral("00:").repeated(31) + QStringLiteral("00")},
+            {QStringLiteral("@PATH@"), known}};
+        for (const auto &value : values)
+            text.replace(value.first, pattern ? QRegularExpression::escape(value.second) : value.second);
+        return text;
+    }
+
+    bool WriteKnown(const QString &text) const
+    {
+        return QDir().mkpath(QFileInfo(known).path()) && WriteFile(known, Substituted(text).toUtf8());
+    }
+
+    void StartTool(QProcess &tool, QStringList args)
+    {
+        args.replaceInStrings(QStringLiteral("URL"), url);
+        args.replaceInStrings(QStringLiteral("CLOSED"), QString::number(FreePort()));
+        // Output beyond ASCII (U+FFFD for unsafe characters) comes as UTF-8 whatever the locale.
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), config.path());
+        tool.setProcessEnvironment(env);
+        tool.start(QStringLiteral(TARN_TOOL_PATH), args);
+        QVERIFY(tool.waitForStarted());
+    }
+
 
     std::unique_ptr<TarnSrv> server;
     std::unique_ptr<TarnClt> ann;
@@ -232,52 +269,6 @@ private:
     QTemporaryDir config;
     QString known;
 };
-
-void TestTarnTool::RunTool(const QStringList &args, int exitCode, const QString &out, const QString &err)
-{
-    QProcess tool;
-    QSignalSpy finished(&tool, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
-    StartTool(tool, args);
-    QVERIFY(finished.wait(10000));
-    const QString stdOut = QString::fromUtf8(tool.readAllStandardOutput());
-    const QString stdErr = QString::fromUtf8(tool.readAllStandardError());
-    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(out)).match(stdOut).hasMatch(), qPrintable(stdOut));
-    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(err)).match(stdErr).hasMatch(), qPrintable(stdErr));
-    QCOMPARE(tool.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(tool.exitCode(), exitCode);
-}
-
-QString TestTarnTool::Substituted(QString text, bool pattern) const
-{
-    const QString fingerprint = server->Fingerprint();
-    const QList<QPair<QString, QString>> values{
-        {QStringLiteral("@KEY@"), KnownServers::Key(QUrl(url))},
-        {QStringLiteral("@FP@"), fingerprint},
-        {QStringLiteral("@fp@"), fingerprint.toLower()},
-        {QStringLiteral("@OTHER@"), QStringLiteral("00:").repeated(31) + QStringLiteral("00")},
-        {QStringLiteral("@PATH@"), known}};
-    for (const auto &value : values)
-        text.replace(value.first, pattern ? QRegularExpression::escape(value.second) : value.second);
-    return text;
-}
-
-bool TestTarnTool::WriteKnown(const QString &text) const
-{
-    return QDir().mkpath(QFileInfo(known).path()) && WriteFile(known, Substituted(text).toUtf8());
-}
-
-void TestTarnTool::StartTool(QProcess &tool, QStringList args)
-{
-    args.replaceInStrings(QStringLiteral("URL"), url);
-    args.replaceInStrings(QStringLiteral("CLOSED"), QString::number(FreePort()));
-    // Output beyond ASCII (U+FFFD for unsafe characters) comes as UTF-8 whatever the locale.
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), config.path());
-    tool.setProcessEnvironment(env);
-    tool.start(QStringLiteral(TARN_TOOL_PATH), args);
-    QVERIFY(tool.waitForStarted());
-}
 
 QTEST_MAIN(TestTarnTool)
 #include "tst_tarntool.moc"

@@ -42,16 +42,6 @@ static int Serve(const QStringList &args)
     return QCoreApplication::exec();
 }
 
-static int Detect()
-{
-    SrvUrlDetect detector(nullptr);
-    QTextStream out(stdout);
-    const QList<QUrl> urls = detector.Detect();
-    for (const QUrl &url : urls)
-        out << url.toString() << '\n';
-    return 0;
-}
-
 static int Hold(const QStringList &args)
 {
     const QUrl url(args.value(2));
@@ -102,8 +92,12 @@ int main(int argc, char **argv)
     const QStringList args = QCoreApplication::arguments();
     if (args.value(1) == QLatin1String("serve"))
         return Serve(args);
-    if (args.value(1) == QLatin1String("detect"))
-        return Detect();
+    if (args.value(1) == QLatin1String("detect")) {
+        SrvUrlDetect detector(nullptr);
+        for (const QUrl &url : detector.Detect())
+            QTextStream(stdout) << url.toString() << '\n';
+        return 0;
+    }
     if (args.value(1) == QLatin1String("hold"))
         return Hold(args);
     if (args.value(1) == QLatin1String("flood"))

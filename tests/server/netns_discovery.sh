@@ -23,8 +23,4 @@ if [ "${detect[0]}" != "$probe" ]; then
     fingerprint=$(sed -n 's/^TLS certificate SHA-256 fingerprint: //p' "$out/srv")
     expected="$expected  ${fingerprint:-<none logged>}  new"
 fi
-if [ "$found" != "$expected" ]; then
-    echo "FAIL: detector found '$found', expected '$expected'"
-    exit 1
-fi
-echo "PASS: detector found $found"
+expect_found "$found" "$expected"

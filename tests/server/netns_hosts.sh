@@ -3,6 +3,8 @@
 # reaches the machine's own network. Source it; the hosts go when the shell exits.
 #   start_responder COMMAND...   runs COMMAND on the server host, waits for "listening"
 #   on_client COMMAND...         runs COMMAND on the client host
+#   wait_for FILE WORD           waits up to 5 s for WORD in FILE; fails showing FILE
+#   expect_found FOUND EXPECTED  fails unless a detection found exactly EXPECTED
 
 if [ "$(id -u)" -ne 0 ]; then
     echo "SKIP: creating network namespaces needs root"
@@ -47,17 +49,21 @@ ip -n "$ns_clt" link set "$veth_clt" up
 ip -n "$ns_clt" route add 255.255.255.255/32 dev "$veth_clt"
 set +e
 
+wait_for() {
+    for _ in $(seq 50); do grep -q "$2" "$1" && return 0; sleep 0.1; done
+    echo "FAIL: no '$2' in $1"; cat "$1"; exit 1
+}
+
 start_responder() {
     ip netns exec "$ns_srv" "$@" >"$out/srv" 2>&1 &
-    for _ in $(seq 50); do
-        grep -q listening "$out/srv" && return 0
-        sleep 0.1
-    done
-    echo "FAIL: the server host did not start"
-    cat "$out/srv"
-    exit 1
+    wait_for "$out/srv" listening
 }
 
 on_client() {
     ip netns exec "$ns_clt" "$@"
+}
+
+expect_found() {
+    [ "$1" = "$2" ] || { echo "FAIL: detector found '$1', expected '$2'"; exit 1; }
+    echo "PASS: detector found $1"
 }

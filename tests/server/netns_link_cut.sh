@@ -11,8 +11,7 @@ clients=3
 TARN_TEST_HEARTBEAT_MS=200 start_responder "$probe" serve 50443
 TARN_TEST_HEARTBEAT_MS=200 on_client "$probe" hold "wss://$srv_addr:50443" "$clients" >"$out/clt" 2>&1 &
 holder=$!
-for _ in $(seq 50); do grep -q connected "$out/clt" && break; sleep 0.1; done
-grep -q connected "$out/clt" || { echo "FAIL: clients did not connect"; cat "$out/clt"; exit 1; }
+wait_for "$out/clt" connected
 
 ip -n "$ns_clt" link set "$veth_clt" down
 wait "$holder"

@@ -2,10 +2,10 @@
 #include "tarnsrv.h"
 #include "tlslistener.h"
 #include "tlsserversocket.h"
-#include "wsclient.h"
 
 #include <QSslSocket>
 #include <QTcpServer>
+#include <QWebSocket>
 #include <QWebSocketServer>
 #include <QtTest>
 #include <fcntl.h>
@@ -21,23 +21,18 @@ const QString NullSession = QStringLiteral("{00000000-0000-0000-0000-00000000000
 QStringList Repeated(int n, const QString &text)
 {
     QStringList list;
-    for (int i = 0; i < n; ++i)
+    while (n-- > 0)
         list.append(text);
     return list;
 }
 
-struct LogLine
+// The texts of a spy on TarnSrv::Log.
+QStringList Texts(const QSignalSpy &log)
 {
-    QString text;
-    quint32 type;
-};
-
-void Collect(TarnSrv &server, QList<LogLine> &into)
-{
-    QObject::connect(&server, &TarnSrv::Log, &server, [&into](const QString &text, quint32 type, bool msgBox) {
-        QVERIFY(!msgBox);
-        into.append({text, type});
-    });
+    QStringList texts;
+    for (const QList<QVariant> &line : log)
+        texts.append(line.at(0).toString());
+    return texts;
 }
 
 QStringList StartLines(quint16 port)
@@ -48,18 +43,47 @@ QStringList StartLines(quint16 port)
 const QStringList StopLines{QStringLiteral("Disconnecting all clients..."), QStringLiteral("Stopping Tarn server..."),
                             QStringLiteral("Tarn server stopped.")};
 
-// Leaves exactly one descriptor free while it lives.
-class OneFreeDescriptor
+// A bare WebSocket peer that accepts the self-signed certificate and records
+// every text message it receives.
+struct WsClient
 {
-public:
+    explicit WsClient(const QString &origin) : socket(origin, QWebSocketProtocol::Version13)
+    {
+        QObject::connect(&socket, &QWebSocket::sslErrors, &socket, [this] { socket.ignoreSslErrors(); });
+        QObject::connect(&socket, &QWebSocket::textMessageReceived, &socket,
+                         [this](const QString &msg) { received.append(msg); });
+    }
+
+    // Waits until at least n messages have arrived in total.
+    bool WaitForMessages(int n)
+    {
+        QSignalSpy spy(&socket, &QWebSocket::textMessageReceived);
+        while (received.size() < n)
+            if (!spy.wait(5000))
+                return false;
+        return true;
+    }
+
+    QWebSocket socket;
+    QStringList received;
+};
+
+QString Origin(const QString &session, const QString &name)
+{
+    return QStringLiteral("{11111111-1111-1111-1111-111111111111},%1,"
+                          "{33333333-3333-3333-3333-333333333333},%2").arg(session, name);
+}
+
+// Leaves exactly one descriptor free while it lives.
+struct OneFreeDescriptor
+{
     OneFreeDescriptor()
     {
         const int lowestFree = open("/dev/null", O_RDONLY);
         close(lowestFree);
-        if (lowestFree < 0 || getrlimit(RLIMIT_NOFILE, &saved) != 0)
-            return;
+        ok = lowestFree >= 0 && getrlimit(RLIMIT_NOFILE, &saved) == 0;
         const rlimit tight{rlim_t(lowestFree) + 1, saved.rlim_max};
-        ok = setrlimit(RLIMIT_NOFILE, &tight) == 0;
+        ok = ok && setrlimit(RLIMIT_NOFILE, &tight) == 0;
     }
     ~OneFreeDescriptor()
     {
@@ -67,10 +91,8 @@ public:
             setrlimit(RLIMIT_NOFILE, &saved);
     }
 
-    bool ok = false;
-
-private:
     rlimit saved{};
+    bool ok = false;
 };
 
 } // namespace
@@ -82,18 +104,21 @@ class TestTarnSrv : public QObject
 private slots:
     void init()
     {
-        log.clear();
         server = std::make_unique<TarnSrv>();
         QVERIFY(server->LoadIdentity());
-        Collect(*server, log);
+        log = std::make_unique<QSignalSpy>(server.get(), &TarnSrv::Log);
         QCOMPARE(server->Start(0), 0);
         port = server->ListeningPort();
         QVERIFY(port != 0);
         QCOMPARE(LogTexts(), StartLines(port));
     }
 
+    // No line of the server asks for a message box.
     void cleanup()
     {
+        for (const QList<QVariant> &line : *log)
+            QVERIFY(!line.at(2).toBool());
+        log.reset();
         server.reset();
     }
 
@@ -104,7 +129,6 @@ private slots:
 
         QTest::newRow("ping") << "Server ping" << true;
         QTest::newRow("ping with arguments") << "Server ping,1,,x" << true;
-        QTest::newRow("ping with trailing comma") << "Server ping," << true;
         QTest::newRow("lower case") << "server ping" << false;
         QTest::newRow("leading blank") << " Server ping" << false;
         QTest::newRow("empty frame") << "" << false;
@@ -121,7 +145,6 @@ private slots:
 
         auto client = Connect(Origin(SessionA, QStringLiteral("Ann")));
         QVERIFY(client);
-        client->socket.sendBinaryMessage(QByteArrayLiteral("Server ping"));
         client->socket.sendTextMessage(probe);
         client->socket.sendTextMessage(QStringLiteral("Server ping"));
 
@@ -139,9 +162,6 @@ private slots:
         QTest::addColumn<QString>("origin");
         QTest::addColumn<QString>("listed");
 
-        QTest::newRow("four fields") << Origin(SessionA, QStringLiteral("Ann")) << "Ann," + SessionA + ",";
-        QTest::newRow("fifth field ignored") << Origin(SessionA, QStringLiteral("Ann,Lee,more"))
-                                             << "Ann," + SessionA + ",";
         QTest::newRow("unbraced session") << Origin(SessionA.mid(1, 36), QStringLiteral("Bo"))
                                           << "Bo," + SessionA + ",";
         QTest::newRow("session no uuid") << Origin(QStringLiteral("nope"), QStringLiteral("Cy"))
@@ -149,8 +169,6 @@ private slots:
         QTest::newRow("two fields") << "{11111111-1111-1111-1111-111111111111}," + SessionB
                                     << "," + SessionB + ",";
         QTest::newRow("no origin") << QString() << "," + NullSession + ",";
-        QTest::newRow("markup name sent as is") << Origin(SessionA, QStringLiteral("<b>Di</b>"))
-                                                << "<b>Di</b>," + SessionA + ",";
     }
 
     void originFields()
@@ -165,22 +183,17 @@ private slots:
         QCOMPARE(client->received.first(), "Active clients," + listed);
     }
 
+    // Names are listed as sent, markup and all; an origin's fields past the fourth are dropped.
     void activeClientsGroupsBySession()
     {
         auto ann = Connect(Origin(SessionA, QStringLiteral("Ann")));
-        auto bob = Connect(Origin(SessionB, QStringLiteral("Bob")));
-        auto cid = Connect(Origin(SessionA, QStringLiteral("Cid")));
+        auto bob = Connect(Origin(SessionB, QStringLiteral("<b>Bob</b>")));
+        auto cid = Connect(Origin(SessionA, QStringLiteral("Cid,Lee,more")));
         QVERIFY(ann && bob && cid);
-
-        const QList<ActiveClient> clients = server->GetActiveClients();
-        QCOMPARE(clients.size(), 2);
-        QCOMPARE(clients.at(0).guestName, QStringLiteral("Ann"));
-        QCOMPARE(clients.at(1).guestName, QStringLiteral("Bob"));
-
         bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
         QVERIFY(bob->WaitForMessages(1));
         QCOMPARE(bob->received.first(),
-                 QStringLiteral("Active clients,Ann,%1,Bob,%2,").arg(SessionA, SessionB));
+                 QStringLiteral("Active clients,Ann,%1,<b>Bob</b>,%2,").arg(SessionA, SessionB));
 
         // When the earliest leaves, the session is listed under the next one's name.
         QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
@@ -189,7 +202,7 @@ private slots:
         bob->socket.sendTextMessage(QStringLiteral("Get active clients"));
         QVERIFY(bob->WaitForMessages(2));
         QCOMPARE(bob->received.last(),
-                 QStringLiteral("Active clients,Bob,%1,Cid,%2,").arg(SessionB, SessionA));
+                 QStringLiteral("Active clients,<b>Bob</b>,%1,Cid,%2,").arg(SessionB, SessionA));
     }
 
     void oversizedMessageClosesConnection()
@@ -228,9 +241,7 @@ private slots:
         aborted.clear();
         QTRY_COMPARE_WITH_TIMEOUT(server->findChildren<TlsServerSocket *>().size(), 0, 3000);
 
-        auto client = Connect(Origin(SessionA, QStringLiteral("After")));
-        QVERIFY(client);
-        QCOMPARE(server->GetActiveClients().size(), 1);
+        QVERIFY(Connect(Origin(SessionA, QStringLiteral("After"))));
     }
 
     // A client that answers the heartbeats stays while silent ones are dropped.
@@ -244,7 +255,7 @@ private slots:
         // Restarts the running timer: however slow the connections were, the
         // first short period begins now, with all four in place.
         server->SetHeartBeatInterval(500);
-        connect(&live->socket, &QWebSocket::textMessageReceived, live.get(), [&live](const QString &msg) {
+        connect(&live->socket, &QWebSocket::textMessageReceived, &live->socket, [&live](const QString &msg) {
             if (msg == QLatin1String("Heart Beat"))
                 live->socket.sendTextMessage(msg);
         });
@@ -259,16 +270,12 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(server->GetActiveClients().size(), 1, 5000);
         QCOMPARE(sizes.mid(0, 3), QList<int>({3, 2, 1}));
         QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
-        QTRY_COMPARE(c->socket.state(), QAbstractSocket::UnconnectedState);
 
         // Each got the three heartbeats of its surviving ticks, nothing more.
         QCOMPARE(b->received, Repeated(3, QStringLiteral("Heart Beat")));
         const QStringList texts = LogTexts();
         QVERIFY(texts.contains(QStringLiteral("Client &lt;i&gt;Ann&lt;/i&gt; is unreachable and was disconnected.")));
         QVERIFY(texts.contains(QStringLiteral("Client Bob is unreachable and was disconnected.")));
-        QTest::qWait(500 * 4);
-        QCOMPARE(server->GetActiveClients().size(), 1);
-        QVERIFY(live->received.size() >= 6);
     }
 
     // A client that pings on and then goes quiet: the first lines as they are,
@@ -277,7 +284,7 @@ private slots:
     {
         auto ann = Connect(Origin(SessionA, QStringLiteral("Ann")));
         QVERIFY(ann);
-        log.clear();
+        log->clear();
         // The period starts now, so the whole burst falls into it.
         server->SetLogSummaryPeriod(1000);
         const int pings = TarnSrv::RepeatedLinesPerPeriod + 5;
@@ -289,7 +296,7 @@ private slots:
         QCOMPARE(LogTexts(), Repeated(TarnSrv::RepeatedLinesPerPeriod,
                                       QStringLiteral("Received ping request from client Ann, replied."))
                                  << summary);
-        QCOMPARE(log.last().type, 0u);
+        QCOMPARE(log->last().at(1).toUInt(), 0u);
     }
 
     void stopLogsInOrderAndEmitsSocketDestroyed()
@@ -298,7 +305,7 @@ private slots:
         QVERIFY(a);
         QSignalSpy destroyed(server.get(), &TarnSrv::SocketDestroyed);
         QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
-        log.clear();
+        log->clear();
 
         server->Stop();
         QVERIFY(!server->IsRunning());
@@ -311,9 +318,9 @@ private slots:
         QTRY_COMPARE(destroyed.count(), 1);
         QTRY_COMPARE(a->socket.state(), QAbstractSocket::UnconnectedState);
 
-        log.clear();
+        log->clear();
         server->Stop();
-        QVERIFY(log.isEmpty());
+        QVERIFY(log->isEmpty());
         QCOMPARE(server->Start(port), 0);
         QCOMPARE(server->ListeningPort(), port);
     }
@@ -321,23 +328,20 @@ private slots:
     // Starting again keeps the port and logs nothing; another server cannot take it.
     void startOnTakenPort()
     {
-        log.clear();
+        log->clear();
         QCOMPARE(server->Start(0), 0);
         QCOMPARE(server->ListeningPort(), port);
-        QVERIFY(log.isEmpty());
+        QVERIFY(log->isEmpty());
 
         TarnSrv second;
         QVERIFY(second.LoadIdentity());
-        QList<LogLine> lines;
-        Collect(second, lines);
+        QSignalSpy lines(&second, &TarnSrv::Log);
         QCOMPARE(second.Start(port), -1);
         QVERIFY(!second.IsRunning());
-        QCOMPARE(lines.size(), 2);
-        QCOMPARE(lines.at(0).text, QStringLiteral("Starting Tarn server."));
-        QCOMPARE(lines.at(1).type, 2u);
-        QCOMPARE(lines.at(1).text,
-                 QStringLiteral("Failed to start Tarn server. An other server might already be running on port %1.")
-                     .arg(port));
+        QCOMPARE(Texts(lines), QStringList({"Starting Tarn server.",
+                                            QStringLiteral("Failed to start Tarn server. An other server might "
+                                                           "already be running on port %1.").arg(port)}));
+        QCOMPARE(lines.at(1).mid(1), QVariantList({2u, false}));
     }
 
     void nestedStartStopIgnored_data()
@@ -372,7 +376,7 @@ private slots:
             else
                 server->Stop();
         });
-        log.clear();
+        log->clear();
         if (outerStart)
             QCOMPARE(server->Start(0), 0);
         else
@@ -390,9 +394,7 @@ private slots:
     {
         TarnSrv second;
         QVERIFY(second.LoadIdentity());
-        QList<LogLine> lines;
-        Collect(second, lines);
-
+        QSignalSpy lines(&second, &TarnSrv::Log);
         int started = -1;
         {
             const OneFreeDescriptor limit; // the endpoint's
@@ -403,9 +405,9 @@ private slots:
         QCOMPARE(started, 0);
         QVERIFY(second.IsRunning());
         QCOMPARE(lines.size(), 3);
-        QCOMPARE(lines.at(2).type, 1u);
-        QVERIFY2(lines.at(2).text.startsWith(QStringLiteral("Discovery is not available: cannot bind UDP port 49152 (")),
-                 qPrintable(lines.at(2).text));
+        QCOMPARE(lines.at(2).mid(1), QVariantList({1u, false}));
+        QVERIFY2(Texts(lines).at(2).startsWith(QStringLiteral("Discovery is not available: cannot bind UDP port 49152 (")),
+                 qPrintable(Texts(lines).at(2)));
     }
 
     // Out of descriptors, the listener stops accepting; it takes clients again once some are free.
@@ -427,30 +429,23 @@ private slots:
     }
 
 private:
-    std::unique_ptr<WsClient> Connect(const QString &origin);
-    QStringList LogTexts() const;
+    // A connected client once the server has registered it; null when either never happens.
+    std::unique_ptr<WsClient> Connect(const QString &origin)
+    {
+        auto client = std::make_unique<WsClient>(origin);
+        QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
+        client->socket.open(LocalUrl(port));
+        const bool in = QTest::qWaitFor([&] {
+            return !changed.isEmpty() && client->socket.state() == QAbstractSocket::ConnectedState;
+        }, 5000);
+        return in ? std::move(client) : nullptr;
+    }
+    QStringList LogTexts() const { return Texts(*log); }
 
     std::unique_ptr<TarnSrv> server;
-    QList<LogLine> log;
+    std::unique_ptr<QSignalSpy> log;
     quint16 port = 0;
 };
-
-std::unique_ptr<WsClient> TestTarnSrv::Connect(const QString &origin)
-{
-    auto client = std::make_unique<WsClient>(origin);
-    QSignalSpy changed(server.get(), &TarnSrv::ClientsChanged);
-    if (!client->Open(port) || !(changed.count() > 0 || changed.wait(5000)))
-        return nullptr;
-    return client;
-}
-
-QStringList TestTarnSrv::LogTexts() const
-{
-    QStringList texts;
-    for (const LogLine &line : log)
-        texts.append(line.text);
-    return texts;
-}
 
 QTEST_MAIN(TestTarnSrv)
 #include "tst_tarnsrv.moc"

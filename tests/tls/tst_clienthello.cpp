@@ -29,7 +29,6 @@ private slots:
 
         QTest::newRow("nothing yet") << QByteArray() << need;
         QTest::newRow("record header only") << hello(512, 508, 5) << need;
-        QTest::newRow("small hello, whole") << hello(512, 508, 5 + 512) << complete;
         QTest::newRow("largest hello, one byte short") << hello(Max, Max - 4, 5 + Max - 1) << need;
         QTest::newRow("largest hello, whole") << hello(Max, Max - 4, 5 + Max) << complete;
         QTest::newRow("record one past the limit") << hello(Max + 1, Max - 3, 9) << refused;

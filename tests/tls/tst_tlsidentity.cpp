@@ -10,18 +10,6 @@ using namespace testsupport;
 
 namespace {
 
-struct LogLine
-{
-    QString text;
-    quint32 type;
-};
-
-void Collect(TarnSrv &server, QList<LogLine> &into)
-{
-    QObject::connect(&server, &TarnSrv::Log, &server,
-                     [&into](const QString &text, quint32 type, bool) { into.append({text, type}); });
-}
-
 QFile::Permissions PermissionsOf(const QString &path)
 {
     // The "user" bits mirror the owner's and depend on who runs the test.
@@ -43,20 +31,18 @@ private slots:
         const QTemporaryDir temp;
         const QString folder = temp.filePath(QStringLiteral("state/tarn"));
         TarnSrv first;
-        QList<LogLine> lines;
-        Collect(first, lines);
+        QSignalSpy lines(&first, &TarnSrv::Log);
         QVERIFY(first.LoadIdentity(folder));
         const QString fingerprint = first.Fingerprint();
         QCOMPARE(lines.size(), 2);
-        QCOMPARE(lines.at(0).text, QStringLiteral("Made a new TLS identity in %1.").arg(folder));
-        QCOMPARE(lines.at(1).text, QStringLiteral("TLS certificate SHA-256 fingerprint: %1").arg(fingerprint));
+        QCOMPARE(lines.at(0).at(0).toString(), QStringLiteral("Made a new TLS identity in %1.").arg(folder));
+        QCOMPARE(lines.at(1).at(0).toString(), QStringLiteral("TLS certificate SHA-256 fingerprint: %1").arg(fingerprint));
         QCOMPARE(PermissionsOf(folder), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         QCOMPARE(PermissionsOf(TlsIdentity::KeyPath(folder)), OwnerReadWrite);
         QCOMPARE(PermissionsOf(TlsIdentity::CertificatePath(folder)), OwnerReadWrite);
 
         TarnSrv second;
-        QList<LogLine> secondLines;
-        Collect(second, secondLines);
+        QSignalSpy secondLines(&second, &TarnSrv::Log);
         QVERIFY(second.LoadIdentity(folder));
         QCOMPARE(second.Fingerprint(), fingerprint);
         QCOMPARE(secondLines.size(), 1);
@@ -87,62 +73,50 @@ private slots:
     // key would silently change what every client has pinned.
     void damagedIdentityStopsServer_data()
     {
-        QTest::addColumn<QString>("damage");
-        QTest::addColumn<QString>("named");
-        QTest::newRow("garbage key") << "garbage key" << "identity.key";
-        QTest::newRow("truncated key") << "truncated key" << "identity.key";
-        QTest::newRow("key is a folder") << "key folder" << "identity.key";
-        QTest::newRow("key missing") << "no key" << "identity.key";
-        QTest::newRow("certificate missing") << "no certificate" << "identity.crt";
-        QTest::newRow("garbage certificate") << "garbage certificate" << "identity.crt";
-        QTest::newRow("key of another pair") << "other key" << "identity.key";
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QString>("damage"); // half, gone, folder, other (another pair's key) or new content
+        QTest::newRow("truncated key") << "identity.key" << "half";
+        QTest::newRow("key is a folder") << "identity.key" << "folder";
+        QTest::newRow("key missing") << "identity.key" << "gone";
+        QTest::newRow("certificate missing") << "identity.crt" << "gone";
+        QTest::newRow("garbage certificate")
+            << "identity.crt" << "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n";
+        QTest::newRow("key of another pair") << "identity.key" << "other";
     }
 
     void damagedIdentityStopsServer()
     {
+        QFETCH(QString, file);
         QFETCH(QString, damage);
-        QFETCH(QString, named);
         const QTemporaryDir temp;
         const QString folder = temp.filePath(QStringLiteral("id"));
         const QString key = TlsIdentity::KeyPath(folder);
         const QString certificate = TlsIdentity::CertificatePath(folder);
+        const QString other = temp.filePath(QStringLiteral("other"));
         QVERIFY(!TlsIdentity::LoadOrCreate(folder, nullptr).isNull());
-        Damage(damage, key, certificate, temp.filePath(QStringLiteral("other")));
+        const QString path = QDir(folder).filePath(file);
+        const QByteArray bytes = FileBytes(path);
+        if (damage == QLatin1String("half"))
+            QVERIFY(WriteFile(path, bytes.left(bytes.size() / 2)));
+        else if (damage == QLatin1String("gone") || damage == QLatin1String("folder"))
+            QVERIFY(QFile::remove(path) && (damage == QLatin1String("gone") || QDir().mkdir(path)));
+        else if (damage == QLatin1String("other"))
+            QVERIFY(!TlsIdentity::LoadOrCreate(other, nullptr).isNull() && WriteFile(path, FileBytes(TlsIdentity::KeyPath(other))));
+        else
+            QVERIFY(WriteFile(path, damage.toUtf8()));
         const QByteArray keyBefore = FileBytes(key);
         const QByteArray certificateBefore = FileBytes(certificate);
 
         TarnSrv server;
-        QList<LogLine> lines;
-        Collect(server, lines);
+        QSignalSpy lines(&server, &TarnSrv::Log);
         QVERIFY(!server.LoadIdentity(folder));
         QCOMPARE(lines.size(), 1);
-        QCOMPARE(lines.at(0).type, 2u);
-        QVERIFY2(lines.at(0).text.contains(QDir(folder).filePath(named)), qPrintable(lines.at(0).text));
+        QCOMPARE(lines.at(0).at(1).toUInt(), 2u);
+        QVERIFY2(lines.at(0).at(0).toString().contains(path), qPrintable(lines.at(0).at(0).toString()));
         QCOMPARE(server.Start(0), -1);
         QVERIFY(!server.IsRunning());
         QCOMPARE(FileBytes(key), keyBefore);
         QCOMPARE(FileBytes(certificate), certificateBefore);
-    }
-
-private:
-    static void Damage(const QString &damage, const QString &key, const QString &certificate, const QString &other)
-    {
-        const QByteArray keyBytes = FileBytes(key);
-        if (damage == QLatin1String("garbage key"))
-            QVERIFY(WriteFile(key, "not a key\n"));
-        else if (damage == QLatin1String("truncated key"))
-            QVERIFY(WriteFile(key, keyBytes.left(keyBytes.size() / 2)));
-        else if (damage == QLatin1String("key folder"))
-            QVERIFY(QFile::remove(key) && QDir().mkdir(key));
-        else if (damage == QLatin1String("no key"))
-            QVERIFY(QFile::remove(key));
-        else if (damage == QLatin1String("no certificate"))
-            QVERIFY(QFile::remove(certificate));
-        else if (damage == QLatin1String("garbage certificate"))
-            QVERIFY(WriteFile(certificate, "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"));
-        else if (damage == QLatin1String("other key"))
-            QVERIFY(!TlsIdentity::LoadOrCreate(other, nullptr).isNull()
-                    && WriteFile(key, FileBytes(TlsIdentity::KeyPath(other))));
     }
 };
 
