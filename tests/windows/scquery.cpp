@@ -22,6 +22,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
 
 namespace {
@@ -63,56 +64,56 @@ void PrintProcessIds(const wchar_t *program)
     CloseHandle(snapshot);
 }
 
+// In one of four buffers, taken in turn: no C++ runtime, since the installer's
+// check runs this program alone, without the DLLs of the zip.
+char *Utf8(const wchar_t *text)
+{
+    static char buffer[4][1024];
+    static int next = 0;
+    char *out = buffer[next++ % 4];
+    out[0] = 0;
+    if (text)
+        WideCharToMultiByte(CP_UTF8, 0, text, -1, out, 1023, nullptr, nullptr);
+    return out;
+}
+
+// The state or the configuration of a service, or "none" when it cannot be
+// queried.
+void PrintService(bool state, const wchar_t *name)
+{
+    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    SC_HANDLE service =
+        manager ? OpenServiceW(manager, name, state ? SERVICE_QUERY_STATUS : SERVICE_QUERY_CONFIG) : nullptr;
+    static unsigned long long buffer[1024], description[1024];
+    auto *status = reinterpret_cast<SERVICE_STATUS_PROCESS *>(buffer);
+    auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGW *>(buffer);
+    auto *d = reinterpret_cast<SERVICE_DESCRIPTIONW *>(description);
+    DWORD needed = 0;
+    if (state && service
+        && QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(buffer), sizeof(buffer),
+                                &needed))
+        printf("%lu %lu\n", status->dwCurrentState, status->dwProcessId);
+    else if (!state && service && QueryServiceConfigW(service, c, sizeof(buffer), &needed)
+             && QueryServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(d),
+                                     sizeof(description), &needed))
+        printf("%lu|%lu|%s|%s|%s\n", c->dwServiceType, c->dwStartType, Utf8(c->lpServiceStartName),
+               Utf8(c->lpBinaryPathName), Utf8(d->lpDescription));
+    else
+        printf("none\n");
+    if (service)
+        CloseServiceHandle(service);
+    if (manager)
+        CloseServiceHandle(manager);
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t **argv)
 {
     if (argc != 3)
         return 2;
-    if (wcscmp(argv[1], L"state") == 0) {
-        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        SC_HANDLE service = manager ? OpenServiceW(manager, argv[2], SERVICE_QUERY_STATUS) : nullptr;
-        SERVICE_STATUS_PROCESS status = {};
-        DWORD needed = 0;
-        if (service && QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(&status),
-                                            sizeof(status), &needed))
-            printf("%lu %lu\n", status.dwCurrentState, status.dwProcessId);
-        else
-            printf("none\n");
-        if (service)
-            CloseServiceHandle(service);
-        if (manager)
-            CloseServiceHandle(manager);
-        return 0;
-    }
-    if (wcscmp(argv[1], L"config") == 0) {
-        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        SC_HANDLE service = manager ? OpenServiceW(manager, argv[2], SERVICE_QUERY_CONFIG) : nullptr;
-        static unsigned long long config[1024], description[1024];
-        auto *c = reinterpret_cast<QUERY_SERVICE_CONFIGW *>(config);
-        auto *d = reinterpret_cast<SERVICE_DESCRIPTIONW *>(description);
-        DWORD needed = 0;
-        if (service && QueryServiceConfigW(service, c, sizeof(config), &needed)
-            && QueryServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(d),
-                                    sizeof(description), &needed)) {
-            auto utf8 = [](const wchar_t *text) {
-                static char buffer[4][1024];
-                static int next = 0;
-                char *out = buffer[next++ % 4];
-                out[0] = 0;
-                if (text)
-                    WideCharToMultiByte(CP_UTF8, 0, text, -1, out, 1023, nullptr, nullptr);
-                return out;
-            };
-            printf("%lu|%lu|%s|%s|%s\n", c->dwServiceType, c->dwStartType, utf8(c->lpServiceStartName),
-                   utf8(c->lpBinaryPathName), utf8(d->lpDescription));
-        } else {
-            printf("none\n");
-        }
-        if (service)
-            CloseServiceHandle(service);
-        if (manager)
-            CloseServiceHandle(manager);
+    if (wcscmp(argv[1], L"state") == 0 || wcscmp(argv[1], L"config") == 0) {
+        PrintService(wcscmp(argv[1], L"state") == 0, argv[2]);
         return 0;
     }
     if (wcscmp(argv[1], L"alive") == 0) {
@@ -132,21 +133,18 @@ int wmain(int argc, wchar_t **argv)
     if (wcscmp(argv[1], L"close") == 0)
         return AskToClose(DWORD(wcstoul(argv[2], nullptr, 10))) > 0 ? 0 : 1;
     if (wcscmp(argv[1], L"text") == 0) {
-        const DWORD code = DWORD(wcstoul(argv[2], nullptr, 10));
         wchar_t *text = nullptr;
         FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                       nullptr, DWORD(wcstoul(argv[2], nullptr, 10)), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
                        reinterpret_cast<wchar_t *>(&text), 0, nullptr);
         // As qt_error_string: a final CR LF dropped; UTF-8, without the C
         // runtime's line-end translation and without a line end of its own.
-        size_t length = text ? wcslen(text) : 0;
-        if (length >= 2 && text[length - 2] == L'\r' && text[length - 1] == L'\n')
-            length -= 2;
-        char buffer[1024] = {};
-        if (length)
-            WideCharToMultiByte(CP_UTF8, 0, text, int(length), buffer, sizeof(buffer) - 1, nullptr, nullptr);
+        char *out = Utf8(text);
+        const size_t length = strlen(out);
+        if (length >= 2 && strcmp(out + length - 2, "\r\n") == 0)
+            out[length - 2] = 0;
         _setmode(_fileno(stdout), _O_BINARY);
-        fputs(buffer, stdout);
+        fputs(out, stdout);
         LocalFree(text);
         return 0;
     }

@@ -46,17 +46,10 @@ run_batch() {
     printf '@%s\r\n@exit /b %%errorlevel%%\r\n' "$1" > "$DIR/run.bat"
     run cmd.exe /c run.bat
 }
-entry() { (cd "$DIR" && wine reg query "$ENTRY" /v "$1" 2>/dev/null | tr -d '\r' | awk -v v="$1" '$1 == v {print $3}'); }
-logged() { tr -d '\r' < "$LOG" | grep -qFx -- "$1"; }
+entry() { reg_value "$ENTRY" "$1"; }
 # ran <command>: the log holds the command, answered with exit code 0.
 ran() { tr -d '\r' < "$LOG" | grep -A 20 -Fx -- "> $1" | grep -m 1 '^exit ' | grep -qx 'exit 0'; }
-ping_pinned() { "$TARN" ping "wss://127.0.0.1:$PORT" > "$WORK/ping.out" 2>&1; }
-serving() {
-    local i
-    for i in $(seq 100); do ping_pinned && return 0; sleep 0.4; done
-    return 1
-}
-manager_pid() { scquery pid TarnSrv.exe | head -n 1; }
+serving() { within 40 ping_linux "$PORT"; }
 identity() { cat "$WINEPREFIX"/drive_c/users/*/AppData/Local/"VARNOK Labs/VARNOK Manager/identity.crt" 2>/dev/null; }
 
 step "1. silent install of an older version"
@@ -67,14 +60,13 @@ check "the zip's files and the uninstaller are in Program Files" \
     diff -u "$WORK/expected-files" <(cd "$PROGRAMS" && find . -type f | sed 's|^\./||' | sort)
 check "TarnSrv.cfg names the port given" grep -qx "PortNr = $PORT" <(tr -d '\r' < "$PROGRAMS/TarnSrv.cfg")
 check "the service runs" wait_state TarnSvc $RUNNING
-config() { CONFIG=$(scquery config TarnSvc); }
 config
 check "registered by TarnSvc.exe, started with Windows: $CONFIG" \
     [ "$CONFIG" = "272|2|LocalSystem|\"$WINDIR\\TarnSvc.exe\"|VARNOK Server" ]
 check "the Linux tarn pings the installed manager" serving
 check "and pinned its identity" grep -q "^127.0.0.1:$PORT " "$XDG_CONFIG_HOME/tarn/known_servers"
 check "the uninstall entry: version $(entry DisplayVersion)" [ "$(entry DisplayVersion)" = 0.9.0 ]
-check "the uninstall entry: publisher" [ "$(cd "$DIR" && wine reg query "$ENTRY" /v Publisher | tr -d '\r' | grep -c 'VARNOK Labs$')" = 1 ]
+check "the uninstall entry: publisher" [ "$(entry Publisher)" = "VARNOK Labs" ]
 check "the Start-menu shortcut" [ -f "$SHORTCUT" ]
 
 step "2. the firewall rules, from the installer's log"
@@ -115,16 +107,11 @@ check "the refusals left the service running" wait_state TarnSvc $RUNNING
 
 step "4. silent uninstall"
 cp "$PROGRAMS/Uninstall.exe" "$DIR/Uninstall.exe"
-run_batch "$(cd "$DIR" && wine reg query "$ENTRY" /v QuietUninstallString | tr -d '\r' | sed -n 's/^ *QuietUninstallString *REG_SZ *//p')"
+run_batch "$(entry QuietUninstallString)"
 check "the uninstaller ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 query TarnSvc
 check "no service: $STATE" [ "$STATE" = none ]
-gone_folder() {
-    local i
-    for i in $(seq 50); do [ -e "$PROGRAMS" ] || return 0; sleep 0.2; done
-    return 1
-}
-check "nothing left under Program Files" gone_folder
+check "nothing left under Program Files" within 10 test ! -e "$PROGRAMS"
 check "no uninstall entry" [ -z "$(entry DisplayVersion)" ]
 check "no shortcut" [ ! -e "$SHORTCUT" ]
 check "the firewall rules removed" ran 'netsh advfirewall firewall delete rule name="Tarn session"'

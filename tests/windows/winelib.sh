@@ -64,67 +64,45 @@ run() {
     ERR=$(tr -d '\r' < "$WORK/err")
 }
 
-# Compares a captured stream with the expected text, LF written as CR LF.
-same_text() {
-    printf '%s' "$2" | sed -z 's/\n/\r\n/g' > "$WORK/expected"
-    cmp -s "$WORK/expected" "$1"
-}
-
-# expect <name> <out> <err> <code> <program> <args...>
+# expect <name> <out> <err> <code> <program> <args...>: runs it and compares
+# both streams with the texts given, LF written as CR LF, and the exit code.
 expect() {
-    local name=$1 out=$2 err=$3 code=$4; shift 4
+    local name=$1 code=$4 ok=1 stream; local -A text=([out]=$2 [err]=$3); shift 4
     run "$@"
-    local ok=1
-    same_text "$WORK/out" "$out" || { ok=0; fail "$name: stdout"; od -c "$WORK/out" | head -20; }
-    same_text "$WORK/err" "$err" || { ok=0; fail "$name: stderr"; od -c "$WORK/err" | head -20; }
+    for stream in out err; do
+        printf '%s' "${text[$stream]}" | sed -z 's/\n/\r\n/g' | cmp -s - "$WORK/$stream" ||
+            { ok=0; fail "$name: std$stream"; od -c "$WORK/$stream" | head -20; }
+    done
     [ "$CODE" = "$code" ] || { ok=0; fail "$name: exit code $CODE, expected $code"; }
     [ $ok = 1 ] && pass
 }
 
+# within <seconds> <command...>: true as soon as the command is, tried every 0.2 s.
+within() {
+    local tries=$(($1 * 5)); shift
+    until "$@"; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || return 1
+        sleep 0.2
+    done
+}
 scquery() { (cd "$DIR" && wine scquery.exe "$@" < /dev/null | tr -d '\r'); }
 # query <service>: STATE and PID from the control manager.
 query() { read -r STATE PID < <(scquery state "$1"); }
-alive() { [ "$(scquery alive "$1")" = yes ]; }
-gone() { # gone <pid>: the process ends within 10 s
-    local i
-    for i in $(seq 20); do
-        alive "$1" || return 0
-        sleep 0.5
-    done
-    return 1
-}
-wait_state() { # wait_state <service> <state>: up to 10 s
-    local i
-    for i in $(seq 50); do
-        query "$1"
-        [ "$STATE" = "$2" ] && return 0
-        sleep 0.2
-    done
-    return 1
-}
-wait_line() { # wait_line <file> <pattern> [seconds]: up to 10 s unless said
-    local i
-    for i in $(seq $((${3:-10} * 5))); do
-        grep -qE "$2" "$1" 2>/dev/null && return 0
-        sleep 0.2
-    done
-    return 1
-}
+in_state() { query "$1"; [ "$STATE" = "$2" ]; }
+wait_state() { within 10 in_state "$@"; }
 STOPPED=1 RUNNING=4 PAUSED=7
-
-# controls <host> <check...>: pause, resume and command 5 through the service
-# host; after each, the state the manager shows and the caller's check, given
-# the flag.
-controls() {
-    local host=$1 step flag state; shift
-    for step in "-p $PAUSED" "-r $RUNNING" "-c $RUNNING"; do
-        read -r flag state <<< "$step"
-        expect "$flag 5" "" "" 0 "$host" "$flag" 5
-        query TarnSvc
-        check "$flag: state $STATE, expected $state" [ "$STATE" = "$state" ]
-        "$@" "$flag"
-    done
-}
+config() { CONFIG=$(scquery config TarnSvc); }
+alive() { [ "$(scquery alive "$1")" = yes ]; }
+ended() { [ "$(scquery alive "$1")" = no ]; }
+gone() { within 10 ended "$1"; }
+manager_pid() { scquery pid TarnSrv.exe | head -n 1; }
+# wait_line <file> <pattern> [seconds]: up to 10 s unless said.
+wait_line() { within "${3:-10}" grep -sqE "$2" "$1"; }
+# reg_value <key> <name>: the data of a registry value, as reg shows it.
+reg_value() { (cd "$DIR" && wine reg query "$1" /v "$2" < /dev/null 2>/dev/null | tr -d '\r' | sed -nE "s/^ +$2 +REG_\w+ +//p"); }
+# ping_linux <port> [options...]: the Linux tarn ($TARN) pings a manager.
+ping_linux() { local port=$1; shift; "$TARN" ping "$@" "wss://127.0.0.1:$port" > "$WORK/ping.out" 2>&1; }
 
 # finish <name> <logs...>: the summary; the logs are shown when a check failed.
 finish() {
