@@ -1,9 +1,7 @@
 #!/bin/bash
 # The whole product for Windows under Wine, run from the zip unpacked into a
 # fresh prefix, so that a DLL or plugin missing from the zip fails here. The
-# Linux tarn and the Windows programs talk TLS to each other over 127.0.0.1;
-# what the protocol offers beyond a ping is the same code as on Linux and
-# left to the Linux tests.
+# Linux programs and the Windows ones talk TLS to each other over 127.0.0.1.
 #
 # Usage: tests/windows/wine_product.sh <Windows build folder> <Linux tarn> <Linux TarnSrv>
 #
@@ -26,17 +24,17 @@ VERSION=$("$TARN" --version | awk '{print $NF}')
 
 # Private ports, told apart from each other.
 PORTS=()
-for _ in 1 2 3; do
+for _ in 1 2 3 4; do
     while :; do
         port=$(bash "$HERE/../../scripts/free-port.sh")
         [[ " ${PORTS[*]} " == *" $port "* ]] || break
     done
     PORTS+=("$port")
 done
-read -r P_WINDOW P_HEADLESS P_SETTINGS <<< "${PORTS[*]}"
+read -r P_WINDOW P_HEADLESS P_LINUX P_SETTINGS <<< "${PORTS[*]}"
 
 # The Linux side keeps its files here, apart from the user's.
-export XDG_CONFIG_HOME=$WORK/linux/config XDG_DATA_HOME=$WORK/linux/data
+export XDG_CONFIG_HOME=$WORK/linux/config XDG_DATA_HOME=$WORK/linux/data TARN_INSTANCE_LOCK=$WORK/linux/instance.lock
 mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME"
 
 Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3> "$WORK/display" 2> "$WORK/xvfb.log" &
@@ -113,12 +111,24 @@ end_manager
 check "the window ends when told to: $MANAGER_CODE" [ "$MANAGER_CODE" = 0 ]
 
 step "2. the manager serves headless, with the shipped configuration"
+mkdir -p "$WORK/linux/bin"
+cp "$LINUX_MANAGER" "$WORK/linux/bin/TarnSrv"
+"$WORK/linux/bin/TarnSrv" --headless --start --port "$P_LINUX" < /dev/null > /dev/null 2> "$WORK/linux.err" &
+on_exit "kill $! 2>/dev/null"
 cp "$WORK/TarnSrv.cfg.shipped" "$DIR/TarnSrv.cfg"
 start_manager headless --headless --start --port "$P_HEADLESS"
 check "the headless manager serves" serving headless "$P_HEADLESS"
 check "it shows the fingerprint" grep -q "fingerprint: $FINGERPRINT)" "$WORK/headless.err"
 check "the Linux tarn pings it" ping_linux "$P_HEADLESS"
 check "and pinned its fingerprint" grep -qx "127.0.0.1:$P_HEADLESS $FINGERPRINT" "$XDG_CONFIG_HOME/tarn/known_servers"
+"$TARN" watch --name watcher "wss://127.0.0.1:$P_HEADLESS" > "$WORK/watch.out" 2>&1 &
+on_exit "kill $! 2>/dev/null"
+check "the Linux tarn watches" wait_line "$WORK/watch.out" '\+ watcher'
+check "the Linux tarn lists the clients" "$TARN" clients --json "wss://127.0.0.1:$P_HEADLESS" > "$WORK/clients.out"
+check "the list holds the watcher" grep -q '"watcher"' "$WORK/clients.out"
+check "the Linux manager serves" serving linux "$P_LINUX"
+run tarn.exe ping "wss://127.0.0.1:$P_LINUX"
+check "tarn.exe pings the Linux manager: $OUT $ERR" [ "$CODE" = 0 ]
 run tarn.exe ping "wss://127.0.0.1:$P_HEADLESS"
 check "tarn.exe pings the Windows manager: $OUT $ERR" [ "$CODE" = 0 ]
 log_messages > "$WORK/messages"
