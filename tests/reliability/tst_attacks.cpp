@@ -1,0 +1,534 @@
+#include "../testsupport.h"
+#include "tarnclt.h"
+#include "tarnsrv.h"
+#include "tlslistener.h"
+#include "tlsserversocket.h"
+
+#include <QDir>
+#include <QProcess>
+#include <QSslSocket>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QWebSocket>
+#include <QtTest>
+
+#include <memory>
+#include <sys/resource.h>
+#include <vector>
+
+// Runs the real manager (offscreen, in a private folder) and attacks it from
+// this process at the scale of a real attack, over loopback only, while a
+// well-behaved client pings it every 100 ms. The attacks measure what the
+// manager holds and expect a newcomer still served.
+using namespace testsupport;
+
+namespace {
+
+using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
+
+constexpr qint64 MaxGrowthKb = 64 * 1024;
+
+int CountConnected(const Sockets &sockets)
+{
+    return int(std::count_if(sockets.begin(), sockets.end(), [](const auto &s) {
+        return s->state() == QAbstractSocket::ConnectedState;
+    }));
+}
+
+bool Settled(const Sockets &sockets)
+{
+    return std::none_of(sockets.begin(), sockets.end(), [](const auto &s) {
+        return s->state() == QAbstractSocket::ConnectingState || s->state() == QAbstractSocket::HostLookupState;
+    });
+}
+
+// A session of its own, so that every such peer is listed.
+QByteArray Origin(const QByteArray &name)
+{
+    return "," + QUuid::createUuid().toByteArray() + ",," + name;
+}
+
+// A masked client frame whose header may declare more payload than follows.
+QByteArray Frame(quint8 opcode, const QByteArray &payload, quint64 declared, bool last = true)
+{
+    QByteArray frame;
+    frame.append(char((last ? 0x80 : 0) | opcode));
+    const int lengthBytes = declared < 126 ? 0 : declared < 65536 ? 2 : 8;
+    frame.append(char(0x80 | (lengthBytes == 0 ? int(declared) : lengthBytes == 2 ? 126 : 127)));
+    for (int shift = 8 * (lengthBytes - 1); shift >= 0; shift -= 8)
+        frame.append(char((declared >> shift) & 0xff));
+    const QByteArray mask("\x11\x22\x33\x44", 4);
+    frame.append(mask);
+    for (int i = 0; i < payload.size(); ++i)
+        frame.append(char(payload.at(i) ^ mask.at(i % 4)));
+    return frame;
+}
+
+} // namespace
+
+class TestAttacks : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    // TARN_ATTACK_SCALE multiplies the attackers, for figures beyond the suite's.
+    void initTestCase()
+    {
+        scale = qMax(1, qEnvironmentVariableIntValue("TARN_ATTACK_SCALE"));
+        // Every descriptor the system allows, for this process and the manager.
+        rlimit limit{};
+        QCOMPARE(getrlimit(RLIMIT_NOFILE, &limit), 0);
+        limit.rlim_cur = limit.rlim_max;
+        QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        QVERIFY2(limit.rlim_cur > rlim_t(3000 * scale + 1000), "too few descriptors for this scale");
+
+        port = FreePort();
+        url = LocalUrl(port);
+        const QString program = dir.filePath(QStringLiteral("TarnSrv"));
+        QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
+        QVERIFY(WriteFile(dir.filePath(QStringLiteral("TarnSrv.cfg")),
+                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(dir.path()).toUtf8()));
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
+        env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), dir.filePath(QStringLiteral("instance.lock")));
+        manager.setProcessEnvironment(env);
+        manager.start(program, {});
+        QVERIFY(manager.waitForStarted());
+
+        goodRecord.sessionUuid = QUuid::createUuid();
+        goodRecord.guestName = QStringLiteral("Good");
+        QTRY_VERIFY_WITH_TIMEOUT(good.Open(url, &goodRecord), 10000);
+        sinceAnswer.start();
+        connect(&pinger, &QTimer::timeout, this, &TestAttacks::PingOnce);
+        pinger.start(100);
+        QTRY_VERIFY(pings >= 3);
+        longestSilenceMs = 0;
+        baselineRssKb = RssKb();
+        baselineFds = OpenFds();
+        qInfo("baseline: RSS %lld KiB, %d descriptors", baselineRssKb, baselineFds);
+    }
+
+    void cleanupTestCase()
+    {
+        pinger.stop();
+        good.Close();
+        manager.terminate();
+        manager.waitForFinished(5000);
+    }
+
+    // Every attack leaves the well-behaved client answered throughout: a pong may
+    // miss its one-second wait, but the server never falls silent for longer than
+    // MaxSilenceMs. The floods run on the same thread as the pinging client, so
+    // the bound covers the test's own stalls too; the run reports the longest gap.
+    void cleanup()
+    {
+        const int before = pings;
+        QTRY_VERIFY(pings >= before + 2);
+        QVERIFY2(longestSilenceMs < MaxSilenceMs, qPrintable(QString::number(longestSilenceMs)));
+    }
+
+    // Connections that never finish their handshake: an address keeps at most
+    // its share and all together at most the budget, the oldest making room
+    // (the newcomer shares the first address), and no TLS state exists for a
+    // hello that has not arrived whole. What is not TLS, or announces more
+    // than a hello may be, is refused at once.
+    void halfOpenHandshakes_data()
+    {
+        QTest::addColumn<int>("connections");
+        QTest::addColumn<int>("addresses");
+        QTest::addColumn<QByteArray>("opening");
+        QTest::addColumn<int>("held");
+        const int share = TlsListener::MaxPendingPerAddress;
+        const int budget = TlsListener::MaxPending;
+        const int many = 3000 * scale;
+        const int spread = 12 * scale;
+
+        QTest::newRow("silent, one address at its share") << share << 1 << QByteArray() << share;
+        QTest::newRow("silent, one address one past its share") << share + 1 << 1 << QByteArray() << share;
+        QTest::newRow("silent, at the budget") << budget << 4 << QByteArray() << budget;
+        QTest::newRow("silent, one past the budget") << budget + 1 << 4 << QByteArray() << budget;
+        QTest::newRow("silent, many") << many << spread << QByteArray() << budget;
+        QTest::newRow("16 KiB hello announced, not sent")
+            << many << spread << QByteArray::fromHex("160301400001003ffc") << budget;
+        QTest::newRow("128 KiB hello announced") << many << spread << QByteArray::fromHex("160301400001020000") << 0;
+        QTest::newRow("plain HTTP") << many << spread << QByteArray("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n") << 0;
+    }
+
+    void halfOpenHandshakes()
+    {
+        QFETCH(int, connections);
+        QFETCH(int, addresses);
+        QFETCH(QByteArray, opening);
+        QFETCH(int, held);
+        const qint64 before = RssKb();
+
+        Sockets attackers;
+        for (int i = 0; i < connections; ++i) {
+            attackers.push_back(std::make_unique<QSslSocket>());
+            QSslSocket *socket = attackers.back().get();
+            const int address = i % addresses;
+            socket->bind(QHostAddress(QStringLiteral("127.0.%1.%2").arg(address / 250).arg(1 + address % 250)));
+            connect(socket, &QAbstractSocket::connected, socket, [socket, opening] { socket->write(opening); });
+            socket->connectToHost(QHostAddress::LocalHost, port);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(Settled(attackers), 30000);
+        QTest::qWait(500);
+        const qint64 grown = RssKb() - before;
+        QTRY_COMPARE(CountConnected(attackers), held);
+        QTRY_COMPARE(attackers.front()->state() == QAbstractSocket::ConnectedState, held == connections);
+        qInfo("%d connections: %d held, manager grew by %lld KiB", connections, CountConnected(attackers), grown);
+        ExpectNewcomerServed();
+        QVERIFY2(grown < MaxGrowthKb, qPrintable(QString::number(grown)));
+    }
+
+    // Peers past TLS whose request head never ends: one trickles it a byte per
+    // record, the other sends an endless one. The first is closed at the
+    // deadline, the second at the head's cap, long before it.
+    void unfinishedRequestHeads_data()
+    {
+        QTest::addColumn<int>("bytesPerRecord");
+        QTest::addColumn<int>("closedWithinMs");
+
+        QTest::newRow("trickled") << 1 << TlsListener::DeadlineMs + 3000;
+        QTest::newRow("endless") << 1024 << TlsListener::DeadlineMs / 2;
+    }
+
+    void unfinishedRequestHeads()
+    {
+        QFETCH(int, bytesPerRecord);
+        QFETCH(int, closedWithinMs);
+        const int count = 40 * scale;
+        const qint64 before = RssKb();
+
+        Sockets peers;
+        for (int i = 0; i < count; ++i) {
+            peers.push_back(std::make_unique<QSslSocket>());
+            peers.back()->setPeerVerifyMode(QSslSocket::VerifyNone);
+            peers.back()->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+        }
+        QTRY_VERIFY(std::all_of(peers.begin(), peers.end(), [](const auto &s) { return s->isEncrypted(); }));
+        QElapsedTimer elapsed;
+        elapsed.start();
+        const QByteArray head = "GET / HTTP/1.1\r\nX-Filler: " + QByteArray(TlsServerSocket::MaxRequestHeadBytes * 2, 'x');
+        int sent = 0;
+        qint64 peak = before;
+        // One write per turn of the event loop is one TLS record.
+        while (CountConnected(peers) > 0 && elapsed.elapsed() < closedWithinMs) {
+            for (const auto &peer : peers)
+                peer->write(head.mid(sent % head.size(), bytesPerRecord));
+            sent += bytesPerRecord;
+            QTest::qWait(20);
+            peak = qMax(peak, RssKb());
+        }
+        qInfo("%d bytes sent per peer, closed after %lld ms, manager grew by %lld KiB at most", sent,
+              elapsed.elapsed(), peak - before);
+        QCOMPARE(CountConnected(peers), 0);
+        QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
+    }
+
+    // Names no client offers and frames no client sends, then a ping: binary
+    // frames are ignored, and a frame or message past the size limit closes
+    // the connection as soon as a header tells, before its payload is there.
+    void frames_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<QByteArray>("frames");
+        QTest::addColumn<bool>("answered");
+        const int limit = int(TarnSrv::MaxIncomingSize);
+        const QByteArray half(limit / 2, 'x');
+
+        QTest::newRow("markup, binary frames") << QByteArray("<script>alert(1)</script><b>x</b>")
+                                               << Frame(0x2, "Server ping", 11).repeated(10) << true;
+        QTest::newRow("control characters") << QByteArray("ctl\x01\x07\x1b[31m<hr>") << QByteArray() << true;
+        QTest::newRow("invalid utf-8") << QByteArray("bad\xff\xfe\xc3<img src=x>") << QByteArray() << true;
+        QTest::newRow("frame at the limit") << QByteArray("Big") << Frame(0x1, QByteArray(limit, 'x'), limit) << true;
+        QTest::newRow("frame declaring one past the limit")
+            << QByteArray("Big") << Frame(0x1, QByteArray(1024, 'x'), limit + 1) << false;
+        QTest::newRow("message one past the limit, in two frames")
+            << QByteArray("Big") << Frame(0x1, half, limit / 2, false) + Frame(0x0, half + 'x', limit / 2 + 1) << false;
+    }
+
+    void frames()
+    {
+        QFETCH(QByteArray, name);
+        QFETCH(QByteArray, frames);
+        QFETCH(bool, answered);
+        auto socket = RawWebSocket(Origin(name));
+        QVERIFY(socket);
+        socket->write(frames + Frame(0x1, "Server ping", 11));
+        QByteArray reply;
+        if (answered)
+            QTRY_VERIFY((reply += socket->readAll()).contains("Server pong"));
+        else // within Qt's own wait for a payload, which would end it too
+            QTRY_COMPARE_WITH_TIMEOUT(socket->state(), QAbstractSocket::UnconnectedState, 3000);
+    }
+
+    void rapidConnectClose()
+    {
+        // Plain connects that close at once, in batches, then full sessions.
+        const int cycles = 10000 * scale;
+        for (int done = 0; done < cycles; done += 100) {
+            std::vector<std::unique_ptr<QTcpSocket>> batch;
+            for (int i = 0; i < 100; ++i) {
+                batch.push_back(std::make_unique<QTcpSocket>());
+                batch.back()->connectToHost(QHostAddress::LocalHost, port);
+            }
+            QTRY_VERIFY(std::all_of(batch.begin(), batch.end(), [](const auto &s) {
+                return s->state() != QAbstractSocket::ConnectingState && s->state() != QAbstractSocket::HostLookupState;
+            }));
+        }
+        for (int i = 0; i < cycles / 10; ++i) {
+            TarnClt client;
+            ClientRecord rec;
+            rec.guestName = QStringLiteral("Cycle");
+            QVERIFY(client.Open(url, &rec));
+            client.Close();
+        }
+    }
+
+    // One connection sends 20,000 pings at once: the log keeps its first lines
+    // and a count of the rest, and neither it nor the server grows with the rate.
+    void pingFlood()
+    {
+        constexpr int Pings = 20000;
+        constexpr qint64 MaxLogGrowth = 64 * 1024;
+        constexpr qint64 MaxFloodGrowthKb = 8 * 1024;
+        const qint64 rssBefore = RssKb();
+        const qint64 logBefore = LogFile().size();
+
+        auto flood = RawWebSocket(Origin("PingFlood"));
+        QVERIFY(flood);
+        flood->write(Frame(0x1, "Server ping", 11).repeated(Pings));
+        QByteArray replies;
+        QTRY_COMPARE_WITH_TIMEOUT(int((replies += flood->readAll()).count("Server pong")), Pings, 60000);
+        const qint64 rssAfter = RssKb();
+        const qint64 logGrowth = LogFile().size() - logBefore;
+        qInfo("ping flood: log grew %lld bytes, RSS %lld KiB before, %lld KiB after", logGrowth, rssBefore, rssAfter);
+        QVERIFY2(logGrowth < MaxLogGrowth, qPrintable(QString::number(logGrowth)));
+        QVERIFY2(rssAfter - rssBefore < MaxFloodGrowthKb, qPrintable(QString::number(rssAfter - rssBefore)));
+
+        // Leaving writes out the count of this period.
+        flood->abort();
+        const QByteArray summaryStart = "Client PingFlood: ";
+        QTRY_VERIFY(LogFile().contains(summaryStart));
+        const QByteArray log = LogFile();
+        int answered = log.count("Received ping request from client PingFlood, replied.");
+        for (int at = log.indexOf(summaryStart); at >= 0; at = log.indexOf(summaryStart, at + 1))
+            answered += log.mid(at + summaryStart.size(), 12).split(' ').value(0).toInt();
+        QCOMPARE(answered, Pings);
+    }
+
+    // Upgraded peers that never read and send PING frames: the answers wait in
+    // the manager until each peer's limit, and then the peer is gone.
+    void pingFloodersThatNeverRead()
+    {
+        const int flooders = 100 * scale;
+        constexpr int PingsEach = 40000;
+        const qint64 before = RssKb();
+        const int fdsBefore = OpenFds();
+
+        const Sockets raw = NonReaders(flooders, "Flooder");
+        QCOMPARE(int(raw.size()), flooders);
+        const QByteArray pings = Frame(0x9, QByteArray(125, 'p'), 125).repeated(PingsEach);
+        for (const auto &flooder : raw)
+            flooder->write(pings);
+        qint64 peak = before;
+        QTRY_VERIFY_WITH_TIMEOUT((peak = qMax(peak, RssKb()), OpenFds() <= fdsBefore), 60000);
+        qInfo("%d flooders, %d pings each: manager grew by %lld KiB at most", flooders, PingsEach, peak - before);
+        ExpectNewcomerServed();
+        QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
+    }
+
+    // Sessions with long names that ask for the list again and again and
+    // never read: one alone, among others listed with 4,000-character names,
+    // is dropped at its own limit; a crowd as the pool they share runs out
+    // (their replies grow with the square of their number). Each drop is
+    // logged once, and the list shows the names cut to 256 characters.
+    void slowReadersAskingForTheList_data()
+    {
+        QTest::addColumn<int>("listedIdle");
+        QTest::addColumn<int>("readers");
+        QTest::addColumn<int>("requests");
+        QTest::addColumn<qint64>("maxGrowthKb");
+
+        QTest::newRow("one among 20, 1,500 requests") << 20 << 1 << 1500 << qint64(16 * 1024);
+        QTest::newRow("a crowd, 8 requests each") << 0 << 300 * scale << 8 << MaxGrowthKb;
+    }
+
+    void slowReadersAskingForTheList()
+    {
+        QFETCH(int, listedIdle);
+        QFETCH(int, readers);
+        QFETCH(int, requests);
+        QFETCH(qint64, maxGrowthKb);
+        const qint64 before = RssKb();
+        const int dropsBefore = int(LogFile().count("did not read what the server sent"));
+
+        std::vector<std::unique_ptr<QWebSocket>> listed;
+        for (int i = 0; i < listedIdle; ++i) {
+            listed.push_back(std::make_unique<QWebSocket>(QString::fromLatin1(Origin(QByteArray(4000, 'n')))));
+            QWebSocket *s = listed.back().get();
+            connect(s, &QWebSocket::sslErrors, s, [s] { s->ignoreSslErrors(); });
+            s->open(url);
+        }
+        QTRY_VERIFY(std::all_of(listed.begin(), listed.end(), [](const auto &s) {
+            return s->state() == QAbstractSocket::ConnectedState;
+        }));
+
+        const Sockets raw = NonReaders(readers, QByteArray(256, 'n'));
+        QCOMPARE(int(raw.size()), readers);
+        const QByteArray batch = Frame(0x1, "Get active clients", 18).repeated(qMin(requests, 100));
+        qint64 peak = before;
+        for (int sent = 0; sent < requests && CountConnected(raw) > 0; sent += 100) {
+            for (const auto &reader : raw) {
+                if (reader->state() == QAbstractSocket::ConnectedState)
+                    reader->write(batch);
+            }
+            QTest::qWait(50);
+            peak = qMax(peak, RssKb());
+        }
+        for (int i = 0; i < 40; ++i) {
+            QTest::qWait(100);
+            peak = qMax(peak, RssKb());
+        }
+        ExpectNewcomerServed();
+
+        QString body;
+        int dropped = 0;
+        const QString cut = QString(256, QLatin1Char('n')) + QLatin1Char(',');
+        QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body),
+                                  dropped = int(LogFile().count("did not read what the server sent")) - dropsBefore,
+                                  dropped > 0 && body.count(cut) == listedIdle + readers - dropped), 15000);
+        QVERIFY(!body.contains(QString(257, QLatin1Char('n'))));
+        qInfo("%d readers: manager grew by %lld KiB at most, %d dropped", readers, peak - before, dropped);
+        QVERIFY2(peak - before < maxGrowthKb, qPrintable(QString::number(peak - before)));
+    }
+
+    // Whichever way the connections ended, the manager lists the well-behaved
+    // client alone and gives descriptors and memory back; the log shows no
+    // guest's markup, and counts the closes before takeover in summary lines.
+    void afterwards()
+    {
+        QString body;
+        QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body),
+                                  body == QStringLiteral("Good,%1,").arg(goodRecord.sessionUuid.toString())), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(OpenFds() <= baselineFds, 15000);
+        QTest::qWait(2000);
+        const qint64 rss = RssKb();
+        qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d descriptors (baseline %d), %d pings answered, "
+              "%d late, longest silence %lld ms",
+              rss, baselineRssKb, OpenFds(), baselineFds, pings, latePings, longestSilenceMs);
+        QVERIFY2(rss < baselineRssKb + 16 * 1024, "the manager kept memory after the attacks");
+
+        const QByteArray late = "connections did not complete their handshake within 10 s and were closed.";
+        const QByteArray displaced = "unfinished handshakes were closed to make room for newer ones.";
+        QTRY_VERIFY_WITH_TIMEOUT(LogFile().contains(late) && LogFile().contains(displaced), 12000);
+        const QByteArray html = LogFile();
+        QVERIFY(html.count(late) + html.count(displaced) < 10);
+        for (const char *markup : {"<script", "<b>", "<hr>", "<img"})
+            QVERIFY2(!html.contains(markup), markup);
+        // Once: the binary frames before that ping went unanswered.
+        QCOMPARE(html.count("Received ping request from client "
+                            "&lt;script&gt;alert(1)&lt;/script&gt;&lt;b&gt;x&lt;/b&gt;, replied."), 1);
+    }
+
+private:
+    void PingOnce()
+    {
+        if (pinging)
+            return;
+        pinging = true;
+        if (good.Ping() == 0) {
+            ++pings;
+            longestSilenceMs = qMax(longestSilenceMs, sinceAnswer.restart());
+        } else {
+            ++latePings;
+        }
+        pinging = false;
+    }
+
+    qint64 RssKb() const
+    {
+        const QByteArray status = FileBytes(QStringLiteral("/proc/%1/status").arg(manager.processId()));
+        const int at = status.indexOf("\nVmRSS:");
+        return at < 0 ? -1 : status.mid(at + 7, 20).simplified().split(' ').value(0).toLongLong();
+    }
+
+    int OpenFds() const
+    {
+        const QDir fds(QStringLiteral("/proc/%1/fd").arg(manager.processId()));
+        return int(fds.entryList(QDir::NoDotAndDotDot | QDir::System).size());
+    }
+
+    QByteArray LogFile() const { return FileBytes(dir.filePath(QStringLiteral("TarnSrvSvc.html"))); }
+
+    // A TLS connection upgraded by hand, for frames no well-made client sends.
+    std::unique_ptr<QSslSocket> RawWebSocket(const QByteArray &origin) const
+    {
+        auto socket = std::make_unique<QSslSocket>();
+        socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+        socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+        QSignalSpy encrypted(socket.get(), &QSslSocket::encrypted);
+        if (!encrypted.wait(5000))
+            return nullptr;
+        socket->write("GET / HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
+                      + "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
+                        "Origin: " + origin + "\r\n\r\n");
+        QByteArray response;
+        QElapsedTimer elapsed;
+        elapsed.start();
+        while (!response.contains("\r\n\r\n") && elapsed.elapsed() < 5000) {
+            QTest::qWait(10);
+            response += socket->readAll();
+        }
+        return response.startsWith("HTTP/1.1 101") ? std::move(socket) : nullptr;
+    }
+
+    // Upgraded peers that read no more than a small buffer; fewer when one failed.
+    Sockets NonReaders(int count, const QByteArray &name) const
+    {
+        Sockets raw;
+        for (int i = 0; i < count; ++i) {
+            auto socket = RawWebSocket(Origin(name + QByteArray::number(i)));
+            if (!socket)
+                break;
+            socket->setReadBufferSize(4096);
+            raw.push_back(std::move(socket));
+        }
+        return raw;
+    }
+
+    void ExpectNewcomerServed()
+    {
+        QElapsedTimer elapsed;
+        elapsed.start();
+        TarnClt newcomer;
+        ClientRecord rec;
+        rec.guestName = QStringLiteral("Newcomer");
+        QVERIFY(newcomer.Open(url, &rec));
+        QCOMPARE(newcomer.Ping(), 0);
+        qInfo("newcomer connected and pinged in %lld ms", elapsed.elapsed());
+    }
+
+    QTemporaryDir dir;
+    QProcess manager;
+    quint16 port = 0;
+    QUrl url;
+    TarnClt good;
+    ClientRecord goodRecord;
+    QTimer pinger;
+    QElapsedTimer sinceAnswer;
+    bool pinging = false;
+    int pings = 0;
+    int latePings = 0;
+    qint64 longestSilenceMs = 0;
+    int scale = 1;
+    qint64 baselineRssKb = 0;
+    int baselineFds = 0;
+    static constexpr qint64 MaxSilenceMs = 10000;
+};
+
+QTEST_MAIN(TestAttacks)
+#include "tst_attacks.moc"
