@@ -14,7 +14,7 @@ TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
 }
 
 // Destroying the process object kills a child that is still running and
-// waits for it, so no child outlives the host.
+// waits for it, so no child outlives the host, whatever way it ends.
 TarnSrvSrv::~TarnSrvSrv() = default;
 
 QString TarnSrvSrv::childProgram()
@@ -45,10 +45,14 @@ void TarnSrvSrv::start()
     }
 }
 
+// The manager is asked to close first, so that it lets its clients go and
+// logs its stop; one that has not ended within the grace period is killed.
 void TarnSrvSrv::stop()
 {
     try {
         process.terminate();
+        if (!process.waitForFinished(StopGraceMs))
+            process.kill();
     } catch (...) {
         QMessageLogger().critical() << "An unknown error in the stop";
     }

@@ -15,6 +15,9 @@ public:
 
     static QString childProgram();
 
+    // Below the two seconds a controller waits for the stop.
+    static constexpr int StopGraceMs = 1500;
+
 protected:
     void start() override;
     void stop() override;

@@ -288,6 +288,9 @@ void TestTarnSvc::keepsManagerRunning()
     QCOMPARE(r.err, QByteArray());
     QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(child).isEmpty(), 5000);
+    // Asked to close, not killed: the manager let its clients go and logged its end.
+    const QByteArray log = testsupport::FileBytes(temp.filePath(QStringLiteral("logs/TarnSrvSvc.html")));
+    QVERIFY2(log.contains("Tarn server stopped.") && log.contains("VARNOK Server closed."), log.right(300).constData());
     QFile::remove(cfgPath);
 }
 
@@ -310,9 +313,9 @@ void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()
     const pid_t pid = pid_t(pidFile.readAll().trimmed().toInt());
     QVERIFY(pid > 0 && ::kill(pid, 0) == 0);
 
-    const Result r = run({QStringLiteral("-t")}, stubbornHost);
-    QCOMPARE(r.code, 0);
-    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
+    // Killed after the grace period, which a loaded machine may stretch past the controller's wait.
+    QCOMPARE(run({QStringLiteral("-t")}, stubbornHost).code, 0);
+    QVERIFY(waitForServiceState(name, Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(stubbornHost).isEmpty(), 5000);
     const bool childGone = ::kill(pid, 0) != 0;
     if (!childGone)
