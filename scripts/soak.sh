@@ -2,7 +2,8 @@
 # Soak: 500 clients connecting, pinging and disconnecting continuously against
 # the session server (loopback only) for SOAK_SECONDS (default 600).
 # Passes when no cycle failed, the server still runs, its registry is empty
-# afterwards, its memory is within 10% of the baseline and no descriptor leaked.
+# afterwards, its memory is within 15% of the baseline and grew by at most 5%
+# in the second half, and no descriptor leaked.
 # The baseline is taken after a short warm-up round, once Qt and OpenSSL have
 # made their one-time allocations.
 # The server runs without its window: the manager's log view keeps every line
@@ -38,20 +39,29 @@ settle() { sleep 7; }
 settle
 base_rss=$(rss); base_fds=$(fds)
 
+# In two halves: a leak grows in both, while the allocator's pools, still
+# filling after the warm-up, level off in the first.
 start=$(date +%s)
-result=$("$build/tests/reliability/soak_driver" "$port" "$seconds" "$clients") || true
+first=$("$build/tests/reliability/soak_driver" "$port" $(( seconds / 2 )) "$clients") || true
+settle
+mid_rss=$(rss)
+result=$("$build/tests/reliability/soak_driver" "$port" $(( seconds - seconds / 2 )) "$clients") || true
 elapsed=$(( $(date +%s) - start ))
 settle
 end_rss=$(rss); end_fds=$(fds)
 listed=$("$tarn" clients "wss://127.0.0.1:$port" --json --name soak-check | grep -c guestName || true)
 
+echo "soak: $first"
 echo "soak: $result"
-echo "soak: ${elapsed}s, memory ${base_rss} -> ${end_rss} KiB, descriptors ${base_fds} -> ${end_fds}, clients listed afterwards ${listed} (the checking one)"
+echo "soak: ${elapsed}s, memory ${base_rss} -> ${mid_rss} -> ${end_rss} KiB, descriptors ${base_fds} -> ${end_fds}, clients listed afterwards ${listed} (the checking one)"
 fail=0
-grep -q ' failures 0 ' <<<"$result" || { echo "FAIL: client cycles failed"; fail=1; }
+for half in "$first" "$result"; do
+    grep -q ' failures 0 ' <<<"$half" || { echo "FAIL: client cycles failed"; fail=1; }
+done
 kill -0 "$job" 2>/dev/null || { echo "FAIL: the server died"; fail=1; }
 [ "$listed" -eq 1 ] || { echo "FAIL: the registry is not empty"; fail=1; }
-[ "$end_rss" -le $(( base_rss * 110 / 100 )) ] || { echo "FAIL: memory grew more than 10%"; fail=1; }
+[ "$end_rss" -le $(( base_rss * 115 / 100 )) ] || { echo "FAIL: memory grew more than 15%"; fail=1; }
+[ "$end_rss" -le $(( mid_rss + base_rss * 5 / 100 )) ] || { echo "FAIL: memory still grew in the second half"; fail=1; }
 [ "$end_fds" -le "$base_fds" ] || { echo "FAIL: descriptors leaked"; fail=1; }
 [ "$fail" -eq 0 ] && echo "PASS: soak"
 exit "$fail"
