@@ -2,6 +2,7 @@
 // Prints "PORT <n>" once listening and runs until terminated.
 
 #include "loaddriver.h"
+#include "scalableeventloop.h"
 #include "tarnsrv.h"
 
 #include <QCoreApplication>
@@ -11,7 +12,7 @@
 int main(int argc, char *argv[])
 {
     Bench::RaiseFileLimit();
-    TarnSrv::PreferScalableEventLoop();
+    Tarn::UseScalableEventLoop();
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
     const int port = args.value(1, QStringLiteral("0")).toInt();

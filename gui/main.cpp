@@ -3,6 +3,7 @@
 #include "logsink.h"
 #include "managercore.h"
 #include "managercommandline.h"
+#include "scalableeventloop.h"
 #include "stopsignals.h"
 #include "tarnsrv.h"
 #include "tarnsrvgui.h"
@@ -117,8 +118,10 @@ int main(int argc, char *argv[])
     RunOptions options = commandLine.Options();
     options.headless = options.headless || LacksDisplay();
     TarnSrv::PreferScalableEventLoop();
-    if (options.headless)
+    if (options.headless) {
+        Tarn::UseScalableEventLoop();
         return RunHeadless(argc, argv, options);
+    }
     LeaveConsole(consoleAttached);
     return RunWindow(argc, argv, options);
 }
