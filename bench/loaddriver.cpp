@@ -53,10 +53,10 @@ void LoadDriver::RunAll(const std::function<void(LoadWorker &, int)> &op, int to
     done.acquire(n);
 }
 
-ConnectResult LoadDriver::Connect(const QUrl &url, int count, int maxInFlight, int timeoutMs)
+ConnectResult LoadDriver::Connect(const QUrl &url, int count, int maxInFlight, bool resume, int timeoutMs)
 {
     const int perWorker = std::max(1, maxInFlight / int(workers.size()));
-    RunAll([&](LoadWorker &w, int share) { w.Connect(url, share, perWorker, timeoutMs); }, count);
+    RunAll([&](LoadWorker &w, int share) { w.Connect(url, share, perWorker, timeoutMs, resume); }, count);
     ConnectResult result;
     qint64 first = std::numeric_limits<qint64>::max();
     qint64 last = 0;

@@ -42,7 +42,7 @@ public:
     LoadDriver(const LoadDriver &) = delete;
     LoadDriver &operator=(const LoadDriver &) = delete;
 
-    ConnectResult Connect(const QUrl &url, int count, int maxInFlight, int timeoutMs = 120000);
+    ConnectResult Connect(const QUrl &url, int count, int maxInFlight, bool resume = false, int timeoutMs = 120000);
     PingResult Ping(int durationMs);
     Latency QueryActiveClients(int count, int *entries);
     void Heartbeat(int intervalMs);

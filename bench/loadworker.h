@@ -32,8 +32,10 @@ public:
     LoadWorker(int workerIndex, QSemaphore &done);
     ~LoadWorker() override;
 
-    // Opens `count` more connections, at most `maxInFlight` handshakes at a time.
-    void Connect(const QUrl &url, int count, int inFlightLimit, int timeoutMs);
+    // Opens `count` more connections, at most `maxInFlight` handshakes at a
+    // time; with `resume`, each offers the ticket the connection of its index
+    // was given last time.
+    void Connect(const QUrl &url, int count, int inFlightLimit, int timeoutMs, bool resume);
     // Every connection pings in a closed loop until `durationMs` has passed.
     void Ping(int durationMs);
     // The first connection asks for the active clients `count` times in a row.
@@ -62,6 +64,7 @@ private:
     void OpenNext();
     void OnConnected();
     void Watch(QWebSocket *socket, size_t index);
+    void KeepTickets(QWebSocket *socket, size_t index);
     void OnFailed(QWebSocket *socket);
     void OnMessage(size_t index, const QString &msg);
     void OnPong(size_t index);
@@ -75,6 +78,9 @@ private:
     std::vector<QWebSocket *> sockets;
     std::vector<qint64> sentAt;
     std::vector<char> established;
+    // The latest session ticket of each connection index, kept across CloseAll.
+    std::vector<QByteArray> tickets;
+    bool offerTickets = false;
 
     QUrl target;
     int toOpen = 0;

@@ -122,6 +122,8 @@ awk -v ecdsa="$ECDSA_SIGNS" '
         row("Server CPU us per handshake, to 10,000", "handshake_to_full_server_cpu_us")
         row("RSS kB per idle connection", "rss_per_conn_kb")
         row("Active clients p99 us, 10,000 sessions", "active_p99_us")
+        row("Reconnect storm: server CPU us, resumed", "storm_resumed_server_cpu_us")
+        row("Reconnect storm: server CPU us, full", "storm_full_server_cpu_us")
         row("Active clients p50 us, 10,000 sessions", "active_p50_us")
         row("Active clients p50 us, 100 sessions", "active_100_p50_us")
         row("Server RSS kB, 0 connections", "rss_0_kb")

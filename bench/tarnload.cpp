@@ -29,6 +29,7 @@ struct Options
     int pingMs = 5000;
     QList<int> pingSizes{1, 100, 1000};
     int queries = 50;
+    int stormClients = 1000;
     int holdMs = 60000;
     int heartbeatMs = 20000;
     int settleMs = 2000;
@@ -81,10 +82,11 @@ void ReportLatency(const QByteArray &prefix, const Latency &l)
 }
 
 // Connects, reports the rate, and says whether every connection came up.
-bool ConnectStep(LoadDriver &load, const Options &o, int count, const QByteArray &key)
+bool ConnectStep(LoadDriver &load, const Options &o, int count, const QByteArray &key, int inFlight = 0,
+                 bool resume = false)
 {
     const double cpuBefore = ServerCpuSeconds(o.serverPid);
-    const ConnectResult r = load.Connect(o.url, count, o.inFlight);
+    const ConnectResult r = load.Connect(o.url, count, inFlight > 0 ? inFlight : o.inFlight, resume);
     // What a handshake costs the server, whatever limits the rate: its capacity on one core.
     if (cpuBefore >= 0 && r.connected > 0)
         Result((key + "_server_cpu_us").constData(), (ServerCpuSeconds(o.serverPid) - cpuBefore) * 1e6 / r.connected);
@@ -145,6 +147,23 @@ bool PingPhase(LoadDriver &load, const Options &o)
     return ok;
 }
 
+// The same clients reconnect at once after a blip, first offering the tickets
+// their last sessions left them, then without. At most 500 handshakes are in
+// flight, just under what the server lets one address have.
+bool StormPhase(LoadDriver &load, const Options &o)
+{
+    const int inFlight = std::min(o.stormClients, 500);
+    QThread::msleep(ulong(o.settleMs));
+    bool ok = ConnectStep(load, o, o.stormClients, "storm_first", inFlight);
+    for (const bool resume : {true, false}) {
+        load.CloseAll();
+        QThread::msleep(ulong(o.settleMs));
+        ok = ConnectStep(load, o, o.stormClients, resume ? "storm_resumed" : "storm_full", inFlight, resume) && ok;
+    }
+    load.CloseAll();
+    return ok;
+}
+
 bool IsLoopback(const QUrl &url)
 {
     const QString host = url.host();
@@ -177,6 +196,7 @@ Options Parse(const QCoreApplication &app)
         o.pingMs = 300;
         o.pingSizes = {1, 10};
         o.queries = 5;
+        o.stormClients = 20;
         o.holdMs = 1500;
         o.heartbeatMs = 300;
         o.settleMs = 100;
@@ -201,6 +221,8 @@ int main(int argc, char *argv[])
     LoadDriver load(o.threads);
     const bool scaled = ScalePhase(load, o);
     const bool pinged = PingPhase(load, o);
-    Note(scaled && pinged ? QStringLiteral("all phases complete") : QStringLiteral("some connections failed or dropped"));
-    return scaled && pinged ? 0 : 1;
+    const bool stormed = StormPhase(load, o);
+    const bool ok = scaled && pinged && stormed;
+    Note(ok ? QStringLiteral("all phases complete") : QStringLiteral("some connections failed or dropped"));
+    return ok ? 0 : 1;
 }

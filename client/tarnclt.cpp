@@ -50,13 +50,7 @@ bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
     connect(socket, &QWebSocket::connected, this, &TarnClt::connected);
     connect(socket, &QWebSocket::disconnected, this, &TarnClt::disconnected);
     connect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
-    if (!expectedFingerprint.isEmpty()) {
-        // No trusted authorities at all: every certificate then fails
-        // verification and reaches onSslErrors, where the pin decides.
-        QSslConfiguration pinned = QSslConfiguration::defaultConfiguration();
-        pinned.setCaCertificates({});
-        socket->setSslConfiguration(pinned);
-    }
+    socket->setSslConfiguration(ClientTls(target));
     peerFingerprint.clear();
     attemptEnded = false;
     socket->open(target);
@@ -86,6 +80,21 @@ void TarnClt::WaitForConnection()
     }
 }
 
+// Sessions persist, so a reconnect to the same server after a blip offers the
+// ticket of the last one and skips the certificate signature.
+QSslConfiguration TarnClt::ClientTls(const QUrl &target) const
+{
+    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+    config.setSslOption(QSsl::SslOptionDisableSessionPersistence, false);
+    if (target == ticketUrl)
+        config.setSessionTicket(sessionTicket);
+    // No trusted authorities at all: every certificate then fails
+    // verification and reaches onSslErrors, where the pin decides.
+    if (!expectedFingerprint.isEmpty())
+        config.setCaCertificates({});
+    return config;
+}
+
 void TarnClt::Close()
 {
     if (!socket)
@@ -110,6 +119,11 @@ void TarnClt::connected()
     }
     isConnected = true;
     reportSslErrors = true;
+    // The server gives its ticket right after the handshake, before the upgrade answer.
+    if (const QSslSocket *transport = Transport()) {
+        sessionTicket = transport->sslConfiguration().sessionTicket();
+        ticketUrl = socket->requestUrl();
+    }
     connect(socket, &QWebSocket::textMessageReceived, this, &TarnClt::RcvdMessage);
     heartbeatTimer.start();
     serverBeatSeen = false;

@@ -8,6 +8,7 @@
 #include <QTimer>
 #include <QUrl>
 
+class QSslConfiguration;
 class QSslSocket;
 class QWebSocket;
 
@@ -66,6 +67,7 @@ private:
     void EndConnectAttempt();
     void LoseConnection();
     QSslSocket *Transport() const;
+    QSslConfiguration ClientTls(const QUrl &target) const;
     bool PeerTrusted();
 
     QEventLoop connectLoop;
@@ -78,6 +80,9 @@ private:
     bool reportSslErrors = false;
     QString expectedFingerprint;
     QString peerFingerprint;
+    // The last trusted session's ticket, and the server it is good for.
+    QByteArray sessionTicket;
+    QUrl ticketUrl;
     QString reply;
     QTimer heartbeatTimer;
     bool serverBeatSeen = false;

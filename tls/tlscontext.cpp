@@ -48,10 +48,13 @@ SSL_CTX *MakeServerContext(const TlsIdentity &identity)
         || SSL_CTX_set_cipher_list(context.get(), Tls12Ciphers) != 1)
         return nullptr;
     SSL_CTX_set_options(context.get(), SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION
-                                           | SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_TICKET);
-    // Clients never resume: no session cache, no tickets to make per handshake.
+                                           | SSL_OP_CIPHER_SERVER_PREFERENCE);
+    // A client back after a blip resumes with the one ticket its session
+    // left it. Tickets are stateless, sealed with a key this context makes
+    // and keeps for the listener's lifetime, so the server holds nothing per
+    // ticket; no session cache.
     SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_num_tickets(context.get(), 0);
+    SSL_CTX_set_num_tickets(context.get(), 1);
     // An idle connection gives its read and write buffers back.
     SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
     return context.release();

@@ -94,6 +94,25 @@ private slots:
         QCOMPARE(lost.count(), 0);
     }
 
+    // A reconnect offers the last session's ticket; the pin holds all the same.
+    void reconnectChecksPin_data()
+    {
+        QTest::addColumn<bool>("samePin");
+        QTest::newRow("same pin") << true;
+        QTest::newRow("another pin") << false;
+    }
+
+    void reconnectChecksPin()
+    {
+        QFETCH(bool, samePin);
+        QVERIFY(client->Open(url, &ann));
+        const QString presented = client->PeerFingerprint();
+        client->SetExpectedFingerprint(samePin ? presented : QString(presented.size(), QLatin1Char('0')));
+        client->Close();
+        QCOMPARE(client->Open(url, &ann), samePin);
+        QCOMPARE(client->PeerFingerprint(), presented);
+    }
+
     void connectionLost_data()
     {
         QTest::addColumn<QString>("answer"); // of a scripted server; none: the real one, stopped
