@@ -72,6 +72,10 @@ void TlsServerSocket::Abort()
 void TlsServerSocket::StartSession()
 {
     started = true;
+    // The handshake's peek at the request head went through QIODevice's
+    // buffer even so, which kept its 16 kB block; opening afresh drops it.
+    if (QIODevice::bytesAvailable() == 0)
+        QIODevice::open(openMode());
     UpdateReading();
     if (!plaintext.isEmpty())
         emit readyRead();
@@ -258,7 +262,9 @@ void TlsServerSocket::CheckRequestHead(qint64 before)
     }
     ready = true;
     setSocketState(ConnectedState);
-    setOpenMode(QIODevice::ReadWrite);
+    // Reads go straight to plaintext: a buffered QIODevice keeps a 16 kB
+    // block of its own per connection once it has read through it.
+    setOpenMode(QIODevice::ReadWrite | QIODevice::Unbuffered);
     emit Ready();
 }
 
