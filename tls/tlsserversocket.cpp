@@ -10,6 +10,7 @@
 #include <openssl/ssl.h>
 
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -117,7 +118,7 @@ void TlsServerSocket::disconnectFromHost()
     readNotifier->setEnabled(false);
     ERR_clear_error();
     SSL_shutdown(ssl);
-    Flush();
+    WriteToPeer();
     if (descriptor >= 0)
         QTimer::singleShot(CloseDeadlineMs, this, &TlsServerSocket::Abort);
 }
@@ -175,10 +176,7 @@ void TlsServerSocket::ReadFromPeer()
 // False once the connection has ended.
 bool TlsServerSocket::Take(const char *bytes, qint64 size)
 {
-    if (!ssl)
-        return TakeHello(bytes, size);
-    BIO_write(SSL_get_rbio(ssl), bytes, int(size));
-    return secure ? Decrypt() : ContinueHandshake();
+    return ssl ? Feed(bytes, size) : TakeHello(bytes, size);
 }
 
 // No TLS state exists until a whole, plausible ClientHello is there.
@@ -189,19 +187,27 @@ bool TlsServerSocket::TakeHello(const char *bytes, qint64 size)
     if (verdict == ClientHello::Verdict::NeedMore)
         return true;
     ssl = verdict == ClientHello::Verdict::Complete ? SSL_new(context) : nullptr;
-    if (!ssl) {
+    BIO *bio = ssl ? StreamBio::New(&ends) : nullptr;
+    if (!bio) {
         Finish();
         return false;
     }
-    BIO *incoming = BIO_new(BIO_s_mem());
-    BIO *outgoing = BIO_new(BIO_s_mem());
-    // An empty buffer means "wait for more", not the end of the stream.
-    BIO_set_mem_eof_return(incoming, -1);
-    SSL_set_bio(ssl, incoming, outgoing);
+    SSL_set_bio(ssl, bio, bio);
     SSL_set_accept_state(ssl);
-    BIO_write(incoming, hello.constData(), hello.size());
-    hello = QByteArray();
-    return ContinueHandshake();
+    const QByteArray whole = std::exchange(hello, QByteArray());
+    return Feed(whole.constData(), whole.size());
+}
+
+// OpenSSL takes all of it before asking for more, unless the connection
+// ends first: nothing is kept for later.
+bool TlsServerSocket::Feed(const char *bytes, qint64 size)
+{
+    ends.input = bytes;
+    ends.inputSize = size;
+    const bool alive = secure ? Decrypt() : ContinueHandshake();
+    ends.input = nullptr;
+    ends.inputSize = 0;
+    return alive;
 }
 
 bool TlsServerSocket::ContinueHandshake()
@@ -209,7 +215,7 @@ bool TlsServerSocket::ContinueHandshake()
     ERR_clear_error();
     const int result = SSL_do_handshake(ssl);
     const int error = SSL_get_error(ssl, result);
-    Flush();
+    WriteToPeer();
     if (result == 1) {
         secure = true;
         return Decrypt(); // the request may have come with the last handshake message
@@ -229,7 +235,7 @@ bool TlsServerSocket::Decrypt()
     while ((result = SSL_read(ssl, chunk, sizeof chunk)) > 0)
         plaintext.append(chunk, result);
     const int error = SSL_get_error(ssl, result);
-    Flush(); // alerts, key updates
+    WriteToPeer(); // alerts, key updates
     if (plaintext.size() > before) {
         if (started)
             emit readyRead();
@@ -272,30 +278,13 @@ void TlsServerSocket::EncryptPending()
 {
     if (!secure || unencrypted.isEmpty() || descriptor < 0)
         return;
-    // A memory buffer never pushes back, so everything is taken at once.
+    // The BIO never pushes back, so everything is taken at once.
     ERR_clear_error();
     const bool taken = SSL_write(ssl, unencrypted.constData(), unencrypted.size()) > 0;
     unencrypted.clear();
     if (!taken) {
         Finish();
         return;
-    }
-    Flush();
-}
-
-// Moves what OpenSSL produced behind what already waits, and sends.
-void TlsServerSocket::Flush()
-{
-    BIO *outgoing = SSL_get_wbio(ssl);
-    const int size = int(BIO_pending(outgoing));
-    if (size > 0) {
-        const int at = encrypted.size();
-        encrypted.resize(at + size);
-        BIO_read(outgoing, encrypted.data() + at, size);
-        // A memory buffer keeps its largest size once emptied: after a large
-        // reply, a new one gives that memory back.
-        if (size > ChunkBytes)
-            SSL_set0_wbio(ssl, BIO_new(BIO_s_mem()));
     }
     WriteToPeer();
 }

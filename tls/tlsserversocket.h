@@ -1,5 +1,7 @@
 #pragma once
 
+#include "streambio.h"
+
 #include <QByteArray>
 #include <QTcpSocket>
 
@@ -68,11 +70,11 @@ private:
     void ReadFromPeer();
     bool Take(const char *bytes, qint64 size);
     bool TakeHello(const char *bytes, qint64 size);
+    bool Feed(const char *bytes, qint64 size);
     bool ContinueHandshake();
     bool Decrypt();
     void CheckRequestHead(qint64 before);
     void EncryptPending();
-    void Flush();
     void WriteToPeer();
     void UpdateReading();
     void AccountUnsent();
@@ -88,6 +90,8 @@ private:
     QByteArray plaintext;
     QByteArray unencrypted;
     QByteArray encrypted;
+    // OpenSSL reads what Feed lends it and writes to encrypted.
+    StreamBio::Ends ends{nullptr, 0, &encrypted};
     std::shared_ptr<UnsentPool> pool;
     // What this connection takes from the pool now.
     qint64 pooled = 0;
