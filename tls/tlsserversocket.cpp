@@ -3,6 +3,7 @@
 #include "clienthello.h"
 #include "socketio.h"
 
+#include <QEvent>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -31,14 +32,39 @@ bool WantsMore(int error)
     return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
 }
 
+// Calls its socket straight from the event: a connection to activated()
+// would cost every socket a connection and a table of its receivers.
+class DirectNotifier : public QSocketNotifier
+{
+public:
+    using Handler = void (TlsServerSocket::*)();
+
+    DirectNotifier(qintptr descriptor, Type type, TlsServerSocket *socket, Handler handler)
+        : QSocketNotifier(descriptor, type, socket), handler(handler)
+    {
+    }
+
+protected:
+    bool event(QEvent *event) override
+    {
+        if (event->type() != QEvent::SockAct && event->type() != QEvent::SockClose)
+            return QSocketNotifier::event(event);
+        (static_cast<TlsServerSocket *>(parent())->*handler)();
+        return true;
+    }
+
+private:
+    Handler handler;
+};
+
 } // namespace
 
 TlsServerSocket::TlsServerSocket(SSL_CTX *context, qintptr descriptor, std::shared_ptr<UnsentPool> pool,
                                  QObject *parent)
     : QTcpSocket(parent), context(context), descriptor(descriptor),
-      readNotifier(new QSocketNotifier(descriptor, QSocketNotifier::Read, this)), pool(std::move(pool))
+      readNotifier(new DirectNotifier(descriptor, QSocketNotifier::Read, this, &TlsServerSocket::ReadFromPeer)),
+      pool(std::move(pool))
 {
-    connect(readNotifier, &QSocketNotifier::activated, this, &TlsServerSocket::ReadFromPeer);
     const SocketIo::Endpoint peer = SocketIo::Peer(descriptor);
     const SocketIo::Endpoint local = SocketIo::Local(descriptor);
     setPeerAddress(peer.address);
@@ -314,10 +340,8 @@ void TlsServerSocket::WriteToPeer()
     }
     AccountUnsent();
     const bool waiting = !encrypted.isEmpty();
-    if (waiting && !writeNotifier) {
-        writeNotifier = new QSocketNotifier(descriptor, QSocketNotifier::Write, this);
-        connect(writeNotifier, &QSocketNotifier::activated, this, &TlsServerSocket::WriteToPeer);
-    }
+    if (waiting && !writeNotifier)
+        writeNotifier = new DirectNotifier(descriptor, QSocketNotifier::Write, this, &TlsServerSocket::WriteToPeer);
     if (writeNotifier)
         writeNotifier->setEnabled(waiting);
     if (!waiting && closing)
