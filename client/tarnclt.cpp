@@ -33,6 +33,10 @@ QString TarnClt::BuildOrigin(const ClientRecord &rec)
 
 void TarnClt::SetExpectedFingerprint(const QString &fingerprint)
 {
+    // A resumed session skips verification, and with it the pin's first check:
+    // a ticket kept under another pin is not offered.
+    if (fingerprint.toUpper() != expectedFingerprint)
+        sessionTicket.clear();
     expectedFingerprint = fingerprint.toUpper();
 }
 

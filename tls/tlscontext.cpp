@@ -31,6 +31,30 @@ Bio PemBuffer(const QByteArray &pem)
     return Bio(BIO_new_mem_buf(pem.constData(), pem.size()));
 }
 
+// The versions a ClientHello's supported_versions extension lists include TLS 1.3.
+bool OffersTls13(const unsigned char *list, size_t size)
+{
+    if (size < 1 || size_t(list[0]) + 1 != size)
+        return false;
+    for (size_t i = 1; i + 1 < size; i += 2)
+        if (list[i] == 0x03 && list[i + 1] == 0x04)
+            return true;
+    return false;
+}
+
+// A TLS 1.2 ticket carries the session's master secret, so whoever later read
+// the ticket key could decrypt a recorded session; a TLS 1.3 resumption makes
+// a fresh key exchange. Only clients that speak TLS 1.3 get a ticket.
+int TicketsForTls13Only(SSL *ssl, int *, void *)
+{
+    const unsigned char *versions = nullptr;
+    size_t size = 0;
+    if (SSL_client_hello_get0_ext(ssl, TLSEXT_TYPE_supported_versions, &versions, &size) != 1
+        || !OffersTls13(versions, size))
+        SSL_set_options(ssl, SSL_OP_NO_TICKET);
+    return SSL_CLIENT_HELLO_SUCCESS;
+}
+
 } // namespace
 
 SSL_CTX *MakeServerContext(const TlsIdentity &identity)
@@ -49,12 +73,13 @@ SSL_CTX *MakeServerContext(const TlsIdentity &identity)
         return nullptr;
     SSL_CTX_set_options(context.get(), SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION
                                            | SSL_OP_CIPHER_SERVER_PREFERENCE);
-    // A client back after a blip resumes with the one ticket its session
-    // left it. Tickets are stateless, sealed with a key this context makes
+    // A client back after a blip resumes with the one ticket its TLS 1.3
+    // session left it. Tickets are stateless, sealed with a key this context makes
     // and keeps for the listener's lifetime, so the server holds nothing per
     // ticket; no session cache.
     SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
     SSL_CTX_set_num_tickets(context.get(), 1);
+    SSL_CTX_set_client_hello_cb(context.get(), TicketsForTls13Only, nullptr);
     // An idle connection gives its read and write buffers back.
     SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
     return context.release();

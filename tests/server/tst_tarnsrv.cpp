@@ -215,6 +215,36 @@ private slots:
         QTRY_VERIFY(server->GetActiveClients().isEmpty());
     }
 
+    // Resumption tickets go to TLS 1.3 sessions alone: a TLS 1.2 ticket holds
+    // the master secret, which the ticket key would then lay open.
+    void ticketsForTls13Only_data()
+    {
+        QTest::addColumn<int>("protocol"); // QSsl::SslProtocol
+        QTest::addColumn<bool>("ticket");
+        QTest::newRow("TLS 1.2") << int(QSsl::TlsV1_2) << false;
+        QTest::newRow("TLS 1.3") << int(QSsl::TlsV1_3) << true;
+    }
+
+    void ticketsForTls13Only()
+    {
+        QFETCH(int, protocol);
+        QFETCH(bool, ticket);
+        QSslSocket client;
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        config.setProtocol(QSsl::SslProtocol(protocol));
+        config.setPeerVerifyMode(QSslSocket::VerifyNone);
+        config.setSslOption(QSsl::SslOptionDisableSessionPersistence, false);
+        client.setSslConfiguration(config);
+        QSignalSpy tickets(&client, &QSslSocket::newSessionTicketReceived);
+        QSignalSpy encrypted(&client, &QSslSocket::encrypted);
+        client.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+        QTRY_COMPARE(encrypted.count(), 1);
+        // A TLS 1.3 ticket follows the handshake; give one the time to come.
+        QTest::qWait(300);
+        QCOMPARE(client.sslConfiguration().sessionTicketLifeTimeHint() > 0, ticket);
+        QCOMPARE(tickets.count() > 0, ticket);
+    }
+
     void abortedHandshakesReleased_data()
     {
         QTest::addColumn<bool>("tlsDone");
