@@ -59,6 +59,7 @@ public:
         return true;
     }
 
+    qint64 Elapsed() const { return clock.elapsed(); }
     int Count(const QByteArray &state) const { return int(std::count(messages.cbegin(), messages.cend(), state)); }
     // The first message that begins with the state, or -1.
     int IndexOf(const QByteArray &state) const
@@ -244,11 +245,10 @@ private slots:
         QTest::qWait(5 * PingMs);
         QCOMPARE(listener->Count("WATCHDOG=1"), before);
 
-        QElapsedTimer resumed;
-        resumed.start();
+        const qint64 resumed = listener->Elapsed();
         QCOMPARE(::kill(pid_t(manager.processId()), SIGCONT), 0);
         QTRY_VERIFY(listener->Count("WATCHDOG=1") > before);
-        qInfo("first ping %lld ms after SIGCONT", resumed.elapsed());
+        qInfo("first ping %lld ms after SIGCONT", listener->arrivals.last() - resumed);
     }
 
     void journalPriorities_data()
@@ -311,6 +311,43 @@ private slots:
         QVERIFY2(lines.contains(QStringLiteral("Reading configuration file")), qPrintable(lines));
     }
 
+    void refusalIsAnError_data()
+    {
+        QTest::addColumn<bool>("journal");
+        QTest::addColumn<QString>("line");
+
+        QTest::newRow("stderr is the journal") << true << "<3>Another instance of VARNOK Manager is already running.";
+        QTest::newRow("stderr is a file") << false << "Another instance of VARNOK Manager is already running.";
+    }
+
+    // A manager refused beside a running one ends the unit with an error, and
+    // says so at that priority.
+    void refusalIsAnError()
+    {
+        QFETCH(bool, journal);
+        QFETCH(QString, line);
+
+        QProcess holder;
+        holder.setProcessEnvironment(Environment({}));
+        holder.start(QStringLiteral(GUARD_HOLDER_PATH), QStringList());
+        const auto release = qScopeGuard([&holder] {
+            holder.closeWriteChannel();
+            if (!holder.waitForFinished())
+                holder.kill();
+        });
+        QVERIFY(holder.waitForReadyRead(10000));
+        QCOMPARE(holder.readLine().trimmed(), QByteArray("held"));
+
+        const QString errFile = dir->filePath(QStringLiteral("stderr"));
+        QVERIFY(WriteFile(errFile, QByteArray()));
+        manager.setStandardErrorFile(errFile);
+        StartManager({{"JOURNAL_STREAM", journal ? DeviceAndInode(errFile) : QByteArray()}});
+        QVERIFY(manager.waitForFinished(20000));
+        QCOMPARE(manager.exitCode(), 1);
+        const QByteArray lines = FileBytes(errFile);
+        QVERIFY2(lines.split('\n').contains(line.toUtf8()), lines.constData());
+    }
+
 private:
     static bool IsPlaceholder(const QByteArray &name)
     {
@@ -335,7 +372,17 @@ private:
         return listener->Bind(name);
     }
 
-    void StartManager(const QList<QPair<const char *, QByteArray>> &variables)
+    using Variables = QList<QPair<const char *, QByteArray>>;
+
+    void StartManager(const Variables &variables)
+    {
+        manager.setProcessEnvironment(Environment(variables));
+        manager.start(dir->filePath(QStringLiteral("TarnSrv")), {"--headless", "--start", "--port", QString::number(port)});
+        QVERIFY(manager.waitForStarted());
+    }
+
+    // The variables given, the empty ones left out, in the test's private folders.
+    QProcessEnvironment Environment(const Variables &variables) const
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "NOTIFY_SOCKET", "WATCHDOG_USEC",
@@ -348,9 +395,7 @@ private:
         for (const char *name : {"XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
             env.insert(QLatin1String(name), dir->path());
         env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), dir->filePath(QStringLiteral("instance.lock")));
-        manager.setProcessEnvironment(env);
-        manager.start(dir->filePath(QStringLiteral("TarnSrv")), {"--headless", "--start", "--port", QString::number(port)});
-        QVERIFY(manager.waitForStarted());
+        return env;
     }
 
     static bool Accepts(quint16 listening)
