@@ -311,6 +311,24 @@ private slots:
         QVERIFY2(lines.contains(QStringLiteral("Reading configuration file")), qPrintable(lines));
     }
 
+    // Without a server to wait for, start-up is over once the manager has
+    // said why it does not serve.
+    void readyWithoutServer()
+    {
+        QVERIFY(WriteFile(dir->filePath(QStringLiteral("TarnSrv.cfg")),
+                          "LoggingFolder = " + QFile::encodeName(dir->filePath(QStringLiteral("log"))) + '\n'));
+        QByteArray name("abstract");
+        QVERIFY(BindPlaceholder(name));
+        StartManager({{"NOTIFY_SOCKET", name}}, {"--headless"});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener->messages.isEmpty(), 20000);
+        QCOMPARE(listener->messages[0], QByteArray("READY=1\nSTATUS=Not serving: auto start is off."));
+        QVERIFY(err.contains("The server is not running: auto start is off."));
+        QCOMPARE(::kill(pid_t(manager.processId()), SIGTERM), 0);
+        QVERIFY(manager.waitForFinished(20000));
+        QCOMPARE(manager.exitCode(), 0);
+        QTRY_COMPARE(listener->messages.last(), QByteArray("STOPPING=1\nSTATUS=Stopping."));
+    }
+
     void refusalIsAnError_data()
     {
         QTest::addColumn<bool>("journal");
@@ -374,10 +392,12 @@ private:
 
     using Variables = QList<QPair<const char *, QByteArray>>;
 
-    void StartManager(const Variables &variables)
+    void StartManager(const Variables &variables, QStringList arguments = {})
     {
+        if (arguments.isEmpty())
+            arguments = QStringList{"--headless", "--start", "--port", QString::number(port)};
         manager.setProcessEnvironment(Environment(variables));
-        manager.start(dir->filePath(QStringLiteral("TarnSrv")), {"--headless", "--start", "--port", QString::number(port)});
+        manager.start(dir->filePath(QStringLiteral("TarnSrv")), arguments);
         QVERIFY(manager.waitForStarted());
     }
 
