@@ -150,40 +150,49 @@ private slots:
         QTest::addColumn<QByteArray>("notifySocket");
         QTest::addColumn<QByteArray>("watchdogUsec");
         QTest::addColumn<QByteArray>("watchdogPid");
+        QTest::addColumn<bool>("pings");
         QTest::addColumn<QString>("warning");
 
         const QByteArray usec = QByteArray::number(WatchdogUsec);
+        const QByteArray none;
         const QString pingsIgnored = QStringLiteral("WATCHDOG_USEC is not a number of microseconds from 20000");
         const QString tooLong = QStringLiteral("NOTIFY_SOCKET is ignored: longer than the %1 bytes");
-        // Placeholders: "path" and "abstract" are bound by the test, of the length given.
-        QTest::newRow("path") << QByteArray("path") << usec << QByteArray() << QString();
-        QTest::newRow("abstract name") << QByteArray("abstract") << usec << QByteArray() << QString();
-        QTest::newRow("path at the limit") << QByteArray("path:107") << usec << QByteArray() << QString();
-        QTest::newRow("abstract name at the limit") << QByteArray("abstract:108") << usec << QByteArray() << QString();
-        QTest::newRow("path one past") << "/" + QByteArray(SunPathSize - 1, 'p') << usec << QByteArray()
+        // Placeholders: "path" and "abstract" are bound by the test, of the
+        // length given; "$$" is the manager's own process number.
+        QTest::newRow("path") << QByteArray("path") << usec << none << true << QString();
+        QTest::newRow("abstract name") << QByteArray("abstract") << usec << none << true << QString();
+        QTest::newRow("path at the limit") << QByteArray("path:107") << usec << none << true << QString();
+        QTest::newRow("abstract name at the limit") << QByteArray("abstract:108") << usec << none << true << QString();
+        QTest::newRow("path one past") << "/" + QByteArray(SunPathSize - 1, 'p') << usec << none << false
                                        << tooLong.arg(SunPathSize - 1);
-        QTest::newRow("abstract name one past") << "@" + QByteArray(SunPathSize, 'a') << usec << QByteArray()
+        QTest::newRow("abstract name one past") << "@" + QByteArray(SunPathSize, 'a') << usec << none << false
                                                 << tooLong.arg(SunPathSize);
-        QTest::newRow("relative path") << QByteArray("notify.sock") << usec << QByteArray()
+        QTest::newRow("relative path") << QByteArray("notify.sock") << usec << none << false
                                        << "NOTIFY_SOCKET is ignored: neither an absolute path nor an abstract name";
         // Once, however many pings fail after it.
-        QTest::newRow("path without a socket") << QByteArray("/nonexistent/notify") << usec << QByteArray()
+        QTest::newRow("path without a socket") << QByteArray("/nonexistent/notify") << usec << none << false
                                                << "Cannot notify systemd: No such file or directory";
-        QTest::newRow("bare @") << QByteArray("@") << usec << QByteArray()
+        QTest::newRow("bare @") << QByteArray("@") << usec << none << false
                                 << "NOTIFY_SOCKET is ignored: not a socket name";
-        QTest::newRow("no watchdog") << QByteArray("path") << QByteArray() << QByteArray() << QString();
-        QTest::newRow("watchdog at the minimum") << QByteArray("path") << QByteArray("20000") << QByteArray()
+        QTest::newRow("no watchdog") << QByteArray("path") << none << none << false << QString();
+        QTest::newRow("watchdog at the minimum") << QByteArray("path") << QByteArray("20000") << none << true
                                                  << QString();
-        QTest::newRow("watchdog below the minimum") << QByteArray("path") << QByteArray("19999") << QByteArray()
+        QTest::newRow("watchdog below the minimum") << QByteArray("path") << QByteArray("19999") << none << false
                                                     << pingsIgnored;
-        QTest::newRow("watchdog 0") << QByteArray("path") << QByteArray("0") << QByteArray() << pingsIgnored;
-        QTest::newRow("watchdog negative") << QByteArray("path") << QByteArray("-200000") << QByteArray()
+        QTest::newRow("watchdog 0") << QByteArray("path") << QByteArray("0") << none << false << pingsIgnored;
+        QTest::newRow("watchdog negative") << QByteArray("path") << QByteArray("-200000") << none << false
                                            << pingsIgnored;
-        QTest::newRow("watchdog text") << QByteArray("path") << QByteArray("200ms") << QByteArray() << pingsIgnored;
-        QTest::newRow("watchdog past 64 bits") << QByteArray("path") << QByteArray("99999999999999999999999")
-                                               << QByteArray() << pingsIgnored;
-        QTest::newRow("watchdog of another process") << QByteArray("path") << usec << QByteArray("1") << QString();
-        QTest::newRow("watchdog pid text") << QByteArray("path") << usec << QByteArray("self")
+        QTest::newRow("watchdog text") << QByteArray("path") << QByteArray("200ms") << none << false << pingsIgnored;
+        // 18 digits: pinged hourly, too seldom to see here.
+        QTest::newRow("watchdog of 18 digits") << QByteArray("path") << QByteArray(18, '9') << none << false
+                                               << QString();
+        QTest::newRow("watchdog of 19 digits") << QByteArray("path") << QByteArray(19, '9') << none << false
+                                               << pingsIgnored;
+        QTest::newRow("watchdog of this process") << QByteArray("path") << usec << QByteArray("$$") << true
+                                                  << QString();
+        QTest::newRow("watchdog of another process") << QByteArray("path") << usec << QByteArray("1") << false
+                                                     << QString();
+        QTest::newRow("watchdog pid text") << QByteArray("path") << usec << QByteArray("self") << false
                                            << "WATCHDOG_PID is not a process number";
     }
 
@@ -195,12 +204,12 @@ private slots:
         QFETCH(QByteArray, notifySocket);
         QFETCH(QByteArray, watchdogUsec);
         QFETCH(QByteArray, watchdogPid);
+        QFETCH(bool, pings);
         QFETCH(QString, warning);
 
         const bool bound = IsPlaceholder(notifySocket);
         if (bound)
             QVERIFY(BindPlaceholder(notifySocket));
-        const bool pings = bound && warning.isEmpty() && watchdogPid.isEmpty() && !watchdogUsec.isEmpty();
         StartManager({{"NOTIFY_SOCKET", notifySocket}, {"WATCHDOG_USEC", watchdogUsec}, {"WATCHDOG_PID", watchdogPid}});
 
         QTRY_VERIFY_WITH_TIMEOUT(err.contains("Clients connect to"), 20000);
@@ -257,12 +266,16 @@ private slots:
         QTest::addColumn<bool>("portTaken");
         QTest::addColumn<bool>("prefixed");
 
+        // "stderr" and "other" name those files; "stderr/N" pads the device
+        // with zeros to N bytes, 41 being the most two 64-bit numbers take.
         QTest::newRow("stderr is the journal") << "stderr" << false << true;
         QTest::newRow("stderr is the journal, start fails") << "stderr" << true << true;
+        QTest::newRow("stream at the length limit") << "stderr/41" << false << true;
+        QTest::newRow("stream one past") << "stderr/42" << false << false;
         QTest::newRow("the journal is another file") << "other" << false << false;
         QTest::newRow("the journal is another file, start fails") << "other" << true << false;
         QTest::newRow("stream malformed") << "1:2:3" << false << false;
-        QTest::newRow("stream of text") << "stderr:stderr" << false << false;
+        QTest::newRow("stream of text") << "text:text" << false << false;
     }
 
     // Every line on stderr, each of a multi-line report included, begins with
@@ -277,10 +290,13 @@ private slots:
         const QString errFile = dir->filePath(QStringLiteral("stderr"));
         QVERIFY(WriteFile(errFile, QByteArray()));
         QByteArray stream = journal.toUtf8();
-        if (journal == QLatin1String("stderr"))
+        if (journal.startsWith(QLatin1String("stderr"))) {
             stream = DeviceAndInode(errFile);
-        else if (journal == QLatin1String("other"))
+            const int length = journal.section(QLatin1Char('/'), 1).toInt();
+            stream.prepend(QByteArray(std::max(0, length - int(stream.size())), '0'));
+        } else if (journal == QLatin1String("other")) {
             stream = DeviceAndInode(dir->filePath(QStringLiteral("TarnSrv.cfg")));
+        }
         QTcpServer taken;
         if (portTaken)
             QVERIFY(taken.listen(QHostAddress::Any, port));
@@ -392,12 +408,19 @@ private:
 
     using Variables = QList<QPair<const char *, QByteArray>>;
 
+    // A WATCHDOG_PID of "$$" is set by a shell that then becomes the manager.
     void StartManager(const Variables &variables, QStringList arguments = {})
     {
         if (arguments.isEmpty())
             arguments = QStringList{"--headless", "--start", "--port", QString::number(port)};
-        manager.setProcessEnvironment(Environment(variables));
-        manager.start(dir->filePath(QStringLiteral("TarnSrv")), arguments);
+        QProcessEnvironment env = Environment(variables);
+        QString program = dir->filePath(QStringLiteral("TarnSrv"));
+        if (env.value(QStringLiteral("WATCHDOG_PID")) == QLatin1String("$$")) {
+            arguments = QStringList{"-c", "export WATCHDOG_PID=$$; exec \"$0\" \"$@\"", program} + arguments;
+            program = QStringLiteral("/bin/sh");
+        }
+        manager.setProcessEnvironment(env);
+        manager.start(program, arguments);
         QVERIFY(manager.waitForStarted());
     }
 
