@@ -132,7 +132,7 @@ private slots:
         connect(&manager, &QProcess::readyReadStandardError, this, [this] { err += manager.readAllStandardError(); });
     }
 
-    // A stopped manager would never take the kill.
+    // Resumed first: a manager a failed check left stopped ends like any other.
     void cleanup()
     {
         if (manager.state() != QProcess::NotRunning)
