@@ -11,7 +11,7 @@
 namespace NotifySocket {
 
 // The socket address for the name; false, with the reason, when the name
-// cannot be one (not absolute, too long, a NUL in it) or off Linux.
+// cannot be one (not absolute, empty, too long) or off Linux.
 bool Resolve(const QByteArray &name, QByteArray &address, QString &error);
 // Sends one datagram to a resolved address from a socket of its own, closed
 // again, so no descriptor is left for a child to inherit. False with the

@@ -16,7 +16,7 @@ bool NotifySocket::Resolve(const QByteArray &name, QByteArray &address, QString 
     const qsizetype room = qsizetype(sizeof socketAddress.sun_path) - (abstract ? 0 : 1);
     if (!abstract && !name.startsWith('/'))
         error = QStringLiteral("neither an absolute path nor an abstract name");
-    else if (name.size() < 2 || name.contains('\0'))
+    else if (name.size() < 2)
         error = QStringLiteral("not a socket name");
     else if (name.size() > room)
         error = QStringLiteral("longer than the %1 bytes a socket address holds").arg(room);
