@@ -1,10 +1,12 @@
 #include "commandline.h"
 #include "display.h"
+#include "loglevel.h"
 #include "logsink.h"
 #include "managercore.h"
 #include "managercommandline.h"
 #include "scalableeventloop.h"
 #include "stopsignals.h"
+#include "systemdnotifier.h"
 #include "tarnsrv.h"
 #include "tarnsrvgui.h"
 
@@ -81,13 +83,16 @@ int RunHeadless(int argc, char *argv[], const RunOptions &options)
     LogSink log;
     log.SetHeadless(true);
     ManagerCore core(options, &log);
+    SystemdNotifier systemd(&log);
+    QObject::connect(&core, &ManagerCore::StartUpDone, &systemd, &SystemdNotifier::Ready);
+    QObject::connect(&stopSignals, &StopSignals::Received, &systemd, &SystemdNotifier::Stopping);
     QObject::connect(&stopSignals, &StopSignals::Received, &core, &ManagerCore::StopAndQuit);
     QTimer::singleShot(ManagerCore::InitDelayMs, &core, [&core] {
         if (core.Claim()) {
             core.StartIfAsked();
             return;
         }
-        QTextStream(stderr) << ManagerCore::RefusalText() << '\n';
+        QTextStream(stderr) << LogSink::StderrPrefix(LogLevel::Error) << ManagerCore::RefusalText() << '\n';
         QCoreApplication::exit(ManagerCore::RefusedExitCode);
     });
     return QCoreApplication::exec();

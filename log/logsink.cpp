@@ -1,5 +1,6 @@
 #include "logsink.h"
 
+#include "journalstream.h"
 #include "loglevel.h"
 
 #include <QCoreApplication>
@@ -25,6 +26,16 @@ QString LevelColor(quint32 type)
     case LogLevel::Warning: return QStringLiteral("blue");
     case LogLevel::Error: return QStringLiteral("red");
     default: return QStringLiteral("black");
+    }
+}
+
+// syslog's priorities, which the journal reads from the start of a line.
+QByteArray JournalPriority(quint32 type)
+{
+    switch (type) {
+    case LogLevel::Warning: return QByteArrayLiteral("<4>");
+    case LogLevel::Error: return QByteArrayLiteral("<3>");
+    default: return QByteArrayLiteral("<6>");
     }
 }
 
@@ -75,6 +86,13 @@ QString LogSink::LogFilePath(int generation) const
     return QStringLiteral("%1/TarnSrvSvc.%2.html").arg(logFolder, QString::number(generation));
 }
 
+QByteArray LogSink::StderrPrefix(quint32 type)
+{
+    // Where stderr goes does not change while the program runs.
+    static const bool journal = Journal::StderrIsJournal();
+    return journal ? JournalPriority(type) : QByteArray();
+}
+
 QString LogSink::FormatLine(quint32 type, const QString &stamp, const QString &text)
 {
     // One placeholder at a time, the message last, so "%1" inside it stays literal.
@@ -108,7 +126,8 @@ void LogSink::Show(quint32 type, const QString &stamp, const QString &text)
     }
     if (text.isEmpty())
         return;
-    const QByteArray line = QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), text).toUtf8();
+    const QByteArray line =
+        StderrPrefix(type) + QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), text).toUtf8();
     std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
     // Windows' C runtime buffers stderr when it is a file or a pipe, and a
     // headless log is read as it grows.

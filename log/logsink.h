@@ -4,7 +4,8 @@
 
 // Where the manager's log lines go, with or without a window: coloured,
 // time-stamped HTML lines appended to a file that is rotated by size, and,
-// headless, plain lines on stderr. A view (LogWindow) shows what it is
+// headless, plain lines on stderr (each with its priority for systemd's
+// journal when that reads it). A view (LogWindow) shows what it is
 // handed through Shown and answers MessageRequested.
 class LogSink : public QObject
 {
@@ -29,6 +30,9 @@ public:
     // Generation 0 is the current file.
     QString LogFilePath(int generation = 0) const;
 
+    // What begins each line on stderr: its priority when the journal reads
+    // stderr, so that journalctl -p tells warnings and errors; else nothing.
+    static QByteArray StderrPrefix(quint32 type);
     // One formatted line as the sink builds it; exposed for its exact layout.
     static QString FormatLine(quint32 type, const QString &stamp, const QString &text);
 

@@ -63,9 +63,10 @@ void ManagerCore::StartIfAsked()
 {
     const bool start = autoStart || options.start;
     if (start && StartServer(false) == 0)
-        return;
-    if (options.headless)
-        ReportNotServing(start);
+        emit StartUpDone(WhereClientsConnect());
+    else if (!options.headless || ReportNotServing(start))
+        emit StartUpDone(start ? QStringLiteral("Not serving: the start failed.")
+                               : QStringLiteral("Not serving: auto start is off."));
 }
 
 // A port out of range would be cut to 16 bits: the text stays empty instead.
@@ -100,14 +101,18 @@ void ManagerCore::SetPortText(const QString &text)
 }
 
 // Without a window nobody can press Start: a start asked for on the command
-// line that failed ends the process, so that a service fails visibly.
-void ManagerCore::ReportNotServing(bool startFailed)
+// line that failed ends the process, so that a service fails visibly. False
+// when the run ends.
+bool ManagerCore::ReportNotServing(bool startFailed)
 {
-    if (startFailed && options.start)
+    if (startFailed && options.start) {
         QCoreApplication::exit(StartFailedExitCode);
-    else if (!startFailed)
+        return false;
+    }
+    if (!startFailed)
         log->Log(QStringLiteral("The server is not running: auto start is off. TarnSrv --start starts it."),
                  LogLevel::Warning, false);
+    return true;
 }
 
 QString ManagerCore::WhereClientsConnect() const

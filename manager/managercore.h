@@ -28,7 +28,8 @@ public:
     // The instance check, then the configuration file, the identity and the
     // stored choices. False, touching nothing, when another manager runs.
     bool Claim();
-    // Starts the server when the settings or the command line ask for it.
+    // Starts the server when the settings or the command line ask for it,
+    // then says StartUpDone unless the run ends for want of the server.
     void StartIfAsked();
     static QString RefusalText();
 
@@ -59,6 +60,8 @@ signals:
     void StepRunningChanged(bool running);
     void FingerprintChanged();
     void ClientsChanged();
+    // Start-up is over, the server listening or not, as the status says.
+    void StartUpDone(const QString &status);
 
 private slots:
     void ServerSocketDestroyed();
@@ -67,7 +70,7 @@ private:
     int StartServer(bool checkRunning);
     void SetStepRunning(bool running);
     void RestorePortChoice();
-    void ReportNotServing(bool startFailed);
+    bool ReportNotServing(bool startFailed);
     QString WhereClientsConnect() const;
 
     const RunOptions options;
