@@ -11,6 +11,8 @@ ManagerSupervisor::ManagerSupervisor(const SupervisionPolicy &policy, QObject *p
     // The child writes where the host writes (the stand-in's service log);
     // read into the host, its output would pile up unread.
     process.setProcessChannelMode(QProcess::ForwardedChannels);
+    // Coarse timers may fire 5% early; the announced delay should hold.
+    backOff.setTimerType(Qt::PreciseTimer);
     backOff.setSingleShot(true);
     connect(&backOff, &QTimer::timeout, this, &ManagerSupervisor::onBackOffElapsed);
     connect(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
