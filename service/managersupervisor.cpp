@@ -118,7 +118,7 @@ void ManagerSupervisor::childEnded(const QString &what, bool ran)
     if (quickFailures >= policy.maxQuickFailures) {
         state = State::Idle;
         emit gaveUp(tr("The manager %1 failed %2 times in a row, the last time it %3")
-                        .arg(name()).arg(quickFailures).arg(end));
+                        .arg(name(), QString::number(quickFailures), end));
         return;
     }
     const int delayMs = nextDelayMs;
