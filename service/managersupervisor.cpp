@@ -1,5 +1,6 @@
 #include "managersupervisor.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QLocale>
 
@@ -102,7 +103,9 @@ void ManagerSupervisor::onFinished(int exitCode, QProcess::ExitStatus status)
 void ManagerSupervisor::onErrorOccurred(QProcess::ProcessError error)
 {
     if (error == QProcess::FailedToStart && state == State::Running)
-        childEnded(tr("could not be started: %1").arg(process.errorString()), false);
+        childEnded(tr("could not be started (%1): %2")
+                       .arg(QDir::toNativeSeparators(process.program()), process.errorString()),
+                   false);
 }
 
 void ManagerSupervisor::childEnded(const QString &what, bool ran)

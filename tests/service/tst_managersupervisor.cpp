@@ -167,7 +167,7 @@ void TestManagerSupervisor::backOff()
 void TestManagerSupervisor::reportsHowTheChildEnded_data()
 {
     QTest::addColumn<QString>("line");   // the child's first run
-    QTest::addColumn<QString>("missing"); // a program that does not exist instead of the child
+    QTest::addColumn<QString>("other"); // a file of the temp folder run instead of the child
     QTest::addColumn<QString>("expected");
 
     QTest::newRow("exit code 0") << "exit 0" << QString() << "The manager child ended with exit code 0 after ";
@@ -176,13 +176,14 @@ void TestManagerSupervisor::reportsHowTheChildEnded_data()
     QTest::newRow("SIGSEGV") << "kill -SEGV $$" << QString()
                              << "The manager child was killed by signal 11 (Segmentation fault) after ";
     QTest::newRow("no such program") << QString() << "absent"
-                                     << "The manager absent could not be started: ";
+                                     << "The manager absent could not be started (TEMP/absent): ";
+    QTest::newRow("not executable") << QString() << "plan" << "The manager plan could not be started (TEMP/plan): ";
 }
 
 void TestManagerSupervisor::reportsHowTheChildEnded()
 {
     QFETCH(QString, line);
-    QFETCH(QString, missing);
+    QFETCH(QString, other);
     QFETCH(QString, expected);
     writePlan({line});
 
@@ -190,12 +191,12 @@ void TestManagerSupervisor::reportsHowTheChildEnded()
     SupervisionPolicy longBackOff = policy(5);
     longBackOff.firstDelayMs = 10000;
     ManagerSupervisor supervisor(longBackOff);
-    supervisor.setProgram(missing.isEmpty() ? child : temp->filePath(missing));
+    supervisor.setProgram(other.isEmpty() ? child : temp->filePath(other));
     QSignalSpy restarts(&supervisor, &ManagerSupervisor::restartScheduled);
     supervisor.start();
     QTRY_VERIFY_WITH_TIMEOUT(!restarts.isEmpty(), 5000);
     const QString message = restarts.first().at(1).toString();
-    QVERIFY2(message.startsWith(expected), qPrintable(message));
+    QVERIFY2(message.startsWith(QString(expected).replace(QLatin1String("TEMP"), temp->path())), qPrintable(message));
     QVERIFY2(message.endsWith(QStringLiteral("; it is started again in 10 s")), qPrintable(message));
     QCoreApplication::processEvents();
     QCOMPARE(restarts.count(), 1); // one end, counted once
