@@ -27,7 +27,7 @@ class ManagerSupervisor : public QObject
     Q_OBJECT
 public:
     explicit ManagerSupervisor(const SupervisionPolicy &policy = SupervisionPolicy(), QObject *parent = nullptr);
-    // Ends a running child without a restart (QProcess kills it and waits).
+    // Kills a running child and waits for it; nothing is started again.
     ~ManagerSupervisor() override;
 
     void setProgram(const QString &program);
@@ -45,8 +45,7 @@ public:
 
     bool isChildRunning() const;
 
-    // A short text for an operator: "TarnSrv was killed by signal 9".
-    static QString describeEnd(QProcess::ExitStatus status, int exitCode);
+    // "999 ms", "1.5 s", "12 s", "5 min", "3 h": exact enough for a log line.
     static QString describeDuration(qint64 ms);
 
 signals:
@@ -66,6 +65,8 @@ private:
     void childEnded(const QString &what, bool ran);
     void onBackOffElapsed();
     QString name() const;
+    // For an operator: "was killed by signal 9 (Killed)", "ended with exit code 1".
+    static QString describeEnd(QProcess::ExitStatus status, int exitCode);
 
     const SupervisionPolicy policy;
     QProcess process;
