@@ -128,6 +128,11 @@ void QtServiceBase::pause() {}
 void QtServiceBase::resume() {}
 void QtServiceBase::processCommand(int) {}
 
+void QtServiceBase::stopWithError(int code)
+{
+    d_ptr->stopWithError(code);
+}
+
 void QtServiceBase::logMessage(const QString &message, MessageType type, int id, uint category,
                                const QByteArray &data)
 {

@@ -81,6 +81,13 @@ protected:
     virtual void resume();
     virtual void processCommand(int code);
 
+    // Ends the run as a failure. As a service: stop() runs, then the control
+    // manager is told the service stopped with a service-specific error
+    // (1066) whose code is the given one, so that its recovery actions apply.
+    // Run with -e: stop() runs and the application ends with code as its
+    // status. 0 is no failure and is taken as 1.
+    void stopWithError(int code);
+
     virtual void createApplication(int &argc, char **argv) = 0;
     virtual int executeApplication() = 0;
 

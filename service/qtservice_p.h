@@ -58,6 +58,7 @@ public:
     // reads the password from stdin, not from its command line.
     static constexpr char PasswordOnStdinVar[] = "TARN_SERVICE_PASSWORD_STDIN";
     void handleControlEvent(QEvent *event);
+    void stopWithError(int code);
     void startService() { q_ptr->start(); }
     static QtServiceBaseData *of(QtServiceBase *service) { return service->d_ptr; }
 
@@ -68,6 +69,8 @@ public:
     QStringList args;
     QtServiceController controller;
     QtServiceRuntimeState *sysd = nullptr;
+    // Set by stopWithError: the service-specific code of the final status.
+    int serviceSpecificExitCode = 0;
 
     static QtServiceBase *instance;
 };

@@ -195,6 +195,22 @@ void QtServiceBaseData::handleControlEvent(QEvent *event)
     }
 }
 
+void QtServiceBaseData::stopWithError(int code)
+{
+    serviceSpecificExitCode = code ? code : 1;
+    if (!sysd || !sysd->controllerHandler) {
+        q_ptr->stop();
+        QCoreApplication::exit(serviceSpecificExitCode);
+        return;
+    }
+    {
+        QMutexLocker locker(&sysd->mutex);
+        sysd->reportStatus(Scm::StateStopPending);
+    }
+    // Queued behind any control request already posted, which is answered first.
+    postControl(sysd, Scm::ControlStop);
+}
+
 int QtServiceBaseData::runApplication(bool asService, const QStringList &arguments)
 {
     ArgumentVector argv(arguments);
@@ -255,7 +271,13 @@ bool QtServiceBaseData::runAsService()
     sysd->controllerHandler = new QtServiceControllerHandler(sysd);
     sysd->proceedSemaphore.release();
 
-    sysd->status.dwWin32ExitCode = DWORD(q_ptr->executeApplication());
+    const int status = q_ptr->executeApplication();
+    if (serviceSpecificExitCode) {
+        sysd->status.dwWin32ExitCode = Scm::ErrorServiceSpecificError;
+        sysd->status.dwServiceSpecificExitCode = DWORD(serviceSpecificExitCode);
+    } else {
+        sysd->status.dwWin32ExitCode = DWORD(status);
+    }
     sysd->reportStatus(Scm::StateStopped);
 
     if (thread->isRunning())

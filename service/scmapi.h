@@ -161,6 +161,7 @@ enum : DWORD {
     ServiceAllAccess = 0xF01FF,
 
     ErrorNotConnectedToManager = 1063,
+    ErrorServiceSpecificError = 1066,
 };
 }
 

@@ -8,14 +8,16 @@ TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
     try {
         setServiceDescription(QStringLiteral("VARNOK Server"));
         setServiceFlags(CanBeSuspended);
+        QObject::connect(&supervisor, &ManagerSupervisor::restartScheduled, &supervisor,
+                         [this](int, const QString &message) { logMessage(message, Warning); });
+        QObject::connect(&supervisor, &ManagerSupervisor::gaveUp, &supervisor, [this](const QString &message) {
+            logMessage(message + QStringLiteral("; the service stops"), Error);
+            stopWithError(ManagerFailedExitCode);
+        });
     } catch (...) {
         QMessageLogger().critical() << "An unknown error in the constructor";
     }
 }
-
-// Destroying the process object kills a child that is still running and
-// waits for it, so no child outlives the host, whatever way it ends.
-TarnSrvSrv::~TarnSrvSrv() = default;
 
 QString TarnSrvSrv::childProgram()
 {
@@ -29,17 +31,17 @@ QString TarnSrvSrv::childProgram()
 void TarnSrvSrv::start()
 {
     try {
-        process.setProgram(childProgram());
+        supervisor.setProgram(childProgram());
 #if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
         // A service started at boot has no display; the manager then runs offscreen.
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         if (!env.contains(QStringLiteral("DISPLAY")) && !env.contains(QStringLiteral("WAYLAND_DISPLAY"))
             && !env.contains(QStringLiteral("QT_QPA_PLATFORM"))) {
             env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-            process.setProcessEnvironment(env);
+            supervisor.setProcessEnvironment(env);
         }
 #endif
-        process.start(QIODevice::ReadWrite);
+        supervisor.start();
     } catch (...) {
         QMessageLogger().critical() << "An unknown error in the start";
     }
@@ -47,17 +49,24 @@ void TarnSrvSrv::start()
 
 // The manager is asked to close first, so that it lets its clients go and
 // logs its stop; one that has not ended within the grace period is killed.
+// A restart that was waiting is cancelled.
 void TarnSrvSrv::stop()
 {
     try {
-        process.terminate();
-        if (!process.waitForFinished(StopGraceMs))
-            process.kill();
+        supervisor.stop(StopGraceMs);
     } catch (...) {
         QMessageLogger().critical() << "An unknown error in the stop";
     }
 }
 
-void TarnSrvSrv::pause() {}
+// The manager keeps running while paused; one that ends meanwhile is started
+// again on resume.
+void TarnSrvSrv::pause()
+{
+    supervisor.pause();
+}
 
-void TarnSrvSrv::resume() {}
+void TarnSrvSrv::resume()
+{
+    supervisor.resume();
+}

@@ -1,22 +1,22 @@
 #ifndef TARNSRVSRV_H
 #define TARNSRVSRV_H
 
+#include "managersupervisor.h"
 #include "qtservice.h"
 
-#include <QProcess>
-
 // The service "TarnSvc": keeps the manager application TarnSrv running while
-// the service runs.
+// the service runs, and stops with an error when the manager keeps failing.
 class TarnSrvSrv : public QtService<QCoreApplication>
 {
 public:
     TarnSrvSrv(int argc, char **argv);
-    ~TarnSrvSrv() override;
 
     static QString childProgram();
 
     // Below the two seconds a controller waits for the stop.
     static constexpr int StopGraceMs = 1500;
+    // The service-specific exit code when the manager failed too often in a row.
+    static constexpr int ManagerFailedExitCode = 1;
 
 protected:
     void start() override;
@@ -25,7 +25,9 @@ protected:
     void resume() override;
 
 private:
-    QProcess process;
+    // Its destruction kills a child that is still running and waits for it,
+    // so no child outlives the host, whatever way it ends.
+    ManagerSupervisor supervisor;
 };
 
 #endif // TARNSRVSRV_H

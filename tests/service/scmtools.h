@@ -6,22 +6,29 @@
 #include <QElapsedTimer>
 #include <QThread>
 
-// The current state of a service in the control manager, 0 when it cannot
-// be queried.
-inline DWORD serviceState(const QString &name)
+// The status of a service in the control manager; false when it cannot be
+// queried.
+inline bool queryServiceStatus(const QString &name, SERVICE_STATUS *status)
 {
     if (!resolveScmFunctions())
-        return 0;
+        return false;
     ScmFunctions &scm = scmFunctions();
     SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
     SC_HANDLE handle = manager ? scm.OpenServiceW(manager, wideText(name), Scm::ServiceQueryStatus) : nullptr;
-    SERVICE_STATUS status = {};
-    const bool ok = handle && scm.QueryServiceStatus(handle, &status);
+    const bool ok = handle && scm.QueryServiceStatus(handle, status);
     if (handle)
         scm.CloseServiceHandle(handle);
     if (manager)
         scm.CloseServiceHandle(manager);
-    return ok ? status.dwCurrentState : 0;
+    return ok;
+}
+
+// The current state of a service in the control manager, 0 when it cannot
+// be queried.
+inline DWORD serviceState(const QString &name)
+{
+    SERVICE_STATUS status = {};
+    return queryServiceStatus(name, &status) ? status.dwCurrentState : 0;
 }
 
 inline bool waitForServiceState(const QString &name, DWORD wanted, int timeoutMs = 5000)

@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QThread>
+#include <QTimer>
 
 namespace {
 
@@ -41,6 +42,9 @@ protected:
         // answered at once, the stopped state comes late.
         QObject::connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit,
                          [] { delay("SVC_PROBE_STOP_DELAY"); });
+        // Run with -e there is no other way in than the start.
+        if (qEnvironmentVariableIsSet("SVC_PROBE_ERROR_AT_START"))
+            QTimer::singleShot(0, QCoreApplication::instance(), [this] { failWith("SVC_PROBE_ERROR_AT_START"); });
     }
 
     void stop() override { note(QStringLiteral("stop")); }
@@ -55,9 +59,13 @@ protected:
         note(QStringLiteral("leave %1").arg(code));
         if (code == 99)
             QCoreApplication::quit();
+        if (code == 98)
+            failWith("SVC_PROBE_ERROR");
     }
 
 private:
+    void failWith(const char *codeVariable) { stopWithError(qEnvironmentVariableIntValue(codeVariable)); }
+
     static void note(const QString &text)
     {
         const bool onMain = QThread::currentThread() == QCoreApplication::instance()->thread();

@@ -39,6 +39,8 @@ private slots:
     void refusedControls_data();
     void refusedControls();
     void stopGivesUpAfterTwoSeconds();
+    void stopWithError_data();
+    void stopWithError();
     void killAndUninstallWhileRunning();
     void dispatcherFailure_data();
     void dispatcherFailure();
@@ -72,7 +74,8 @@ void TestQtService::initTestCase()
 void TestQtService::init()
 {
     for (const char *var : {"SVC_PROBE_NAME", "SVC_PROBE_DESCRIPTION", "SVC_PROBE_FLAGS", "SVC_PROBE_AUTO",
-                            "SVC_PROBE_START_DELAY", "SVC_PROBE_STOP_DELAY", "SVC_PROBE_COMMAND_DELAY"})
+                            "SVC_PROBE_START_DELAY", "SVC_PROBE_STOP_DELAY", "SVC_PROBE_COMMAND_DELAY",
+                            "SVC_PROBE_ERROR", "SVC_PROBE_ERROR_AT_START"})
         qunsetenv(var);
     QFile::remove(logPath);
 }
@@ -374,6 +377,47 @@ void TestQtService::stopGivesUpAfterTwoSeconds()
     QCOMPARE(serviceState(name), DWORD(Scm::StateStopPending));
     QVERIFY(controller.isRunning());
     QVERIFY(waitForServiceState(name, Scm::StateStopped, 3000));
+}
+
+void TestQtService::stopWithError_data()
+{
+    QTest::addColumn<bool>("asService");
+    QTest::addColumn<QByteArray>("code");
+    QTest::addColumn<int>("reported"); // service-specific code, or the -e run's exit status
+
+    QTest::newRow("service, code 7") << true << QByteArray("7") << 7;
+    QTest::newRow("service, 0 is no failure") << true << QByteArray("0") << 1;
+    QTest::newRow("-e, code 7") << false << QByteArray("7") << 7;
+    QTest::newRow("-e, 0 is no failure") << false << QByteArray("0") << 1;
+}
+
+void TestQtService::stopWithError()
+{
+    QFETCH(bool, asService);
+    QFETCH(QByteArray, code);
+    QFETCH(int, reported);
+    if (asService) {
+        qputenv("SVC_PROBE_ERROR", code);
+        installProbe(name, 0);
+        QtServiceController controller(name);
+        QVERIFY(controller.start());
+        QVERIFY(waitForServiceState(name, Scm::StateRunning));
+        // Command 98 makes the probe fail, from inside a control request.
+        QVERIFY(controller.sendCommand(98));
+        QVERIFY(waitForServiceState(name, Scm::StateStopped));
+        SERVICE_STATUS status = {};
+        QVERIFY(queryServiceStatus(name, &status));
+        QCOMPARE(status.dwWin32ExitCode, DWORD(Scm::ErrorServiceSpecificError));
+        QCOMPARE(status.dwServiceSpecificExitCode, DWORD(reported));
+    } else {
+        qputenv("SVC_PROBE_ERROR_AT_START", code);
+        QProcess process;
+        process.start(probe, {QStringLiteral("-e")});
+        QVERIFY(process.waitForFinished(5000));
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process.exitCode(), reported);
+    }
+    QVERIFY2(notes().contains(QStringLiteral("stop main")), qPrintable(notes().join(QLatin1Char(','))));
 }
 
 void TestQtService::killAndUninstallWhileRunning()

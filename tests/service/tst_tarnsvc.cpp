@@ -4,7 +4,10 @@
 #include "qtservice.h"
 #include "scmapi.h"
 
+#include <QElapsedTimer>
 #include <QProcess>
+#include <QScopeGuard>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -27,6 +30,7 @@ private slots:
     void installAccounts();
     void unknownOptionBecomesStartArgument();
     void keepsManagerRunning();
+    void managerThatKeepsFailing();
     void childIgnoringTerminationDoesNotOutliveHost();
 
 private:
@@ -39,6 +43,8 @@ private:
     Result run(const QStringList &args, const QString &host = QString());
     static QString config(DWORD *serviceType, QString *binaryPath = nullptr);
     QString copyHost(const QString &dir);
+    QString hostBesideChildScript(const QString &dir, const QByteArray &body);
+    QStringList eventLog(const QByteArray &type) const;
 
     QTemporaryDir temp;
     QString host;
@@ -71,6 +77,28 @@ void TestTarnSvc::cleanup()
     killAll(host);
     killAll(QFileInfo(host).absolutePath() + QLatin1String("/TarnSrv"));
     QtServiceController(name).uninstall();
+}
+
+// A copied host whose "manager" is a shell script.
+QString TestTarnSvc::hostBesideChildScript(const QString &dir, const QByteArray &body)
+{
+    const QString program = copyHost(dir);
+    const QString child = dir + QLatin1String("/TarnSrv");
+    testsupport::WriteFile(child, "#!/bin/sh\n" + body);
+    QFile::setPermissions(child, QFile::permissions(child) | QFileDevice::ExeOwner);
+    return program;
+}
+
+// The stand-in's event-log lines of one type ("Warning", "Error") from the service.
+QStringList TestTarnSvc::eventLog(const QByteArray &type) const
+{
+    QStringList lines;
+    const QList<QByteArray> all = testsupport::FileBytes(temp.filePath(QStringLiteral("scm/eventlog.txt"))).split('\n');
+    for (const QByteArray &line : all) {
+        if (line.contains(" " + type + " [TarnSvc]"))
+            lines.append(QString::fromUtf8(line.mid(line.indexOf(": ") + 2)));
+    }
+    return lines;
 }
 
 TestTarnSvc::Result TestTarnSvc::run(const QStringList &args, const QString &program)
@@ -283,15 +311,104 @@ void TestTarnSvc::keepsManagerRunning()
         QCOMPARE(processesOf(child), QList<qint64>{childPid});
     }
 
+    // A manager killed outright is started again and serves, within 10 s.
+    const int earlierWarnings = eventLog("Warning").size();
+    QElapsedTimer sinceKill;
+    sinceKill.start();
+    QCOMPARE(::kill(pid_t(childPid), SIGKILL), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(!processesOf(child).isEmpty() && processesOf(child).first() != childPid, 5000);
+    qInfo("From SIGKILL to a new manager process: %lld ms", sinceKill.elapsed());
+    // Polled by connecting first: a ping at a closed port waits out its connect time.
+    const auto listening = [port] {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        return socket.waitForConnected(200);
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(listening(), 10000);
+    QCOMPARE(run(ping, QStringLiteral(TARN_TOOL_PATH)).code, 0);
+    qInfo("From SIGKILL to a new manager answering ping: %lld ms", sinceKill.elapsed());
+    const QStringList warnings = eventLog("Warning").mid(earlierWarnings);
+    QCOMPARE(warnings.size(), 1);
+    QVERIFY2(warnings.first().startsWith(QLatin1String("The manager TarnSrv was killed by signal 9 (Killed) after "))
+                 && warnings.first().endsWith(QLatin1String("; it is started again in 1 s")),
+             qPrintable(warnings.first()));
+    QCOMPARE(serviceState(name), DWORD(Scm::StateRunning));
+
     const Result r = run({QStringLiteral("-t")});
     QCOMPARE(r.code, 0);
     QCOMPARE(r.err, QByteArray());
     QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
     QTRY_VERIFY_WITH_TIMEOUT(processesOf(child).isEmpty(), 5000);
+    QCOMPARE(eventLog("Warning").size(), earlierWarnings + 1);
     // Asked to close, not killed: the manager let its clients go and logged its end.
     const QByteArray log = testsupport::FileBytes(temp.filePath(QStringLiteral("logs/TarnSrvSvc.html")));
     QVERIFY2(log.contains("Tarn server stopped.") && log.contains("VARNOK Server closed."), log.right(300).constData());
     QFile::remove(cfgPath);
+}
+
+// A manager that ends at once every time: a stop during the back-off starts
+// nothing more; left alone, the service gives up after 1, 2, 4 and 8 s of
+// back-off and stops with a service-specific error.
+void TestTarnSvc::managerThatKeepsFailing()
+{
+    const QString dir = temp.filePath(QStringLiteral("failing"));
+    const QString failingHost = hostBesideChildScript(dir, "date +%s%N >> \"$(dirname \"$0\")/starts\"\nexit 1\n");
+    auto starts = [&dir] {
+        QList<qint64> times;
+        const QList<QByteArray> lines = testsupport::FileBytes(dir + QLatin1String("/starts")).split('\n');
+        for (const QByteArray &line : lines) {
+            bool ok = false;
+            const qint64 ns = line.toLongLong(&ok);
+            if (ok)
+                times.append(ns);
+        }
+        return times;
+    };
+    auto killHost = qScopeGuard([&failingHost] { killAll(failingHost); });
+    QCOMPARE(run({QStringLiteral("-i")}, failingHost).code, 0);
+
+    const int warningsAtFirstStart = eventLog("Warning").size();
+    QCOMPARE(run({}, failingHost).code, 0);
+    QTRY_VERIFY_WITH_TIMEOUT(eventLog("Warning").size() > warningsAtFirstStart, 5000);
+    QCOMPARE(run({QStringLiteral("-t")}, failingHost).code, 0);
+    QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
+    SERVICE_STATUS status = {};
+    QVERIFY(queryServiceStatus(name, &status));
+    QCOMPARE(status.dwWin32ExitCode, DWORD(0));
+    const int startsAtStop = starts().size();
+    // Past the longest back-off the stop could have cut short (2 s).
+    QTest::qWait(2500);
+    QCOMPARE(starts().size(), startsAtStop);
+    QVERIFY(processesOf(failingHost).isEmpty());
+
+    QFile::remove(dir + QLatin1String("/starts"));
+    const int warningsAtSecondStart = eventLog("Warning").size();
+    const int errorsAtSecondStart = eventLog("Error").size();
+    QCOMPARE(run({}, failingHost).code, 0);
+    QVERIFY(waitForServiceState(name, Scm::StateStopped, 30000));
+    QVERIFY(queryServiceStatus(name, &status));
+    QCOMPARE(status.dwWin32ExitCode, DWORD(Scm::ErrorServiceSpecificError));
+    QCOMPARE(status.dwServiceSpecificExitCode, DWORD(1));
+
+    const QList<qint64> times = starts();
+    QCOMPARE(times.size(), 5);
+    for (int i = 0; i + 1 < times.size(); ++i) {
+        const qint64 gapMs = (times.at(i + 1) - times.at(i)) / 1000000;
+        qInfo("Start %d came %lld ms after the one before", i + 2, gapMs);
+        QVERIFY2(gapMs >= (1000 << i) * 95 / 100, qPrintable(QString::number(gapMs)));
+    }
+    const QStringList warnings = eventLog("Warning").mid(warningsAtSecondStart);
+    QCOMPARE(warnings.size(), 4);
+    QVERIFY2(warnings.last().startsWith(QLatin1String("The manager TarnSrv ended with exit code 1 after "))
+                 && warnings.last().endsWith(QLatin1String("; it is started again in 8 s")),
+             qPrintable(warnings.last()));
+    const QStringList errors = eventLog("Error");
+    QCOMPARE(errors.size(), errorsAtSecondStart + 1);
+    QVERIFY2(errors.last().startsWith(
+                 QLatin1String("The manager TarnSrv failed 5 times in a row, the last time it ended with exit code 1 after "))
+                 && errors.last().endsWith(QLatin1String("; the service stops")),
+             qPrintable(errors.last()));
+    QTRY_VERIFY_WITH_TIMEOUT(processesOf(failingHost).isEmpty(), 5000);
 }
 
 void TestTarnSvc::childIgnoringTerminationDoesNotOutliveHost()

@@ -3,6 +3,8 @@
 //   scquery state <service>   "<state> <pid>": the current state (1 stopped,
 //                             4 running, 7 paused, ...) and the service's
 //                             process, or "none" when it cannot be queried
+//   scquery exit <service>    "<win32 exit code> <service-specific exit code>"
+//                             of the current status, or "none"
 //   scquery config <service>  "<type>|<start type>|<account>|<binary path>|<description>"
 //                             in UTF-8, or "none" when it cannot be queried
 //   scquery alive <pid>       "yes" while the process runs, else "no"
@@ -77,10 +79,13 @@ char *Utf8(const wchar_t *text)
     return out;
 }
 
-// The state or the configuration of a service, or "none" when it cannot be
-// queried.
-void PrintService(bool state, const wchar_t *name)
+enum class Query { State, Exit, Config };
+
+// The state, the exit codes or the configuration of a service, or "none"
+// when it cannot be queried.
+void PrintService(Query query, const wchar_t *name)
 {
+    const bool state = query != Query::Config;
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
     SC_HANDLE service =
         manager ? OpenServiceW(manager, name, state ? SERVICE_QUERY_STATUS : SERVICE_QUERY_CONFIG) : nullptr;
@@ -92,7 +97,8 @@ void PrintService(bool state, const wchar_t *name)
     if (state && service
         && QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE *>(buffer), sizeof(buffer),
                                 &needed))
-        printf("%lu %lu\n", status->dwCurrentState, status->dwProcessId);
+        printf("%lu %lu\n", query == Query::State ? status->dwCurrentState : status->dwWin32ExitCode,
+               query == Query::State ? status->dwProcessId : status->dwServiceSpecificExitCode);
     else if (!state && service && QueryServiceConfigW(service, c, sizeof(buffer), &needed)
              && QueryServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, reinterpret_cast<BYTE *>(d),
                                      sizeof(description), &needed))
@@ -112,9 +118,13 @@ int wmain(int argc, wchar_t **argv)
 {
     if (argc != 3)
         return 2;
-    if (wcscmp(argv[1], L"state") == 0 || wcscmp(argv[1], L"config") == 0) {
-        PrintService(wcscmp(argv[1], L"state") == 0, argv[2]);
-        return 0;
+    const struct { const wchar_t *word; Query query; } queries[] = {
+        {L"state", Query::State}, {L"exit", Query::Exit}, {L"config", Query::Config}};
+    for (const auto &q : queries) {
+        if (wcscmp(argv[1], q.word) == 0) {
+            PrintService(q.query, argv[2]);
+            return 0;
+        }
     }
     if (wcscmp(argv[1], L"alive") == 0) {
         const DWORD pid = DWORD(wcstoul(argv[2], nullptr, 10));

@@ -89,6 +89,16 @@ check "child running" alive "${CHILD_PID:-0}"
 check "host running" alive "${HOST_PID:-0}"
 expect_v "installed and running"
 
+# A manager that ends on its own (here asked to close from outside, so it
+# exits with 0) is started again after the 1 s back-off; the host stays.
+starts_are() { [ "$(grep -c '^started' "$CHILD_LOG")" = "$1" ]; }
+scquery close "$CHILD_PID" > /dev/null
+check "child ended on its own" gone "$CHILD_PID"
+check "child started again" within 10 starts_are 2
+CHILD_PID=$(awk '/^started/ {pid = $2} END {print pid}' "$CHILD_LOG" 2>/dev/null)
+check "new child running" alive "${CHILD_PID:-0}"
+check "host kept running" alive "${HOST_PID:-0}"
+
 # Pause, resume and a command through the system: TarnSvc's handlers do
 # nothing, so the probe service, built from the same framework, records each
 # (and reports the command to the event log).
@@ -122,7 +132,8 @@ check "probe uninstalled" [ "$CODE" = 0 ]
 expect "-t" "" "" 0 "$HOST" -t
 query TarnSvc
 check "stopped in the manager" [ "$STATE" = $STOPPED ]
-check "child asked to close" wait_line "$CHILD_LOG" '^close$'
+closes_are() { [ "$(grep -c '^close$' "$CHILD_LOG")" = "$1" ]; }
+check "child asked to close" within 10 closes_are 2
 check "child gone" gone "$CHILD_PID"
 check "host gone" gone "$HOST_PID"
 expect "-u" "The service TarnSvc has been uninstalled.
@@ -150,5 +161,21 @@ expect "-i, path of ${#LONGHOST} characters" "The service TarnSvc has been insta
 " "" 0 "$LONGHOST" -i
 config
 check "long path registered: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$LONGHOST\"|VARNOK Server" ]
+run "$LONGHOST" -u
+
+# A manager that ends at once every time (the query tool, which exits with 2
+# without arguments): after back-offs of 1, 2, 4 and 8 s the service stops
+# with a service-specific error, which Windows' recovery actions count as a
+# failure, and says why in the event log.
+cp "$DIR/scquery.exe" "$DIR/TarnSrv.exe" || die "cannot stage the failing manager"
+run "$HOST" -i
+run "$HOST"
+check "failing manager: service started" [ "$CODE" = 0 ]
+check "failing manager: service stopped" within 30 in_state TarnSvc $STOPPED
+EXIT=$(scquery exit TarnSvc)
+check "failing manager: exit codes $EXIT" [ "$EXIT" = "1066 1" ]
+check "failing manager: the stop in the event log" \
+    wait_line "$WORK/services.log" 'err:eventlog:.*TarnSrv.exe failed 5 times in a row, the last time it ended with exit code 2 after'
+run "$HOST" -u
 
 finish "service host under Wine" "$CHILD_LOG" "$PROBE_LOG"
