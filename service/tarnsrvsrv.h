@@ -13,6 +13,9 @@ public:
     TarnSrvSrv(int argc, char **argv);
     ~TarnSrvSrv() override;
 
+    // The manager beside the host: its file name, and its path once the
+    // application object exists.
+    static QString childFileName();
     static QString childProgram();
 
     // Below the two seconds a controller waits for the stop.
