@@ -6,8 +6,16 @@
 ; TarnSrv.cfg; the identity, settings and logs live outside the programs'
 ; folder and are never touched.
 ;
+; The service runs under its own virtual account, NT SERVICE\TarnSvc. The
+; programs' folder and C:\ProgramData\Tarn are made the administrators' before
+; anything is written there (a folder a user made first is taken over, a
+; junction or link refused), so that nothing the service runs or writes
+; through can be changed by a user.
+;
 ; Defines (makensis -D): VERSION, STAGE (the unpacked zip), REMOVE_FILES (an
-; include that deletes what STAGE holds), OUTFILE.
+; include that deletes what STAGE holds), OUTFILE; SERVICE_ACCOUNT, for the
+; checks' older installer only, registers another account (LocalSystem, as
+; versions before 1.4 did).
 ;
 ; Options: /S silent, /PORT=n the session port (written to TarnSrv.cfg).
 ; Every command run and its result go to C:\ProgramData\Tarn\install.log.
@@ -46,6 +54,15 @@ VIAddVersionKey "LegalCopyright" "VARNOK Labs"
 !define DISCOVERY_RULE "Tarn discovery"
 !define DISCOVERY_PORTS "49152-49172"
 
+!ifndef SERVICE_ACCOUNT
+!define SERVICE_ACCOUNT "NT SERVICE\TarnSvc"
+!endif
+; Where the identity lives: the local application data of the service's
+; account, as Qt finds it; LocalSystem's before 1.4.
+!define IDENTITY_PART "AppData\Local\VARNOK Labs\VARNOK Manager"
+!define IDENTITY "$WINDIR\ServiceProfiles\TarnSvc\${IDENTITY_PART}"
+!define OLD_IDENTITY "$WINDIR\System32\config\systemprofile\${IDENTITY_PART}"
+
 ; Exit codes besides NSIS' own (1 cancelled, 2 aborted).
 !define EXIT_SAME_VERSION 3
 !define EXIT_NEWER_INSTALLED 4
@@ -53,11 +70,13 @@ VIAddVersionKey "LegalCopyright" "VARNOK Labs"
 !define EXIT_BAD_OPTION 6
 !define EXIT_STEP_FAILED 7
 !define EXIT_NOT_ADMIN 8
+!define EXIT_UNSAFE_FOLDER 9
 
 Var Port          ; the session port, from /PORT or TarnSrv.cfg
 Var Upgrading     ; the version installed before, when upgrading
 Var FailCode
 Var FailText
+Var LogReady      ; 1 once the log's folder is the administrators'
 
 Page directory SkipOnUpgrade
 Page instfiles
@@ -67,10 +86,14 @@ UninstPage instfiles
 ; Functions both the installer and the uninstaller use; NSIS wants them
 ; twice, the uninstaller's named un.*.
 !macro SharedFunctions UN
-; Appends the line on the stack to the log, when its folder exists.
+; Appends the line on the stack to the log, once its folder is safe to
+; write: until then a user may own it, or it may lead somewhere else.
 Function ${UN}LogLine
     Exch $0
     Push $1
+    ${If} $LogReady != 1
+        Goto done
+    ${EndIf}
     ClearErrors
     FileOpen $1 "${LOG}" a
     ${IfNot} ${Errors}
@@ -78,6 +101,7 @@ Function ${UN}LogLine
         FileWrite $1 "$0$\r$\n"
         FileClose $1
     ${EndIf}
+    done:
     Pop $1
     Pop $0
 FunctionEnd
@@ -240,8 +264,9 @@ Function WriteUninstallEntry
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "EstimatedSize" $0
 FunctionEnd
 
-; TarnSvc.exe -i registers the service for demand start; a server installed
-; per machine should come back after a restart.
+; TarnSvc.exe -i registers the service for demand start, with the delayed
+; start already set; a server installed per machine should come back after a
+; restart, once the network is up.
 Function StartServiceWithWindows
     System::Call 'advapi32::OpenSCManagerW(p 0, p 0, i 1) p .r1'
     System::Call 'advapi32::OpenServiceW(p r1, w "TarnSvc", i 2) p .r2'
@@ -264,22 +289,159 @@ Function AddFirewallRules
     !insertmacro Run 'netsh advfirewall firewall add rule name="${DISCOVERY_RULE}" dir=in action=allow program="$INSTDIR\TarnSrv.exe" enable=yes protocol=UDP localport=${DISCOVERY_PORTS}'
 FunctionEnd
 
-Section "Tarn"
-    ; The service writes its logs here as LocalSystem, so only it and
-    ; administrators may write here; ProgramData lets users create files.
-    ; Locked before anything is written, the install log included.
-    CreateDirectory "${DATA}"
-    !insertmacro Run 'icacls "${DATA}" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
-    ${If} $0 != 0
-        !insertmacro Fail ${EXIT_STEP_FAILED} "The folder ${DATA} could not be locked to administrators."
+; A folder that is a junction or a link (a reparse point) would take the
+; installer's and the service's writes wherever it points: refused before
+; anything is written, the log included.
+Function RefuseLink ; $R6: the folder
+    System::Call 'kernel32::GetFileAttributesW(w R6) i .r0'
+    ${If} $0 != -1
+        IntOp $0 $0 & 0x400
+        ${If} $0 != 0
+            !insertmacro Fail ${EXIT_UNSAFE_FOLDER} "$R6 is a junction or a link, which Tarn does not write through; remove it and run the installer again."
+        ${EndIf}
     ${EndIf}
+FunctionEnd
+
+; The owner of the path in $R6, as a SID, in $R5 ("" when unreadable).
+Function OwnerOf
+    StrCpy $R5 ""
+    System::Call 'advapi32::GetNamedSecurityInfoW(w R6, i 1, i 1, *p .r1, p 0, p 0, p 0, *p .r2) i .r0'
+    ${If} $0 == 0
+        System::Call 'advapi32::ConvertSidToStringSidW(p r1, *p .r3) i .r0'
+        ${If} $0 != 0
+            System::Call '*$3(&w256 .R5)'
+            System::Call 'kernel32::LocalFree(p r3)'
+        ${EndIf}
+        System::Call 'kernel32::LocalFree(p r2)'
+    ${EndIf}
+FunctionEnd
+
+; $R4: 1 when the folder in $R6 holds anything.
+Function HasChildren
+    StrCpy $R4 0
+    FindFirst $0 $1 "$R6\*"
+    ${DoWhile} $1 != ""
+        ${If} $1 != "."
+        ${AndIf} $1 != ".."
+            StrCpy $R4 1
+            ${Break}
+        ${EndIf}
+        FindNext $0 $1
+    ${Loop}
+    FindClose $0
+FunctionEnd
+
+; Makes the folder in $R6 the administrators', as Program Files is: they own
+; it and everything in it (links themselves, never what they point to),
+; SYSTEM and administrators have full control, users read and run, nothing
+; comes from the folder above, and every child is reset to inherit just that.
+; The folder is closed before its children are reset, so that no user can
+; add one meanwhile. Any command that fails ends the installation; they are
+; logged by LogLocked, once the log may be written.
+!define LOCK_OWNER 'icacls "$R6" /setowner *S-1-5-32-544 /T /C /L'
+!define LOCK_FOLDER 'icacls "$R6" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
+!define LOCK_CHILDREN 'icacls "$R6\*" /reset /T /C /L'
+!macro LockStep COMMAND
+    nsExec::ExecToStack `${COMMAND}`
+    Pop $0
+    Pop $1
+    ${If} $0 != 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "$R6 could not be made the administrators' (icacls exit $0): $1"
+    ${EndIf}
+!macroend
+Function LockFolder
+    CreateDirectory "$R6"
+    Call RefuseLink
+    !insertmacro LockStep '${LOCK_OWNER}'
+    !insertmacro LockStep '${LOCK_FOLDER}'
+    Call HasChildren
+    ${If} $R4 == 1
+        !insertmacro LockStep '${LOCK_CHILDREN}'
+    ${EndIf}
+FunctionEnd
+
+Function LogLocked
+    !insertmacro Log `> ${LOCK_OWNER}`
+    !insertmacro Log "exit 0"
+    !insertmacro Log `> ${LOCK_FOLDER}`
+    !insertmacro Log "exit 0"
+    ${If} $R4 == 1
+        !insertmacro Log `> ${LOCK_CHILDREN}`
+        !insertmacro Log "exit 0"
+    ${EndIf}
+FunctionEnd
+
+; The service's log folder, before the install log is written there. A
+; folder that was there before (a user may have made it, since users may
+; create folders in ProgramData) is taken over; a link is refused.
+Function LockDataFolder
+    StrCpy $R6 "${DATA}"
+    StrCpy $R5 ""
+    ${If} ${FileExists} "$R6\*"
+        Call RefuseLink
+        Call OwnerOf
+        StrCpy $R5 "was there, owned by $R5"
+    ${EndIf}
+    Call LockFolder
+    StrCpy $LogReady 1
+    ${If} $R5 != ""
+        !insertmacro Log "${DATA} $R5: taken over"
+    ${EndIf}
+    Call LogLocked
+FunctionEnd
+
+; After -i: the service's account may write its logs; users still only read.
+Function GrantDataToService
+!if "${SERVICE_ACCOUNT}" != "LocalSystem"
+    !insertmacro Run 'icacls "${DATA}" /grant "${SERVICE_ACCOUNT}:(OI)(CI)M"'
+    ${If} $0 != 0
+        !insertmacro Fail ${EXIT_STEP_FAILED} "${DATA} could not be opened to ${SERVICE_ACCOUNT}; see ${LOG}."
+    ${EndIf}
+!endif
+FunctionEnd
+
+; An upgrade from a LocalSystem installation: the identity moves to the
+; service's own profile, so that clients that pinned its key still trust the
+; server. Windows makes that profile at the service's first start, so the
+; service starts once (making an identity of its own, replaced here) before
+; the files are copied.
+Function MoveIdentity
+    ${IfNot} ${FileExists} "${OLD_IDENTITY}\identity.crt"
+    ${OrIf} ${FileExists} "${IDENTITY}\identity.crt"
+        Return
+    ${EndIf}
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe"'
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+    CreateDirectory "${IDENTITY}"
+    ClearErrors
+    CopyFiles /SILENT "${OLD_IDENTITY}\identity.key" "${IDENTITY}\identity.key"
+    CopyFiles /SILENT "${OLD_IDENTITY}\identity.crt" "${IDENTITY}\identity.crt"
+    ${If} ${Errors}
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The TLS identity could not be moved from ${OLD_IDENTITY} to ${IDENTITY}."
+    ${EndIf}
+    Delete "${OLD_IDENTITY}\identity.key"
+    Delete "${OLD_IDENTITY}\identity.crt"
+    !insertmacro Log "identity moved from ${OLD_IDENTITY} to ${IDENTITY}"
+FunctionEnd
+
+Section "Tarn"
+    Call LockDataFolder
     ${If} $Upgrading == ""
         !insertmacro Log "Tarn ${VERSION}: installing into $INSTDIR"
     ${Else}
         !insertmacro Log "Tarn ${VERSION}: upgrading $Upgrading in $INSTDIR"
+        ; Removed and registered again: the account may change.
         !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+        !insertmacro Run '"$INSTDIR\TarnSvc.exe" -u'
+        ${If} $0 != 0
+            !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc of Tarn $Upgrading could not be removed; see ${LOG}."
+        ${EndIf}
         Call RemovePrograms
     ${EndIf}
+    ; Wherever the operator chose: nothing there may stay a user's.
+    StrCpy $R6 "$INSTDIR"
+    Call LockFolder
+    Call LogLocked
     SetOutPath "$INSTDIR"
     File /r /x TarnSrv.cfg "${STAGE}/*.*"
     Call WriteConfiguration
@@ -288,10 +450,12 @@ Section "Tarn"
     CreateShortcut "${SHORTCUTS}\Tarn Manager.lnk" "$INSTDIR\TarnSrv.exe"
     Call AddFirewallRules
 
-    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -i'
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -i "${SERVICE_ACCOUNT}"'
     ${If} $0 != 0
         !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc could not be installed; see ${LOG}."
     ${EndIf}
+    Call GrantDataToService
+    Call MoveIdentity
     Call StartServiceWithWindows
     !insertmacro Run '"$INSTDIR\TarnSvc.exe"'
     ${If} $0 != 0
@@ -311,6 +475,8 @@ Function un.onInit
         !insertmacro Fail ${EXIT_NOT_INSTALLED} "Tarn is not installed."
     ${EndIf}
     StrCpy $INSTDIR $0
+    ; The installer made the log's folder the administrators'.
+    StrCpy $LogReady 1
 FunctionEnd
 
 Section "Uninstall"
