@@ -72,10 +72,10 @@ expect "-i" "The service TarnSvc has been installed under: $HOST
 expect_v "installed and not running"
 query TarnSvc
 check "installed and stopped in the manager" [ "$STATE" = $STOPPED ]
-# Own process, interactive (0x110), demand start (3), no account (shown as
-# LocalSystem), the path in quotes and the description.
+# Own process (0x10), demand start (3), no account (shown as LocalSystem),
+# the path in quotes and the description.
 config
-check "configuration: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$HOST\"|VARNOK Server" ]
+check "configuration: $CONFIG" [ "$CONFIG" = "16|3|LocalSystem|\"$HOST\"|VARNOK Server" ]
 
 # A bare start from a console: 1063, then the manager starts the service,
 # whose main runs the host, which launches the stand-in child.
@@ -149,6 +149,6 @@ cp "$DIR"/{TarnSvc.exe,*.dll} "$DIR/$LONG/$LONG/$LONG/"
 expect "-i, path of ${#LONGHOST} characters" "The service TarnSvc has been installed under: $LONGHOST
 " "" 0 "$LONGHOST" -i
 config
-check "long path registered: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$LONGHOST\"|VARNOK Server" ]
+check "long path registered: $CONFIG" [ "$CONFIG" = "16|3|LocalSystem|\"$LONGHOST\"|VARNOK Server" ]
 
 finish "service host under Wine" "$CHILD_LOG" "$PROBE_LOG"
