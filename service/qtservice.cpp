@@ -147,9 +147,10 @@ QString QtServiceBaseData::unguardedFile(const QString &account) const
             paths.append(QDir(folder).filePath(name));
     }
     for (const QString &path : paths) {
-        const QString reason = openToOthers(path, account);
+        const QString native = QDir::toNativeSeparators(path);
+        const QString reason = openToOthers(native, account);
         if (!reason.isEmpty())
-            return QStringLiteral("%1 (%2)").arg(QDir::toNativeSeparators(path), reason);
+            return QStringLiteral("%1 (%2)").arg(native, reason);
     }
     return QString();
 }

@@ -67,6 +67,14 @@ expect "-t, not installed" "" "The service could not be stopped. ($NO_SERVICE_TE
 expect "no option, not installed" "" "The service TarnSvc could not start
 " 252 "$HOST"
 
+# A folder any user may write (a Linux mode that Wine shows as Everyone's
+# write): the service would run what a user put there, so -i refuses it.
+mkdir "$DIR/open" && cp "$DIR"/{TarnSvc.exe,*.dll} "$DIR/open/" && chmod 777 "$DIR/open" || die "cannot stage the open folder"
+expect "-i from a folder anyone may write" "" "The service TarnSvc was not installed: other users can change $WINDIR\\open (Everyone may write it)
+" 255 "$WINDIR\\open\\TarnSvc.exe" -i
+query TarnSvc
+check "nothing installed from there: $STATE" [ "$STATE" = none ]
+
 expect "-i" "The service TarnSvc has been installed under: $HOST
 " "" 0 "$HOST" -i
 expect_v "installed and not running"
