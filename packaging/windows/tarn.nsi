@@ -400,6 +400,27 @@ Function GrantDataToService
 !endif
 FunctionEnd
 
+; Waits up to 10 s for TarnSvc to reach the state in $R3 (1 stopped,
+; 4 running): a start or stop asked for may still be pending when the
+; command that asked returns.
+Function WaitForServiceState
+    System::Call 'advapi32::OpenSCManagerW(p 0, p 0, i 1) p .r1'
+    System::Call 'advapi32::OpenServiceW(p r1, w "TarnSvc", i 4) p .r2'
+    System::Call '*(i, i, i, i, i, i, i) p .r6'
+    ${ForEach} $3 1 50 + 1
+        System::Call 'advapi32::QueryServiceStatus(p r2, p r6) i .r0'
+        System::Call '*$6(i, i .r5)'
+        ${If} $0 == 0
+        ${OrIf} $5 == $R3
+            ${Break}
+        ${EndIf}
+        Sleep 200
+    ${Next}
+    System::Free $6
+    System::Call 'advapi32::CloseServiceHandle(p r2)'
+    System::Call 'advapi32::CloseServiceHandle(p r1)'
+FunctionEnd
+
 ; An upgrade from a LocalSystem installation: the identity moves to the
 ; service's own profile, so that clients that pinned its key still trust the
 ; server. Windows makes that profile at the service's first start, so the
@@ -411,7 +432,11 @@ Function MoveIdentity
         Return
     ${EndIf}
     !insertmacro Run '"$INSTDIR\TarnSvc.exe"'
+    StrCpy $R3 4
+    Call WaitForServiceState
     !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+    StrCpy $R3 1
+    Call WaitForServiceState
     CreateDirectory "${IDENTITY}"
     ClearErrors
     CopyFiles /SILENT "${OLD_IDENTITY}\identity.key" "${IDENTITY}\identity.key"
@@ -432,6 +457,8 @@ Section "Tarn"
         !insertmacro Log "Tarn ${VERSION}: upgrading $Upgrading in $INSTDIR"
         ; Removed and registered again: the account may change.
         !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+        StrCpy $R3 1
+        Call WaitForServiceState
         !insertmacro Run '"$INSTDIR\TarnSvc.exe" -u'
         ${If} $0 != 0
             !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc of Tarn $Upgrading could not be removed; see ${LOG}."
