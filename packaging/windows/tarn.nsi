@@ -256,8 +256,10 @@ Function WriteUninstallEntry
     WriteRegStr HKLM "${UNINSTALL_KEY}" "InstallLocation" "$INSTDIR"
     WriteRegStr HKLM "${UNINSTALL_KEY}" "DisplayIcon" "$INSTDIR\TarnSrv.exe"
     WriteRegStr HKLM "${UNINSTALL_KEY}" "UninstallString" '"$INSTDIR\Uninstall.exe"'
-    ; In place (_?=), so that a script gets the uninstaller's exit code.
-    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S _?=$INSTDIR'
+    ; Waited for (_?=), so that a script gets the uninstaller's exit code,
+    ; and from a copy outside the folder: run in place, it cannot delete
+    ; itself, and its folder would go only after it has ended.
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" 'cmd.exe /c copy /y "$INSTDIR\Uninstall.exe" "%TEMP%\TarnUninstall.exe" >nul && "%TEMP%\TarnUninstall.exe" /S _?=$INSTDIR'
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoModify" 1
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoRepair" 1
     ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
@@ -380,12 +382,13 @@ Function LockDataFolder
     ${If} ${FileExists} "$R6\*"
         Call RefuseLink
         Call OwnerOf
-        StrCpy $R5 "was there, owned by $R5"
     ${EndIf}
     Call LockFolder
     StrCpy $LogReady 1
     ${If} $R5 != ""
-        !insertmacro Log "${DATA} $R5: taken over"
+    ${AndIf} $R5 != "S-1-5-32-544"
+    ${AndIf} $R5 != "S-1-5-18"
+        !insertmacro Log "${DATA} was there, owned by $R5: taken over"
     ${EndIf}
     Call LogLocked
 FunctionEnd
@@ -521,7 +524,9 @@ Section "Uninstall"
     !include "${REMOVE_FILES}"
     DeleteRegKey HKLM "${UNINSTALL_KEY}"
     ; Run in place (_?=), the uninstaller cannot delete itself: a hidden
-    ; command does it, and removes the folder, once this process has ended.
+    ; command does it, and removes the folder, once this process has ended,
+    ; which is after the caller saw it return. The quiet uninstall command
+    ; runs a copy instead.
     Delete "$INSTDIR\Uninstall.exe"
     RMDir "$INSTDIR"
     ${If} ${FileExists} "$INSTDIR\Uninstall.exe"
