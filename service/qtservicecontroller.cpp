@@ -302,14 +302,16 @@ void QtServiceBaseData::configureInstalled(SC_HANDLE service)
             actions.push_back({SC_ACTION_RESTART, DWORD(qMax(delay, 0))});
         SERVICE_FAILURE_ACTIONSW failure = {DWORD(qMax(restartResetSeconds, 0)), nullptr, nullptr,
                                             DWORD(actions.size()), actions.data()};
-        configure(service, Scm::FailureActionsLevel, &failure, "The service's restarts after a failure could not be set.");
+        configure(service, Scm::FailureActionsLevel, &failure,
+                  "The service's restarts after a failure could not be set.");
         SERVICE_FAILURE_ACTIONS_FLAG onErrorStop = {1};
         configure(service, Scm::FailureActionsFlagLevel, &onErrorStop,
                   "The service's restarts after a stop with an error could not be set.");
     }
     if (delayedAutoStart) {
         SERVICE_DELAYED_AUTO_START_INFO delayed = {1};
-        configure(service, Scm::DelayedAutoStartLevel, &delayed, "The service's delayed start could not be set.");
+        configure(service, Scm::DelayedAutoStartLevel, &delayed,
+                  "The service's delayed start could not be set.");
     }
 }
 
