@@ -44,16 +44,51 @@ Function HasChildren
     FindClose $0
 FunctionEnd
 
+; Refuses what a user may have left below a folder being taken over: a
+; junction or link would lead the installer's writes and the service's
+; elsewhere, and a hard link shares its file with another folder. Locate's
+; callback: $R9 the path, $R6 "" for a folder.
+Function RefuseLinkBelow
+    System::Call 'kernel32::CreateFileW(w R9, i 0x80, i 7, p 0, i 3, i 0x02200000, p 0) p .r0'
+    ${If} $0 != -1
+        System::Call '*(&i52) p .r1'
+        System::Call 'kernel32::GetFileInformationByHandle(p r0, p r1) i .r2'
+        System::Call '*$1(i .r3, i, i, i, i, i, i, i, i, i, i .r4)'
+        System::Free $1
+        System::Call 'kernel32::CloseHandle(p r0)'
+        IntOp $3 $3 & 0x400
+        ${If} $2 == 0
+            StrCpy $5 ""
+        ${ElseIf} $3 != 0
+            StrCpy $5 "a junction or a link"
+        ${ElseIf} $R6 != ""
+        ${AndIf} $4 > 1
+            StrCpy $5 "a hard link"
+        ${Else}
+            StrCpy $5 ""
+        ${EndIf}
+        ${If} $5 != ""
+            !insertmacro Fail ${EXIT_UNSAFE_FOLDER} "$LockedFolder holds $5, $R9, which Tarn does not follow; remove it and run the installer again."
+        ${EndIf}
+    ${EndIf}
+    Push ""
+FunctionEnd
+
 ; Makes the folder in $R6 the administrators', as Program Files is: they own
 ; it and everything in it (links themselves, never what they point to),
 ; SYSTEM and administrators have full control, users read and run, nothing
-; comes from the folder above, and every child is reset to inherit just that.
-; The folder is closed before its children are reset, so that no user can
-; add one meanwhile. Any command that fails ends the installation; they are
-; logged by LogLocked, once the log may be written.
+; comes from the folder above, and every child inherits just that. Each step
+; leaves users less than the one before: the folder is closed (no entry of
+; a user's own kept, nothing inheritable) before what is in it is taken and
+; closed, then searched for links, and only then opened to what it should
+; allow. Any command that fails ends the installation; they are logged by
+; LogLocked, once the log may be written.
+!define LOCK_FOLDER_OWNER 'icacls "$R6" /setowner *S-1-5-32-544'
+!define LOCK_FOLDER_RESET 'icacls "$R6" /reset'
+!define LOCK_FOLDER_CLOSE 'icacls "$R6" /inheritance:r /grant:r *S-1-5-18:F *S-1-5-32-544:F *S-1-5-32-545:RX'
 !define LOCK_OWNER 'icacls "$R6" /setowner *S-1-5-32-544 /T /C /L'
-!define LOCK_FOLDER 'icacls "$R6" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
 !define LOCK_CHILDREN 'icacls "$R6\*" /reset /T /C /L'
+!define LOCK_OPEN 'icacls "$R6" /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
 !macro LockStep COMMAND
     nsExec::ExecToStack `${COMMAND}`
     Pop $0
@@ -65,23 +100,32 @@ FunctionEnd
 Function LockFolder
     CreateDirectory "$R6"
     Call RefuseLink
+    !insertmacro LockStep '${LOCK_FOLDER_OWNER}'
+    !insertmacro LockStep '${LOCK_FOLDER_RESET}'
+    !insertmacro LockStep '${LOCK_FOLDER_CLOSE}'
     !insertmacro LockStep '${LOCK_OWNER}'
-    !insertmacro LockStep '${LOCK_FOLDER}'
     Call HasChildren
     ${If} $R4 == 1
         !insertmacro LockStep '${LOCK_CHILDREN}'
+        StrCpy $LockedFolder $R6
+        ${Locate} "$R6" "/L=FD /M=*" RefuseLinkBelow
     ${EndIf}
+    !insertmacro LockStep '${LOCK_OPEN}'
 FunctionEnd
 
+!macro LogLockStep COMMAND
+    !insertmacro Log `> ${COMMAND}`
+    !insertmacro Log "exit 0"
+!macroend
 Function LogLocked
-    !insertmacro Log `> ${LOCK_OWNER}`
-    !insertmacro Log "exit 0"
-    !insertmacro Log `> ${LOCK_FOLDER}`
-    !insertmacro Log "exit 0"
+    !insertmacro LogLockStep '${LOCK_FOLDER_OWNER}'
+    !insertmacro LogLockStep '${LOCK_FOLDER_RESET}'
+    !insertmacro LogLockStep '${LOCK_FOLDER_CLOSE}'
+    !insertmacro LogLockStep '${LOCK_OWNER}'
     ${If} $R4 == 1
-        !insertmacro Log `> ${LOCK_CHILDREN}`
-        !insertmacro Log "exit 0"
+        !insertmacro LogLockStep '${LOCK_CHILDREN}'
     ${EndIf}
+    !insertmacro LogLockStep '${LOCK_OPEN}'
 FunctionEnd
 
 ; The service's log folder, before the install log is written there. A

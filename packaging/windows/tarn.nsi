@@ -77,6 +77,7 @@ Var Upgrading     ; the version installed before, when upgrading
 Var FailCode
 Var FailText
 Var LogReady      ; 1 once the log's folder is the administrators'
+Var LockedFolder  ; the folder being taken over, for RefuseLinkBelow
 
 Page directory SkipOnUpgrade
 Page instfiles

@@ -28,8 +28,9 @@
 #   queries of all three with error 124, and TarnSvc -i warns that it could
 #   not set the latter two; its output is checked in the installer's log.
 # - Wine makes no junction (mklink /J fails) and shows a Linux symbolic link
-#   as a plain folder, so the refusal of a linked log folder (exit code 9) is
-#   not run here.
+#   as a plain folder, so the refusal of a junction or link (exit code 9) is
+#   not run here; that of a hard link below the log folder is (a Linux hard
+#   link is one to Wine).
 # - NSIS reads an in-place uninstall (_?=) only from an unquoted path, and
 #   wine quotes an argument that holds a space, so the uninstall command is
 #   run from a batch file, as a script on Windows would run it.
@@ -60,9 +61,11 @@ LOG=$DATA/install.log
 IDENTITY_PART="AppData/Local/VARNOK Labs/VARNOK Manager"
 SYSTEM_IDENTITY="$WINEPREFIX/drive_c/windows/system32/config/systemprofile/$IDENTITY_PART"
 SERVICE_IDENTITY="$WINEPREFIX/drive_c/windows/ServiceProfiles/TarnSvc/$IDENTITY_PART"
-# What the installer runs to make a folder the administrators'.
-LOCK_OWNER='icacls "%s" /setowner *S-1-5-32-544 /T /C /L'
-LOCK_FOLDER='icacls "%s" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
+# What the installer runs to make a folder the administrators', in order.
+LOCK_STEPS=('icacls "%s" /setowner *S-1-5-32-544' 'icacls "%s" /reset'
+    'icacls "%s" /inheritance:r /grant:r *S-1-5-18:F *S-1-5-32-544:F *S-1-5-32-545:RX'
+    'icacls "%s" /setowner *S-1-5-32-544 /T /C /L'
+    'icacls "%s" /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX')
 LOCK_CHILDREN='icacls "%s\*" /reset /T /C /L'
 # The recovery TarnSvc -i registers, as scquery shows it on Windows, and Wine's answer.
 RECOVERY='86400:1/0,1/0,1/60000|1|1'
@@ -80,8 +83,9 @@ serving() { within 40 ping_linux "$PORT"; }
 identity() { cat "$WINEPREFIX"/drive_c/users/*/"$IDENTITY_PART/identity.crt" 2>/dev/null; }
 # locked <folder> [children]: the installer made the folder the administrators'.
 locked() {
-    ran "$(printf "$LOCK_OWNER" "$1")" && ran "$(printf "$LOCK_FOLDER" "$1")" &&
-        { [ -z "${2:-}" ] || ran "$(printf "$LOCK_CHILDREN" "$1")"; }
+    local step
+    for step in "${LOCK_STEPS[@]}"; do ran "$(printf "$step" "$1")" || return 1; done
+    [ -z "${2:-}" ] || ran "$(printf "$LOCK_CHILDREN" "$1")"
 }
 recovery_registered() { local r; r=$(scquery recovery TarnSvc); [ "$r" = "$RECOVERY" ] || [ "$r" = "$WINE_RECOVERY" ]; }
 
@@ -111,7 +115,7 @@ check "the session rule" ran "netsh advfirewall firewall add rule name=\"Tarn se
 check "the discovery rule" ran "netsh advfirewall firewall add rule name=\"Tarn discovery\" dir=in action=allow program=\"$WINDIR\\TarnSrv.exe\" enable=yes protocol=UDP localport=49152-49172"
 check "the user's log folder noticed" grep -q '^C:\\ProgramData\\Tarn was there, owned by S-1-5-[-0-9]*: taken over' <(tr -d '\r' < "$LOG")
 check "the log folder and all in it made the administrators' before the log" locked 'C:\ProgramData\Tarn' children
-check "the log written only after that" [ "$(tr -d '\r' < "$LOG" | head -n 2 | tail -n 1)" = "> $(printf "$LOCK_OWNER" 'C:\ProgramData\Tarn')" ]
+check "the log written only after that" [ "$(tr -d '\r' < "$LOG" | head -n 2 | tail -n 1)" = "> $(printf "${LOCK_STEPS[0]}" 'C:\ProgramData\Tarn')" ]
 check "the programs' folder made the administrators'" locked "$WINDIR"
 check "the service registered through TarnSvc.exe -i" ran "\"$WINDIR\\TarnSvc.exe\" -i \"LocalSystem\""
 check "recovery as -i registers it, or as Wine shows it: $(scquery recovery TarnSvc)" recovery_registered
@@ -176,7 +180,13 @@ run_batch "Uninstall.exe /S _?=$WINDIR"
 check "exit code $CODE, expected 5" [ "$CODE" = 5 ]
 check "says '$ERR'" [ "$ERR" = "Tarn is not installed." ]
 
-step "7. an install into a folder of the operator's choice"
+step "7. a hard link in the log folder, then an install into a folder of the operator's choice"
+# Resetting a hard link's permissions resets those of the file it shares.
+ln "$WINEPREFIX/drive_c/windows/win.ini" "$DATA/linked.ini" || die "cannot make the hard link"
+run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
+check "a hard link below the log folder: exit code $CODE, expected 9" [ "$CODE" = 9 ]
+check "says '$ERR'" [ "$ERR" = 'C:\ProgramData\Tarn holds a hard link, C:\ProgramData\Tarn\linked.ini, which Tarn does not follow; remove it and run the installer again.' ]
+rm "$DATA/linked.ini"
 run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
 check "the installer ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 check "C:\\Tarn made the administrators' before the programs were copied" locked 'C:\Tarn'
