@@ -59,8 +59,11 @@ void TestTarnSvc::initTestCase()
     // away from the user's and from a manager running on the machine.
     qputenv("XDG_CONFIG_HOME", temp.filePath(QStringLiteral("config")).toLocal8Bit());
     qputenv("TARN_INSTANCE_LOCK", temp.filePath(QStringLiteral("instance.lock")).toLocal8Bit());
+    // -i refuses a folder or program that others can write: what the test
+    // makes is its own, whatever the umask and the build folder's modes.
+    ::umask(022);
     host = copyHost(temp.filePath(QStringLiteral("svc host")));
-    QVERIFY(QFile::copy(QStringLiteral(TARNSRV_PATH), temp.filePath(QStringLiteral("svc host/TarnSrv"))));
+    QVERIFY(copyProgram(QStringLiteral(TARNSRV_PATH), temp.filePath(QStringLiteral("svc host/TarnSrv"))));
     QVERIFY(resolveScmFunctions());
 }
 
@@ -68,7 +71,7 @@ QString TestTarnSvc::copyHost(const QString &dir)
 {
     QDir().mkpath(dir);
     const QString path = dir + QLatin1String("/TarnSvc");
-    QFile::copy(QStringLiteral(TARNSVC_PATH), path);
+    copyProgram(QStringLiteral(TARNSVC_PATH), path);
     return path;
 }
 
@@ -270,7 +273,7 @@ void TestTarnSvc::installRefusesWhatOthersCanChange()
 
     const QString dir = temp.filePath(QStringLiteral("guarded/%1").arg(QTest::currentDataTag()));
     const QString guardedHost = copyHost(dir);
-    QVERIFY(QFile::copy(QStringLiteral(TARNSRV_PATH), dir + QLatin1String("/TarnSrv")));
+    QVERIFY(copyProgram(QStringLiteral(TARNSRV_PATH), dir + QLatin1String("/TarnSrv")));
     QFile cfg(dir + QLatin1String("/TarnSrv.cfg"));
     QVERIFY(cfg.open(QIODevice::WriteOnly));
     cfg.close();
