@@ -99,6 +99,9 @@ FunctionEnd
 !macroend
 Function LockFolder
     CreateDirectory "$R6"
+    ${IfNot} ${FileExists} "$R6\*"
+        !insertmacro Fail ${EXIT_STEP_FAILED} "$R6 is not a folder and cannot be made one."
+    ${EndIf}
     Call RefuseLink
     !insertmacro LockStep '${LOCK_FOLDER_OWNER}'
     !insertmacro LockStep '${LOCK_FOLDER_RESET}'

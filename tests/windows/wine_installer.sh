@@ -180,7 +180,12 @@ run_batch "Uninstall.exe /S _?=$WINDIR"
 check "exit code $CODE, expected 5" [ "$CODE" = 5 ]
 check "says '$ERR'" [ "$ERR" = "Tarn is not installed." ]
 
-step "7. a hard link in the log folder, then an install into a folder of the operator's choice"
+step "7. a file or a hard link in the way, then an install into a folder of the operator's choice"
+mv "$DATA" "$DATA.kept" && touch "$DATA" || die "cannot put a file in the log folder's place"
+run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
+check "a file where the log folder goes: exit code $CODE, expected 7" [ "$CODE" = 7 ]
+check "says '$ERR'" [ "$ERR" = 'C:\ProgramData\Tarn is not a folder and cannot be made one.' ]
+rm "$DATA" && mv "$DATA.kept" "$DATA" || die "cannot put the log folder back"
 # Resetting a hard link's permissions resets those of the file it shares.
 ln "$WINEPREFIX/drive_c/windows/win.ini" "$DATA/linked.ini" || die "cannot make the hard link"
 run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
