@@ -86,11 +86,16 @@ QJsonObject Record::toJson() const
                     status.dwWin32ExitCode, status.dwServiceSpecificExitCode, status.dwCheckPoint,
                     status.dwWaitHint})
         words.append(qint64(w));
+    QJsonArray actions;
+    for (const SC_ACTION &action : failureActions)
+        actions.append(QJsonArray{qint64(action.Type), qint64(action.Delay)});
     return {{"name", name}, {"displayName", displayName}, {"description", description},
             {"path", path}, {"account", account}, {"serviceType", qint64(serviceType)},
             {"startType", qint64(startType)}, {"deletePending", deletePending},
             {"status", words}, {"pid", pid}, {"control", control},
-            {"launchToken", launchToken}, {"startArgs", QJsonArray::fromStringList(startArgs)}};
+            {"launchToken", launchToken}, {"startArgs", QJsonArray::fromStringList(startArgs)},
+            {"resetPeriod", qint64(resetPeriod)}, {"failureActions", actions},
+            {"failureActionsOnNonCrash", failureActionsOnNonCrash}, {"delayedAutoStart", delayedAutoStart}};
 }
 
 Record Record::fromJson(const QJsonObject &o)
@@ -116,6 +121,13 @@ Record Record::fromJson(const QJsonObject &o)
     r.launchToken = o.value(QLatin1String("launchToken")).toString();
     for (const QJsonValue &v : o.value(QLatin1String("startArgs")).toArray())
         r.startArgs.append(v.toString());
+    r.resetPeriod = DWORD(o.value(QLatin1String("resetPeriod")).toDouble());
+    for (const QJsonValue &v : o.value(QLatin1String("failureActions")).toArray()) {
+        const QJsonArray action = v.toArray();
+        r.failureActions.append({SC_ACTION_TYPE(action.at(0).toInt()), DWORD(action.at(1).toDouble())});
+    }
+    r.failureActionsOnNonCrash = o.value(QLatin1String("failureActionsOnNonCrash")).toBool();
+    r.delayedAutoStart = o.value(QLatin1String("delayedAutoStart")).toBool();
     return r;
 }
 

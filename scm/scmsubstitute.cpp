@@ -64,13 +64,21 @@ public:
 
     LPWSTR add(const QString &text)
     {
-        const DWORD bytes = DWORD(text.size() + 1) * sizeof(WCHAR);
-        LPWSTR at = (used + bytes <= size) ? reinterpret_cast<LPWSTR>(base + used) : nullptr;
+        const WCHAR end = 0;
+        return static_cast<LPWSTR>(add(text.utf16(), DWORD(text.size()) * sizeof(WCHAR), &end));
+    }
+
+    // The bytes, then the terminator's, when they fit; null otherwise.
+    void *add(const void *data, DWORD bytes, const WCHAR *terminator = nullptr)
+    {
+        const DWORD extra = terminator ? sizeof(WCHAR) : 0;
+        char *at = (used + bytes + extra <= size) ? base + used : nullptr;
         if (at) {
-            memcpy(at, text.utf16(), bytes - sizeof(WCHAR));
-            at[text.size()] = 0;
+            memcpy(at, data, bytes);
+            if (terminator)
+                memcpy(at + bytes, terminator, extra);
         }
-        used += bytes;
+        used += bytes + extra;
         return at;
     }
 
@@ -190,22 +198,106 @@ BOOL QueryServiceConfigW(SC_HANDLE handle, LPQUERY_SERVICE_CONFIGW config, DWORD
     return 1;
 }
 
+// A structure without strings, Windows style.
+template <typename Info>
+BOOL writeInfo(const Info &info, LPBYTE buffer, DWORD size, LPDWORD needed)
+{
+    if (!BufferWriter(buffer, size, sizeof(info)).fits(needed))
+        return fail(ErrorInsufficientBuffer);
+    memcpy(buffer, &info, sizeof(info));
+    return 1;
+}
+
+BOOL writeDescription(const Record &r, LPBYTE buffer, DWORD size, LPDWORD needed)
+{
+    SERVICE_DESCRIPTIONW d = {nullptr};
+    BufferWriter writer(buffer, size, sizeof(d));
+    if (!r.description.isEmpty())
+        d.lpDescription = writer.add(r.description);
+    if (!writer.fits(needed))
+        return fail(ErrorInsufficientBuffer);
+    memcpy(buffer, &d, sizeof(d));
+    return 1;
+}
+
+BOOL writeFailureActions(const Record &r, LPBYTE buffer, DWORD size, LPDWORD needed)
+{
+    SERVICE_FAILURE_ACTIONSW f = {r.resetPeriod, nullptr, nullptr, DWORD(r.failureActions.size()), nullptr};
+    BufferWriter writer(buffer, size, sizeof(f));
+    if (!r.failureActions.isEmpty()) {
+        f.lpsaActions = static_cast<SC_ACTION *>(
+            writer.add(r.failureActions.constData(), DWORD(r.failureActions.size() * sizeof(SC_ACTION))));
+    }
+    if (!writer.fits(needed))
+        return fail(ErrorInsufficientBuffer);
+    memcpy(buffer, &f, sizeof(f));
+    return 1;
+}
+
 BOOL QueryServiceConfig2W(SC_HANDLE handle, DWORD level, LPBYTE buffer, DWORD size, LPDWORD needed)
 {
     Database db;
     std::optional<Record> r = serviceRecord(db, handle, Scm::ServiceQueryConfig);
     if (!r)
         return 0;
-    if (level != Scm::DescriptionLevel)
+    switch (level) {
+    case Scm::DescriptionLevel:
+        return writeDescription(*r, buffer, size, needed);
+    case Scm::FailureActionsLevel:
+        return writeFailureActions(*r, buffer, size, needed);
+    case Scm::DelayedAutoStartLevel:
+        return writeInfo(SERVICE_DELAYED_AUTO_START_INFO{r->delayedAutoStart}, buffer, size, needed);
+    case Scm::FailureActionsFlagLevel:
+        return writeInfo(SERVICE_FAILURE_ACTIONS_FLAG{r->failureActionsOnNonCrash}, buffer, size, needed);
+    default:
         return fail(ErrorInvalidLevel);
-    SERVICE_DESCRIPTIONW d = {nullptr};
-    BufferWriter writer(buffer, size, sizeof(d));
-    if (!r->description.isEmpty())
-        d.lpDescription = writer.add(r->description);
-    if (!writer.fits(needed))
-        return fail(ErrorInsufficientBuffer);
-    memcpy(buffer, &d, sizeof(d));
+    }
+}
+
+// More than any recovery plan needs; Windows acts on the first three anyway.
+const DWORD MaxFailureActions = 16;
+
+// As on Windows: without an action list, the actions and the reset period stay
+// as they are; a restart needs start access to the service.
+BOOL setFailureActions(Record &r, const SERVICE_FAILURE_ACTIONSW &info, DWORD access)
+{
+    if (!info.lpsaActions)
+        return 1;
+    if (info.cActions > MaxFailureActions)
+        return fail(ErrorInvalidParameter);
+    QVector<SC_ACTION> actions;
+    for (DWORD i = 0; i < info.cActions; ++i) {
+        const SC_ACTION &action = info.lpsaActions[i];
+        if (action.Type > SC_ACTION_RUN_COMMAND)
+            return fail(ErrorInvalidParameter);
+        if (action.Type == SC_ACTION_RESTART && !(access & Scm::ServiceStart))
+            return fail(ErrorAccessDenied);
+        actions.append(action);
+    }
+    r.failureActions = actions;
+    r.resetPeriod = info.dwResetPeriod;
     return 1;
+}
+
+BOOL changeConfig(Record &r, DWORD level, LPVOID info, DWORD access)
+{
+    switch (level) {
+    case Scm::DescriptionLevel:
+        if (const WCHAR *text = static_cast<SERVICE_DESCRIPTIONW *>(info)->lpDescription)
+            r.description = fromWide(text);
+        return 1;
+    case Scm::FailureActionsLevel:
+        return setFailureActions(r, *static_cast<SERVICE_FAILURE_ACTIONSW *>(info), access);
+    case Scm::DelayedAutoStartLevel:
+        r.delayedAutoStart = static_cast<SERVICE_DELAYED_AUTO_START_INFO *>(info)->fDelayedAutostart != 0;
+        return 1;
+    case Scm::FailureActionsFlagLevel:
+        r.failureActionsOnNonCrash =
+            static_cast<SERVICE_FAILURE_ACTIONS_FLAG *>(info)->fFailureActionsOnNonCrashFailures != 0;
+        return 1;
+    default:
+        return fail(ErrorInvalidLevel);
+    }
 }
 
 BOOL ChangeServiceConfig2W(SC_HANDLE handle, DWORD level, LPVOID info)
@@ -214,10 +306,10 @@ BOOL ChangeServiceConfig2W(SC_HANDLE handle, DWORD level, LPVOID info)
     std::optional<Record> r = serviceRecord(db, handle, Scm::ServiceChangeConfig);
     if (!r)
         return 0;
-    if (level != Scm::DescriptionLevel)
-        return fail(ErrorInvalidLevel);
-    if (const WCHAR *text = static_cast<SERVICE_DESCRIPTIONW *>(info)->lpDescription)
-        r->description = fromWide(text);
+    if (!info)
+        return fail(ErrorInvalidParameter);
+    if (!changeConfig(*r, level, info, handle->access))
+        return 0;
     return db.store(*r) ? 1 : fail(ErrorAccessDenied);
 }
 

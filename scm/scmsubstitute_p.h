@@ -10,6 +10,7 @@
 #include <QJsonObject>
 #include <QLockFile>
 #include <QMutex>
+#include <QVector>
 #include <QStringList>
 #include <functional>
 #include <mutex>
@@ -69,6 +70,11 @@ struct Record
     QString control;      // the dispatcher's local socket, once connected
     QString launchToken;  // identifies the process the last start launched
     QStringList startArgs;
+    // Kept and given back, never acted on: the stand-in restarts nothing.
+    DWORD resetPeriod = 0;
+    QVector<SC_ACTION> failureActions;
+    bool failureActionsOnNonCrash = false;
+    bool delayedAutoStart = false;
 
     QJsonObject toJson() const;
     static Record fromJson(const QJsonObject &o);

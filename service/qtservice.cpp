@@ -1,6 +1,9 @@
 #include "qtservice_p.h"
+#include "programguard.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <cstdio>
 #include <cstring>
@@ -118,6 +121,40 @@ void QtServiceBase::setServiceFlags(ServiceFlags flags)
     }
 }
 
+void QtServiceBase::setFailureRestarts(const QList<int> &delaysMs, int resetSeconds)
+{
+    d_ptr->restartDelaysMs = delaysMs;
+    d_ptr->restartResetSeconds = resetSeconds;
+}
+
+void QtServiceBase::setDelayedAutoStart(bool delayed)
+{
+    d_ptr->delayedAutoStart = delayed;
+}
+
+void QtServiceBase::setGuardedFiles(const QStringList &fileNames)
+{
+    d_ptr->guardedFiles = fileNames;
+}
+
+QString QtServiceBaseData::unguardedFile(const QString &account) const
+{
+    const QString program = executablePath();
+    const QString folder = QFileInfo(program).absolutePath();
+    QStringList paths = {folder, program};
+    for (const QString &name : guardedFiles) {
+        if (QFileInfo::exists(QDir(folder).filePath(name)))
+            paths.append(QDir(folder).filePath(name));
+    }
+    for (const QString &path : paths) {
+        const QString native = QDir::toNativeSeparators(path);
+        const QString reason = openToOthers(native, account);
+        if (!reason.isEmpty())
+            return QStringLiteral("%1 (%2)").arg(native, reason);
+    }
+    return QString();
+}
+
 QtServiceBase *QtServiceBase::instance()
 {
     return QtServiceBaseData::instance;
@@ -169,6 +206,12 @@ int QtServiceBase::exec()
         const QString password = qEnvironmentVariableIsSet(QtServiceBaseData::PasswordOnStdinVar)
                                      ? passwordFromStdin()
                                      : args.size() > 3 ? args.at(3) : QString();
+        const QString unguarded = d_ptr->unguardedFile(account);
+        if (!unguarded.isEmpty()) {
+            fprintf(stderr, "The service %s was not installed: other users can change %s\n",
+                    name.constData(), unguarded.toLocal8Bit().constData());
+            return -1;
+        }
         if (!d_ptr->installService(account, password)) {
             fprintf(stderr, "The service %s could not be installed\n", name.constData());
             return -1;

@@ -67,6 +67,18 @@ public:
     ServiceFlags serviceFlags() const;
     void setServiceFlags(ServiceFlags flags);
 
+    // What -install registers with the service. Restarts after a failure,
+    // a stop with an error code included: the delay of each in turn (the last
+    // repeats) and the seconds without a failure after which the count starts
+    // over.
+    void setFailureRestarts(const QList<int> &delaysMs, int resetSeconds);
+    // An automatic start waits until the other automatic services have started.
+    void setDelayedAutoStart(bool delayed);
+    // Files in the program's folder that the service runs or reads: -install
+    // refuses when a user it does not trust can change one of them, the
+    // program or the folder (see programguard.h).
+    void setGuardedFiles(const QStringList &fileNames);
+
     int exec();
 
     void logMessage(const QString &message, MessageType type = Success, int id = 0,

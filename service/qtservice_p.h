@@ -52,6 +52,11 @@ public:
     int runApplication(bool asService, const QStringList &arguments);
     bool runAsService();
     bool installService(const QString &account, const QString &password);
+    // Description, restarts and delayed start of a service just created.
+    void configureInstalled(SC_HANDLE service);
+    // Why the program, its folder or a guarded file is open to other users,
+    // or an empty string.
+    QString unguardedFile(const QString &account) const;
     static QString executablePath();
 
     // Set for a host started by QtServiceController::install: -install then
@@ -65,6 +70,10 @@ public:
     QtServiceBase *q_ptr;
     QString description;
     QtServiceController::StartupType startupType = QtServiceController::ManualStartup;
+    QList<int> restartDelaysMs;
+    int restartResetSeconds = 0;
+    bool delayedAutoStart = false;
+    QStringList guardedFiles;
     QtServiceBase::ServiceFlags flags;
     QStringList args;
     QtServiceController controller;

@@ -278,6 +278,43 @@ bool QtServiceController::sendCommand(int code)
                        Scm::FirstUserControl + DWORD(code));
 }
 
+namespace {
+
+// A setting the service runs without: a control manager that lacks it
+// (Wine's) leaves a warning, not a failed installation.
+void configure(SC_HANDLE service, DWORD level, void *info, const char *what)
+{
+    if (!scmFunctions().ChangeServiceConfig2W(service, level, info))
+        scmWarning(GetLastError(), what);
+}
+
+} // namespace
+
+void QtServiceBaseData::configureInstalled(SC_HANDLE service)
+{
+    if (!description.isEmpty()) {
+        SERVICE_DESCRIPTIONW info = {const_cast<LPWSTR>(wideText(description))};
+        scmFunctions().ChangeServiceConfig2W(service, Scm::DescriptionLevel, &info);
+    }
+    if (!restartDelaysMs.isEmpty()) {
+        std::vector<SC_ACTION> actions;
+        for (int delay : restartDelaysMs)
+            actions.push_back({SC_ACTION_RESTART, DWORD(qMax(delay, 0))});
+        SERVICE_FAILURE_ACTIONSW failure = {DWORD(qMax(restartResetSeconds, 0)), nullptr, nullptr,
+                                            DWORD(actions.size()), actions.data()};
+        configure(service, Scm::FailureActionsLevel, &failure,
+                  "The service's restarts after a failure could not be set.");
+        SERVICE_FAILURE_ACTIONS_FLAG onErrorStop = {1};
+        configure(service, Scm::FailureActionsFlagLevel, &onErrorStop,
+                  "The service's restarts after a stop with an error could not be set.");
+    }
+    if (delayedAutoStart) {
+        SERVICE_DELAYED_AUTO_START_INFO delayed = {1};
+        configure(service, Scm::DelayedAutoStartLevel, &delayed,
+                  "The service's delayed start could not be set.");
+    }
+}
+
 bool QtServiceBaseData::installService(const QString &account, const QString &password)
 {
     // Registered quoted, so that no shorter prefix of a path with spaces can
@@ -292,31 +329,30 @@ bool QtServiceBaseData::installService(const QString &account, const QString &pa
 
     const DWORD startType = startupType == QtServiceController::AutoStartup ? Scm::AutoStart
                                                                             : Scm::DemandStart;
+    // An account with a backslash (".\user", "DOMAIN\user", "NT SERVICE\name")
+    // is passed as it is; a virtual or managed account has no password, and
+    // an empty one is passed as none.
     QString user = account;
     QString secret = password;
-    DWORD serviceType = Scm::OwnProcess | Scm::InteractiveProcess;
     if (!user.isEmpty()) {
         if (!user.contains(QLatin1Char('\\')))
             user.prepend(QLatin1String(".\\"));
         if (user.endsWith(QLatin1String("\\LocalSystem"))) {
             user.clear();
             secret.clear();
-        } else {
-            serviceType = Scm::OwnProcess;
         }
     }
     const QString name = controller.serviceName();
     const QString binaryPath = QLatin1Char('"') + path + QLatin1Char('"');
+    // Own process only: the interactive flag is a legacy one that Windows 10
+    // and later ignore.
     SC_HANDLE service = scm.CreateServiceW(
-        manager, wideText(name), wideText(name), Scm::ServiceAllAccess, serviceType, startType,
+        manager, wideText(name), wideText(name), Scm::ServiceAllAccess, Scm::OwnProcess, startType,
         Scm::ErrorNormal, wideText(binaryPath), nullptr, nullptr, nullptr,
         user.isEmpty() ? nullptr : wideText(user), secret.isEmpty() ? nullptr : wideText(secret));
     const bool installed = service != nullptr;
     if (installed) {
-        if (!description.isEmpty()) {
-            SERVICE_DESCRIPTIONW info = {const_cast<LPWSTR>(wideText(description))};
-            scm.ChangeServiceConfig2W(service, Scm::DescriptionLevel, &info);
-        }
+        configureInstalled(service);
         scm.CloseServiceHandle(service);
     }
     scm.CloseServiceHandle(manager);

@@ -44,7 +44,7 @@ void postControl(QtServiceRuntimeState *state, DWORD code)
 } // namespace
 
 QtServiceRuntimeState::QtServiceRuntimeState(QtServiceBase::ServiceFlags flags)
-    : status{Scm::OwnProcess | Scm::InteractiveProcess, Scm::StateStopped, controlsForFlags(flags), 0, 0, 0, 0}
+    : status{Scm::OwnProcess, Scm::StateStopped, controlsForFlags(flags), 0, 0, 0, 0}
 {
     currentState = this;
 }

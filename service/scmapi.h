@@ -74,6 +74,33 @@ struct SERVICE_DESCRIPTIONW
     LPWSTR lpDescription;
 };
 
+enum SC_ACTION_TYPE { SC_ACTION_NONE = 0, SC_ACTION_RESTART = 1, SC_ACTION_REBOOT = 2, SC_ACTION_RUN_COMMAND = 3 };
+
+struct SC_ACTION
+{
+    SC_ACTION_TYPE Type;
+    DWORD Delay;
+};
+
+struct SERVICE_FAILURE_ACTIONSW
+{
+    DWORD dwResetPeriod;
+    LPWSTR lpRebootMsg;
+    LPWSTR lpCommand;
+    DWORD cActions;
+    SC_ACTION *lpsaActions;
+};
+
+struct SERVICE_DELAYED_AUTO_START_INFO
+{
+    BOOL fDelayedAutostart;
+};
+
+struct SERVICE_FAILURE_ACTIONS_FLAG
+{
+    BOOL fFailureActionsOnNonCrashFailures;
+};
+
 // Linked directly on Windows; provided by the stand-in (scm/) elsewhere.
 DWORD GetLastError();
 void SetLastError(DWORD code);
@@ -139,12 +166,14 @@ enum : DWORD {
     AcceptShutdown = 4,
 
     OwnProcess = 0x10,
-    InteractiveProcess = 0x100,
     AutoStart = 2,
     DemandStart = 3,
     Disabled = 4,
     ErrorNormal = 1,
     DescriptionLevel = 1,
+    FailureActionsLevel = 2,
+    DelayedAutoStartLevel = 3,
+    FailureActionsFlagLevel = 4,
 
     ManagerConnect = 0x0001,
     ManagerCreateService = 0x0002,

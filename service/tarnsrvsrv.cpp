@@ -14,18 +14,32 @@ TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
             logMessage(message + QStringLiteral("; the service stops"), Error);
             stopWithError(ManagerFailedExitCode);
         });
+        // Restart at once twice, then after a minute each time; a day without
+        // a failure starts the count over. A stop with an error code counts:
+        // that is how the host gives up on a manager that keeps failing.
+        setFailureRestarts({0, 0, 60000}, 24 * 60 * 60);
+        // A server needs the network more than the boot needs the server.
+        setDelayedAutoStart(true);
+        // The manager runs with the service's rights and its configuration
+        // chooses where the service writes.
+        setGuardedFiles({childFileName(), QStringLiteral("TarnSrv.cfg")});
     } catch (...) {
         QMessageLogger().critical() << "An unknown error in the constructor";
     }
 }
 
-QString TarnSrvSrv::childProgram()
+QString TarnSrvSrv::childFileName()
 {
 #ifdef Q_OS_WIN
-    return QStringLiteral("%1/TarnSrv.exe").arg(QCoreApplication::applicationDirPath());
+    return QStringLiteral("TarnSrv.exe");
 #else
-    return QStringLiteral("%1/TarnSrv").arg(QCoreApplication::applicationDirPath());
+    return QStringLiteral("TarnSrv");
 #endif
+}
+
+QString TarnSrvSrv::childProgram()
+{
+    return QCoreApplication::applicationDirPath() + QLatin1Char('/') + childFileName();
 }
 
 void TarnSrvSrv::start()

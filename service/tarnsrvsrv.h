@@ -11,6 +11,9 @@ class TarnSrvSrv : public QtService<QCoreApplication>
 public:
     TarnSrvSrv(int argc, char **argv);
 
+    // The manager beside the host: its file name, and its path once the
+    // application object exists.
+    static QString childFileName();
     static QString childProgram();
 
     // Below the two seconds a controller waits for the stop.

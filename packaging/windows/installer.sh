@@ -3,13 +3,15 @@
 # the uninstaller removes, and runs makensis on tarn.nsi. Prints the
 # installer's path last.
 #
-# Usage: packaging/windows/installer.sh <zip> <version> <output folder>
+# Usage: packaging/windows/installer.sh <zip> <version> <output folder> [account]
 #   The version is the installer's own; the upgrade check builds one with a
-#   lower version from the same zip.
+#   lower version from the same zip, and with the account versions before 1.4
+#   registered (LocalSystem) instead of the service's own.
 set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 ZIP=$(realpath "${1:?usage: installer.sh <zip> <version> <output folder>}")
 VERSION=${2:?version}
+ACCOUNT=${4:+-DSERVICE_ACCOUNT=$4}
 OUT=$(mkdir -p "${3:?output folder}" && cd "$3" && pwd)
 WORK=$OUT/installer-$VERSION
 rm -rf "$WORK"
@@ -27,6 +29,6 @@ STAGE=$(echo "$WORK"/tarn-*-win64)
 } > "$WORK/remove-files.nsh"
 
 SETUP=$OUT/tarn-$VERSION-win64-setup.exe
-makensis -V2 -WX -DVERSION="$VERSION" -DSTAGE="$STAGE" -DREMOVE_FILES="$WORK/remove-files.nsh" \
+makensis -V2 -WX -DVERSION="$VERSION" $ACCOUNT -DSTAGE="$STAGE" -DREMOVE_FILES="$WORK/remove-files.nsh" \
     -DOUTFILE="$SETUP" "$HERE/tarn.nsi" > "$WORK/makensis.log" 2>&1 || { cat "$WORK/makensis.log"; exit 1; }
 echo "$SETUP"

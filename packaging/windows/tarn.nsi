@@ -6,8 +6,16 @@
 ; TarnSrv.cfg; the identity, settings and logs live outside the programs'
 ; folder and are never touched.
 ;
+; The service runs under its own virtual account, NT SERVICE\TarnSvc. The
+; programs' folder and C:\ProgramData\Tarn are made the administrators' before
+; anything is written there (a folder a user made first is taken over, a
+; junction or link refused), so that nothing the service runs or writes
+; through can be changed by a user.
+;
 ; Defines (makensis -D): VERSION, STAGE (the unpacked zip), REMOVE_FILES (an
-; include that deletes what STAGE holds), OUTFILE.
+; include that deletes what STAGE holds), OUTFILE; SERVICE_ACCOUNT, for the
+; checks' older installer only, registers another account (LocalSystem, as
+; versions before 1.4 did).
 ;
 ; Options: /S silent, /PORT=n the session port (written to TarnSrv.cfg).
 ; Every command run and its result go to C:\ProgramData\Tarn\install.log.
@@ -46,6 +54,15 @@ VIAddVersionKey "LegalCopyright" "VARNOK Labs"
 !define DISCOVERY_RULE "Tarn discovery"
 !define DISCOVERY_PORTS "49152-49172"
 
+!ifndef SERVICE_ACCOUNT
+!define SERVICE_ACCOUNT "NT SERVICE\TarnSvc"
+!endif
+; Where the identity lives: the local application data of the service's
+; account, as Qt finds it; LocalSystem's before 1.4.
+!define IDENTITY_PART "AppData\Local\VARNOK Labs\VARNOK Manager"
+!define IDENTITY "$WINDIR\ServiceProfiles\TarnSvc\${IDENTITY_PART}"
+!define OLD_IDENTITY "$WINDIR\System32\config\systemprofile\${IDENTITY_PART}"
+
 ; Exit codes besides NSIS' own (1 cancelled, 2 aborted).
 !define EXIT_SAME_VERSION 3
 !define EXIT_NEWER_INSTALLED 4
@@ -53,11 +70,14 @@ VIAddVersionKey "LegalCopyright" "VARNOK Labs"
 !define EXIT_BAD_OPTION 6
 !define EXIT_STEP_FAILED 7
 !define EXIT_NOT_ADMIN 8
+!define EXIT_UNSAFE_FOLDER 9
 
 Var Port          ; the session port, from /PORT or TarnSrv.cfg
 Var Upgrading     ; the version installed before, when upgrading
 Var FailCode
 Var FailText
+Var LogReady      ; 1 once the log's folder is the administrators'
+Var LockedFolder  ; the folder being taken over, for RefuseLinkBelow
 
 Page directory SkipOnUpgrade
 Page instfiles
@@ -67,10 +87,14 @@ UninstPage instfiles
 ; Functions both the installer and the uninstaller use; NSIS wants them
 ; twice, the uninstaller's named un.*.
 !macro SharedFunctions UN
-; Appends the line on the stack to the log, when its folder exists.
+; Appends the line on the stack to the log, once its folder is safe to
+; write: until then a user may own it, or it may lead somewhere else.
 Function ${UN}LogLine
     Exch $0
     Push $1
+    ${If} $LogReady != 1
+        Goto done
+    ${EndIf}
     ClearErrors
     FileOpen $1 "${LOG}" a
     ${IfNot} ${Errors}
@@ -78,6 +102,7 @@ Function ${UN}LogLine
         FileWrite $1 "$0$\r$\n"
         FileClose $1
     ${EndIf}
+    done:
     Pop $1
     Pop $0
 FunctionEnd
@@ -232,16 +257,19 @@ Function WriteUninstallEntry
     WriteRegStr HKLM "${UNINSTALL_KEY}" "InstallLocation" "$INSTDIR"
     WriteRegStr HKLM "${UNINSTALL_KEY}" "DisplayIcon" "$INSTDIR\TarnSrv.exe"
     WriteRegStr HKLM "${UNINSTALL_KEY}" "UninstallString" '"$INSTDIR\Uninstall.exe"'
-    ; In place (_?=), so that a script gets the uninstaller's exit code.
-    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S _?=$INSTDIR'
+    ; Waited for (_?=), so that a script gets the uninstaller's exit code,
+    ; and from a copy outside the folder: run in place, it cannot delete
+    ; itself, and its folder would go only after it has ended.
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" 'cmd.exe /c copy /y "$INSTDIR\Uninstall.exe" "%TEMP%\TarnUninstall.exe" >nul && "%TEMP%\TarnUninstall.exe" /S _?=$INSTDIR'
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoModify" 1
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoRepair" 1
     ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "EstimatedSize" $0
 FunctionEnd
 
-; TarnSvc.exe -i registers the service for demand start; a server installed
-; per machine should come back after a restart.
+; TarnSvc.exe -i registers the service for demand start, with the delayed
+; start already set; a server installed per machine should come back after a
+; restart, once the network is up.
 Function StartServiceWithWindows
     System::Call 'advapi32::OpenSCManagerW(p 0, p 0, i 1) p .r1'
     System::Call 'advapi32::OpenServiceW(p r1, w "TarnSvc", i 2) p .r2'
@@ -264,22 +292,77 @@ Function AddFirewallRules
     !insertmacro Run 'netsh advfirewall firewall add rule name="${DISCOVERY_RULE}" dir=in action=allow program="$INSTDIR\TarnSrv.exe" enable=yes protocol=UDP localport=${DISCOVERY_PORTS}'
 FunctionEnd
 
-Section "Tarn"
-    ; The service writes its logs here as LocalSystem, so only it and
-    ; administrators may write here; ProgramData lets users create files.
-    ; Locked before anything is written, the install log included.
-    CreateDirectory "${DATA}"
-    !insertmacro Run 'icacls "${DATA}" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
-    ${If} $0 != 0
-        !insertmacro Fail ${EXIT_STEP_FAILED} "The folder ${DATA} could not be locked to administrators."
+!include "${__FILEDIR__}/folders.nsh"
+
+; Waits up to 10 s for TarnSvc to reach the state in $R3 (1 stopped,
+; 4 running): a start or stop asked for may still be pending when the
+; command that asked returns.
+Function WaitForServiceState
+    System::Call 'advapi32::OpenSCManagerW(p 0, p 0, i 1) p .r1'
+    System::Call 'advapi32::OpenServiceW(p r1, w "TarnSvc", i 4) p .r2'
+    System::Call '*(i, i, i, i, i, i, i) p .r6'
+    ${ForEach} $3 1 50 + 1
+        System::Call 'advapi32::QueryServiceStatus(p r2, p r6) i .r0'
+        System::Call '*$6(i, i .r5)'
+        ${If} $0 == 0
+        ${OrIf} $5 == $R3
+            ${Break}
+        ${EndIf}
+        Sleep 200
+    ${Next}
+    System::Free $6
+    System::Call 'advapi32::CloseServiceHandle(p r2)'
+    System::Call 'advapi32::CloseServiceHandle(p r1)'
+FunctionEnd
+
+; An upgrade from a LocalSystem installation: the identity moves to the
+; service's own profile, so that clients that pinned its key still trust the
+; server. Windows makes that profile at the service's first start, so the
+; service starts once (making an identity of its own, replaced here) before
+; the files are copied.
+Function MoveIdentity
+    ${IfNot} ${FileExists} "${OLD_IDENTITY}\identity.crt"
+    ${OrIf} ${FileExists} "${IDENTITY}\identity.crt"
+        Return
     ${EndIf}
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe"'
+    StrCpy $R3 4
+    Call WaitForServiceState
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+    StrCpy $R3 1
+    Call WaitForServiceState
+    CreateDirectory "${IDENTITY}"
+    ClearErrors
+    CopyFiles /SILENT "${OLD_IDENTITY}\identity.key" "${IDENTITY}\identity.key"
+    CopyFiles /SILENT "${OLD_IDENTITY}\identity.crt" "${IDENTITY}\identity.crt"
+    ${If} ${Errors}
+        !insertmacro Fail ${EXIT_STEP_FAILED} "The TLS identity could not be moved from ${OLD_IDENTITY} to ${IDENTITY}."
+    ${EndIf}
+    Delete "${OLD_IDENTITY}\identity.key"
+    Delete "${OLD_IDENTITY}\identity.crt"
+    !insertmacro Log "identity moved from ${OLD_IDENTITY} to ${IDENTITY}"
+FunctionEnd
+
+Section "Tarn"
+    Call LockDataFolder
     ${If} $Upgrading == ""
         !insertmacro Log "Tarn ${VERSION}: installing into $INSTDIR"
     ${Else}
         !insertmacro Log "Tarn ${VERSION}: upgrading $Upgrading in $INSTDIR"
+        ; Removed and registered again: the account may change.
         !insertmacro Run '"$INSTDIR\TarnSvc.exe" -t'
+        StrCpy $R3 1
+        Call WaitForServiceState
+        !insertmacro Run '"$INSTDIR\TarnSvc.exe" -u'
+        ${If} $0 != 0
+            !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc of Tarn $Upgrading could not be removed; see ${LOG}."
+        ${EndIf}
         Call RemovePrograms
     ${EndIf}
+    ; Wherever the operator chose: nothing there may stay a user's.
+    StrCpy $R6 "$INSTDIR"
+    Call LockFolder
+    Call LogLocked
     SetOutPath "$INSTDIR"
     File /r /x TarnSrv.cfg "${STAGE}/*.*"
     Call WriteConfiguration
@@ -288,10 +371,12 @@ Section "Tarn"
     CreateShortcut "${SHORTCUTS}\Tarn Manager.lnk" "$INSTDIR\TarnSrv.exe"
     Call AddFirewallRules
 
-    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -i'
+    !insertmacro Run '"$INSTDIR\TarnSvc.exe" -i "${SERVICE_ACCOUNT}"'
     ${If} $0 != 0
         !insertmacro Fail ${EXIT_STEP_FAILED} "The service TarnSvc could not be installed; see ${LOG}."
     ${EndIf}
+    Call GrantDataToService
+    Call MoveIdentity
     Call StartServiceWithWindows
     !insertmacro Run '"$INSTDIR\TarnSvc.exe"'
     ${If} $0 != 0
@@ -311,6 +396,8 @@ Function un.onInit
         !insertmacro Fail ${EXIT_NOT_INSTALLED} "Tarn is not installed."
     ${EndIf}
     StrCpy $INSTDIR $0
+    ; The installer made the log's folder the administrators'.
+    StrCpy $LogReady 1
 FunctionEnd
 
 Section "Uninstall"
@@ -328,7 +415,9 @@ Section "Uninstall"
     !include "${REMOVE_FILES}"
     DeleteRegKey HKLM "${UNINSTALL_KEY}"
     ; Run in place (_?=), the uninstaller cannot delete itself: a hidden
-    ; command does it, and removes the folder, once this process has ended.
+    ; command does it, and removes the folder, once this process has ended,
+    ; which is after the caller saw it return. The quiet uninstall command
+    ; runs a copy instead.
     Delete "$INSTDIR\Uninstall.exe"
     RMDir "$INSTDIR"
     ${If} ${FileExists} "$INSTDIR\Uninstall.exe"

@@ -2,6 +2,7 @@
 #define PROCTOOLS_H
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QThread>
 #include <csignal>
@@ -19,6 +20,17 @@ inline QList<qint64> processesOf(const QString &executable)
             pids.append(pid);
     }
     return pids;
+}
+
+// Copies a program to where a test runs it from, 0755 whatever the source's
+// mode: -install refuses a program that others can write, as a build folder
+// made under a group-writable umask holds.
+inline bool copyProgram(const QString &from, const QString &to)
+{
+    return QFile::copy(from, to)
+           && QFile::setPermissions(to, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                            | QFileDevice::ReadGroup | QFileDevice::ExeGroup
+                                            | QFileDevice::ReadOther | QFileDevice::ExeOther);
 }
 
 inline void killAll(const QString &executable)

@@ -59,7 +59,7 @@ private:
 
     QTemporaryDir root;
     QString logPath;
-    const QString probe = QStringLiteral(SVC_PROBE_PATH);
+    QString probe;
     const QString name = QStringLiteral("tst_probe");
 };
 
@@ -68,6 +68,12 @@ void TestQtService::initTestCase()
     QVERIFY(root.isValid());
     qputenv("TARN_SCM_ROOT", root.path().toLocal8Bit());
     logPath = root.filePath(QStringLiteral("probe.log"));
+    // -install refuses a program or folder that others can write, as a build
+    // folder made under a group-writable umask is: the probe runs from a copy.
+    ::umask(022);
+    QVERIFY(QDir(root.path()).mkdir(QStringLiteral("bin")));
+    probe = root.filePath(QStringLiteral("bin/svc_probe"));
+    QVERIFY(copyProgram(QStringLiteral(SVC_PROBE_PATH), probe));
     qputenv("SVC_PROBE_LOG", logPath.toLocal8Bit());
 }
 

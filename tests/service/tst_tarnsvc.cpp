@@ -11,6 +11,9 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 // The real TarnSvc host, run from a copy in a directory with a space in its
 // path, against the substitute control manager.
 class TestTarnSvc : public QObject
@@ -28,6 +31,9 @@ private slots:
     void installTwiceAndUninstallTwice();
     void installAccounts_data();
     void installAccounts();
+    void installRefusesWhatOthersCanChange_data();
+    void installRefusesWhatOthersCanChange();
+    void installRegistersRecovery();
     void unknownOptionBecomesStartArgument();
     void keepsManagerRunning();
     void managerThatKeepsFailing();
@@ -59,8 +65,11 @@ void TestTarnSvc::initTestCase()
     // away from the user's and from a manager running on the machine.
     qputenv("XDG_CONFIG_HOME", temp.filePath(QStringLiteral("config")).toLocal8Bit());
     qputenv("TARN_INSTANCE_LOCK", temp.filePath(QStringLiteral("instance.lock")).toLocal8Bit());
+    // -i refuses a folder or program that others can write: what the test
+    // makes is its own, whatever the umask and the build folder's modes.
+    ::umask(022);
     host = copyHost(temp.filePath(QStringLiteral("svc host")));
-    QVERIFY(QFile::copy(QStringLiteral(TARNSRV_PATH), temp.filePath(QStringLiteral("svc host/TarnSrv"))));
+    QVERIFY(copyProgram(QStringLiteral(TARNSRV_PATH), temp.filePath(QStringLiteral("svc host/TarnSrv"))));
     QVERIFY(resolveScmFunctions());
 }
 
@@ -68,7 +77,7 @@ QString TestTarnSvc::copyHost(const QString &dir)
 {
     QDir().mkpath(dir);
     const QString path = dir + QLatin1String("/TarnSvc");
-    QFile::copy(QStringLiteral(TARNSVC_PATH), path);
+    copyProgram(QStringLiteral(TARNSVC_PATH), path);
     return path;
 }
 
@@ -241,10 +250,12 @@ void TestTarnSvc::installAccounts_data()
     QTest::addColumn<QString>("account");
     QTest::addColumn<uint>("serviceType");
 
+    // Own process (0x10) whatever the account: no interactive flag.
     QTest::newRow("bare user gets the local prefix") << QStringList{"-i", "someuser", "secret"} << ".\\someuser" << 0x10u;
     QTest::newRow("domain account kept") << QStringList{"-i", "DOM\\bob", ""} << "DOM\\bob" << 0x10u;
-    QTest::newRow("LocalSystem") << QStringList{"-i", "LocalSystem"} << "LocalSystem" << 0x110u;
-    QTest::newRow("prefixed LocalSystem") << QStringList{"-i", "NT AUTHORITY\\LocalSystem"} << "LocalSystem" << 0x110u;
+    QTest::newRow("virtual account kept") << QStringList{"-i", "NT SERVICE\\TarnSvc"} << "NT SERVICE\\TarnSvc" << 0x10u;
+    QTest::newRow("LocalSystem") << QStringList{"-i", "LocalSystem"} << "LocalSystem" << 0x10u;
+    QTest::newRow("prefixed LocalSystem") << QStringList{"-i", "NT AUTHORITY\\LocalSystem"} << "LocalSystem" << 0x10u;
     QTest::newRow("localsystem is a user name") << QStringList{"-i", "localsystem"} << ".\\localsystem" << 0x10u;
 }
 
@@ -258,6 +269,91 @@ void TestTarnSvc::installAccounts()
     DWORD type = 0;
     QCOMPARE(config(&type), account);
     QCOMPARE(uint(type), serviceType);
+}
+
+void TestTarnSvc::installRefusesWhatOthersCanChange_data()
+{
+    QTest::addColumn<QString>("file"); // in the host's folder; empty: the folder
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<uint>("owner"); // 0: the caller's
+    QTest::addColumn<QString>("reason"); // empty: installed
+
+    QTest::newRow("folder 0755") << QString() << 0755 << 0u << QString();
+    QTest::newRow("folder writable by its group") << QString() << 0775 << 0u << "writable by its group";
+    QTest::newRow("folder writable by every user") << QString() << 0757 << 0u << "writable by every user";
+    QTest::newRow("TarnSvc writable by every user") << "TarnSvc" << 0757 << 0u << "writable by every user";
+    QTest::newRow("TarnSrv writable by its group") << "TarnSrv" << 0775 << 0u << "writable by its group";
+    QTest::newRow("TarnSrv owned by nobody") << "TarnSrv" << 0755 << 65534u << "owned by user 65534";
+    QTest::newRow("TarnSrv.cfg 0644") << "TarnSrv.cfg" << 0644 << 0u << QString();
+    QTest::newRow("TarnSrv.cfg writable by every user") << "TarnSrv.cfg" << 0646 << 0u << "writable by every user";
+}
+
+// The service runs what is in the host's folder with its account's rights:
+// -i refuses a folder, program or configuration that others can change.
+void TestTarnSvc::installRefusesWhatOthersCanChange()
+{
+    QFETCH(QString, file);
+    QFETCH(int, mode);
+    QFETCH(uint, owner);
+    QFETCH(QString, reason);
+    if (owner && ::geteuid() != 0)
+        QSKIP("giving a file to another user needs root");
+
+    const QString dir = temp.filePath(QStringLiteral("guarded/%1").arg(QTest::currentDataTag()));
+    const QString guardedHost = copyHost(dir);
+    QVERIFY(copyProgram(QStringLiteral(TARNSRV_PATH), dir + QLatin1String("/TarnSrv")));
+    QFile cfg(dir + QLatin1String("/TarnSrv.cfg"));
+    QVERIFY(cfg.open(QIODevice::WriteOnly));
+    cfg.close();
+    const QString target = file.isEmpty() ? dir : dir + QLatin1Char('/') + file;
+    const QByteArray native = QFile::encodeName(target);
+    QCOMPARE(::chmod(native.constData(), mode_t(mode)), 0);
+    if (owner)
+        QCOMPARE(::chown(native.constData(), owner, gid_t(-1)), 0);
+
+    const Result r = run({QStringLiteral("-i")}, guardedHost);
+    if (reason.isEmpty()) {
+        QCOMPARE(r.err, QByteArray());
+        QCOMPARE(r.code, 0);
+        QVERIFY(QtServiceController(name).isInstalled());
+        return;
+    }
+    QCOMPARE(r.err, QStringLiteral("The service TarnSvc was not installed: other users can change %1 (%2)\n")
+                        .arg(target, reason).toLocal8Bit());
+    QCOMPARE(r.out, QByteArray());
+    QCOMPARE(r.code, 255);
+    QVERIFY(!QtServiceController(name).isInstalled());
+}
+
+// Restarts at once twice, then after a minute, the count reset after a day,
+// also after a stop with an error code; an automatic start waits.
+void TestTarnSvc::installRegistersRecovery()
+{
+    QCOMPARE(run({QStringLiteral("-i")}).code, 0);
+    ScmFunctions &scm = scmFunctions();
+    SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
+    SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryConfig);
+    const auto closeHandles = qScopeGuard([&] {
+        scm.CloseServiceHandle(service);
+        scm.CloseServiceHandle(manager);
+    });
+    std::vector<quint64> buffer(128);
+    const auto query = [&](DWORD level) {
+        DWORD needed = 0;
+        return scm.QueryServiceConfig2W(service, level, reinterpret_cast<LPBYTE>(buffer.data()),
+                                        DWORD(buffer.size() * 8), &needed);
+    };
+    QVERIFY(query(Scm::FailureActionsLevel));
+    const auto *failure = reinterpret_cast<const SERVICE_FAILURE_ACTIONSW *>(buffer.data());
+    QCOMPARE(failure->dwResetPeriod, DWORD(86400));
+    QList<QPair<int, DWORD>> actions;
+    for (DWORD i = 0; i < failure->cActions; ++i)
+        actions.append({failure->lpsaActions[i].Type, failure->lpsaActions[i].Delay});
+    QCOMPARE(actions, (QList<QPair<int, DWORD>>{{SC_ACTION_RESTART, 0}, {SC_ACTION_RESTART, 0}, {SC_ACTION_RESTART, 60000}}));
+    QVERIFY(query(Scm::FailureActionsFlagLevel));
+    QCOMPARE(reinterpret_cast<const SERVICE_FAILURE_ACTIONS_FLAG *>(buffer.data())->fFailureActionsOnNonCrashFailures, 1);
+    QVERIFY(query(Scm::DelayedAutoStartLevel));
+    QCOMPARE(reinterpret_cast<const SERVICE_DELAYED_AUTO_START_INFO *>(buffer.data())->fDelayedAutostart, 1);
 }
 
 void TestTarnSvc::unknownOptionBecomesStartArgument()

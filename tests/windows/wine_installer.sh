@@ -1,21 +1,39 @@
 #!/bin/bash
 # The Windows installer under Wine, in a fresh prefix: a silent install of an
-# older version, the upgrade to this one, the refusals, and the silent
-# uninstall. The older installer is made here from the same zip with a lower
-# version of its own, so the upgrade replaces the same programs: what it
-# proves is the installer's sequence (stop, replace, start) and what it keeps.
+# older version over a log folder a user made first, the upgrade to this one,
+# the refusals, the silent uninstall as the README gives it, and an install
+# into a folder of the operator's choice. The older installer is made here
+# from the same zip with a lower version of its own and the account versions
+# before 1.4 registered, LocalSystem, so the upgrade replaces the same
+# programs: what it proves is the installer's sequence (stop, remove,
+# replace, register under the service's own account, move the identity,
+# start) and what it keeps.
 #
 # Usage: tests/windows/wine_installer.sh <Windows build folder> <Linux tarn>
 #
 # Where Wine differs from Windows (beyond those in winelib.sh):
 # - Wine's netsh accepts firewall commands and does nothing, and Wine has no
-#   firewall to show rules; the commands the installer ran, with their exit
-#   codes, are checked in its log instead.
-# - The service's LocalSystem account is Wine's one user, so the manager's
-#   identity lands in that user's application data.
+#   firewall to show rules; its icacls accepts every command and changes no
+#   permission (Wine shows every file as its one user's). The commands the
+#   installer ran, with their exit codes, are checked in its log instead.
+# - Wine runs every service as its one user, whatever account it is
+#   registered under: the configuration shows NT SERVICE\TarnSvc, but the
+#   manager reads and writes that user's application data, not the account's
+#   profile. So the identity a LocalSystem service kept is put where Windows
+#   keeps it (LocalSystem's profile) by the check itself, the check sees the
+#   installer move it to the service's profile, and that the manager still
+#   serves the pinned identity holds under Wine whatever the move did.
+# - Wine's control manager keeps no recovery actions and knows neither the
+#   delayed start nor the flag for stops with an error code: it answers the
+#   queries of all three with error 124, and TarnSvc -i warns that it could
+#   not set the latter two; its output is checked in the installer's log.
+# - Wine makes no junction (mklink /J fails) and shows a Linux symbolic link
+#   as a plain folder, so the refusal of a junction or link (exit code 9) is
+#   not run here; that of a hard link below the log folder is (a Linux hard
+#   link is one to Wine).
 # - NSIS reads an in-place uninstall (_?=) only from an unquoted path, and
-#   wine quotes an argument that holds a space, so the uninstaller is run
-#   from a batch file, as a script on Windows would run it.
+#   wine quotes an argument that holds a space, so the uninstall command is
+#   run from a batch file, as a script on Windows would run it.
 set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=$(cd "${1:?usage: wine_installer.sh <Windows build folder> <Linux tarn>}" && pwd)
@@ -24,7 +42,7 @@ source "$HERE/winelib.sh"
 VERSION=$("$TARN" --version | awk '{print $NF}')
 SETUP=$(echo "$BUILD"/tarn-"$VERSION"-win64-setup.exe)
 [ -f "$SETUP" ] || die "no installer in $BUILD"
-OLD_SETUP=$(bash "$HERE/../../packaging/windows/installer.sh" "$BUILD/tarn-$VERSION-win64.zip" 0.9.0 "$WORK/old" | tail -n 1)
+OLD_SETUP=$(bash "$HERE/../../packaging/windows/installer.sh" "$BUILD/tarn-$VERSION-win64.zip" 0.9.0 "$WORK/old" LocalSystem | tail -n 1)
 [ -f "$OLD_SETUP" ] || die "cannot make the older installer"
 PORT=$(bash "$HERE/../../scripts/free-port.sh")
 
@@ -40,6 +58,18 @@ DATA="$WINEPREFIX/drive_c/ProgramData/Tarn"
 SHORTCUT="$WINEPREFIX/drive_c/ProgramData/Microsoft/Windows/Start Menu/Programs/Tarn/Tarn Manager.lnk"
 ENTRY='HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\Tarn'
 LOG=$DATA/install.log
+IDENTITY_PART="AppData/Local/VARNOK Labs/VARNOK Manager"
+SYSTEM_IDENTITY="$WINEPREFIX/drive_c/windows/system32/config/systemprofile/$IDENTITY_PART"
+SERVICE_IDENTITY="$WINEPREFIX/drive_c/windows/ServiceProfiles/TarnSvc/$IDENTITY_PART"
+# What the installer runs to make a folder the administrators', in order.
+LOCK_STEPS=('icacls "%s" /setowner *S-1-5-32-544' 'icacls "%s" /reset'
+    'icacls "%s" /inheritance:r /grant:r *S-1-5-18:F *S-1-5-32-544:F *S-1-5-32-545:RX'
+    'icacls "%s" /setowner *S-1-5-32-544 /T /C /L'
+    'icacls "%s" /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX')
+LOCK_CHILDREN='icacls "%s\*" /reset /T /C /L'
+# The recovery TarnSvc -i registers, as scquery shows it on Windows, and Wine's answer.
+RECOVERY='86400:1/0,1/0,1/60000|1|1'
+WINE_RECOVERY='error 124|error 124|error 124'
 
 # run_batch <command line>: as a batch file would run it, unquoted.
 run_batch() {
@@ -50,9 +80,20 @@ entry() { reg_value "$ENTRY" "$1"; }
 # ran <command>: the log holds the command, answered with exit code 0.
 ran() { tr -d '\r' < "$LOG" | grep -A 20 -Fx -- "> $1" | grep -m 1 '^exit ' | grep -qx 'exit 0'; }
 serving() { within 40 ping_linux "$PORT"; }
-identity() { cat "$WINEPREFIX"/drive_c/users/*/AppData/Local/"VARNOK Labs/VARNOK Manager/identity.crt" 2>/dev/null; }
+identity() { cat "$WINEPREFIX"/drive_c/users/*/"$IDENTITY_PART/identity.crt" 2>/dev/null; }
+# locked <folder> [children]: the installer made the folder the administrators'.
+locked() {
+    local step
+    for step in "${LOCK_STEPS[@]}"; do ran "$(printf "$step" "$1")" || return 1; done
+    [ -z "${2:-}" ] || ran "$(printf "$LOCK_CHILDREN" "$1")"
+}
+recovery_registered() { local r; r=$(scquery recovery TarnSvc); [ "$r" = "$RECOVERY" ] || [ "$r" = "$WINE_RECOVERY" ]; }
 
-step "1. silent install of an older version"
+step "1. silent install of an older version, over a log folder a user made"
+# Users may create folders in ProgramData: one made before the install, with
+# a file and a folder anyone may write, is taken over.
+mkdir -p "$DATA/a user's" && echo note > "$DATA/note.txt" && chmod 777 "$DATA/a user's" && chmod 666 "$DATA/note.txt" ||
+    die "cannot make the user's log folder"
 run "$OLD_SETUP" /S /PORT="$PORT"
 check "the installer ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 { unzip -Z1 "$BUILD/tarn-$VERSION-win64.zip" | grep -v '/$' | sed 's|^[^/]*/||'; echo Uninstall.exe; } | sort > "$WORK/expected-files"
@@ -61,19 +102,26 @@ check "the zip's files and the uninstaller are in Program Files" \
 check "TarnSrv.cfg names the port given" grep -qx "PortNr = $PORT" <(tr -d '\r' < "$PROGRAMS/TarnSrv.cfg")
 check "the service runs" wait_state TarnSvc $RUNNING
 config
-check "registered by TarnSvc.exe, started with Windows: $CONFIG" \
-    [ "$CONFIG" = "272|2|LocalSystem|\"$WINDIR\\TarnSvc.exe\"|VARNOK Server" ]
+check "registered by TarnSvc.exe as LocalSystem, own process, started with Windows: $CONFIG" \
+    [ "$CONFIG" = "16|2|LocalSystem|\"$WINDIR\\TarnSvc.exe\"|VARNOK Server" ]
 check "the Linux tarn pings the installed manager" serving
 check "and pinned its identity" grep -q "^127.0.0.1:$PORT " "$XDG_CONFIG_HOME/tarn/known_servers"
 check "the uninstall entry: version $(entry DisplayVersion)" [ "$(entry DisplayVersion)" = 0.9.0 ]
 check "the uninstall entry: publisher" [ "$(entry Publisher)" = "VARNOK Labs" ]
 check "the Start-menu shortcut" [ -f "$SHORTCUT" ]
 
-step "2. the firewall rules, from the installer's log"
+step "2. the firewall rules and the locked folders, from the installer's log"
 check "the session rule" ran "netsh advfirewall firewall add rule name=\"Tarn session\" dir=in action=allow program=\"$WINDIR\\TarnSrv.exe\" enable=yes protocol=TCP localport=$PORT"
 check "the discovery rule" ran "netsh advfirewall firewall add rule name=\"Tarn discovery\" dir=in action=allow program=\"$WINDIR\\TarnSrv.exe\" enable=yes protocol=UDP localport=49152-49172"
-check "the log folder locked to administrators" ran 'icacls "C:\ProgramData\Tarn" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX'
-check "the service registered through TarnSvc.exe -i" ran "\"$WINDIR\\TarnSvc.exe\" -i"
+check "the user's log folder noticed" grep -q '^C:\\ProgramData\\Tarn was there, owned by S-1-5-[-0-9]*: taken over' <(tr -d '\r' < "$LOG")
+check "the log folder and all in it made the administrators' before the log" locked 'C:\ProgramData\Tarn' children
+check "the log written only after that" [ "$(tr -d '\r' < "$LOG" | head -n 2 | tail -n 1)" = "> $(printf "${LOCK_STEPS[0]}" 'C:\ProgramData\Tarn')" ]
+check "the programs' folder made the administrators'" locked "$WINDIR"
+check "the service registered through TarnSvc.exe -i" ran "\"$WINDIR\\TarnSvc.exe\" -i \"LocalSystem\""
+check "recovery as -i registers it, or as Wine shows it: $(scquery recovery TarnSvc)" recovery_registered
+# Windows keeps a LocalSystem service's identity in that account's profile.
+mkdir -p "$SYSTEM_IDENTITY" && cp "$WINEPREFIX"/drive_c/users/*/"$IDENTITY_PART"/identity.* "$SYSTEM_IDENTITY/" ||
+    die "cannot put the identity where LocalSystem keeps it"
 
 step "3. upgrade in place"
 cp "$PROGRAMS/TarnSrv.cfg" "$WORK/cfg-before"
@@ -82,6 +130,12 @@ OLD_MANAGER=$(manager_pid)
 run "$SETUP" /S
 check "the upgrade ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 check "it stopped the service first" ran "\"$WINDIR\\TarnSvc.exe\" -t"
+check "and removed it, to register it again" ran "\"$WINDIR\\TarnSvc.exe\" -u"
+check "registered under its own account" ran "\"$WINDIR\\TarnSvc.exe\" -i \"NT SERVICE\\TarnSvc\""
+check "its account may write the log folder" ran 'icacls "C:\ProgramData\Tarn" /grant "NT SERVICE\TarnSvc:(OI)(CI)M"'
+check "the identity moved to the service's profile" cmp -s "$WORK/identity-before" "$SERVICE_IDENTITY/identity.crt"
+check "with its key" [ -s "$SERVICE_IDENTITY/identity.key" ]
+check "and gone from LocalSystem's" [ ! -e "$SYSTEM_IDENTITY/identity.key" ] && [ ! -e "$SYSTEM_IDENTITY/identity.crt" ]
 check "the service runs again" wait_state TarnSvc $RUNNING
 check "the old manager is gone" gone "${OLD_MANAGER:-0}"
 check "a new manager process" [ -n "$(manager_pid)" ] && [ "$(manager_pid)" != "$OLD_MANAGER" ]
@@ -90,9 +144,10 @@ check "the identity is unchanged" cmp -s "$WORK/identity-before" <(identity)
 check "TarnSrv.cfg is kept byte for byte" cmp -s "$WORK/cfg-before" "$PROGRAMS/TarnSrv.cfg"
 check "the uninstall entry names $VERSION" [ "$(entry DisplayVersion)" = "$VERSION" ]
 config
-check "still started with Windows: $CONFIG" [ "$CONFIG" = "272|2|LocalSystem|\"$WINDIR\\TarnSvc.exe\"|VARNOK Server" ]
+check "its own account, started with Windows: $CONFIG" [ "$CONFIG" = "16|2|NT SERVICE\\TarnSvc|\"$WINDIR\\TarnSvc.exe\"|VARNOK Server" ]
+check "recovery: $(scquery recovery TarnSvc)" recovery_registered
 
-step "5. refusals: a clear message and their own exit code"
+step "4. refusals: a clear message and their own exit code"
 while IFS='|' read -r name setup option code message; do
     run "$setup" /S $option
     check "$name: exit code $CODE, expected $code" [ "$CODE" = "$code" ]
@@ -105,22 +160,44 @@ a port past the last|$SETUP|/PORT=65536|6|/PORT needs a port number from 1 to 65
 EOF_REFUSALS
 check "the refusals left the service running" wait_state TarnSvc $RUNNING
 
-step "4. silent uninstall"
-cp "$PROGRAMS/Uninstall.exe" "$DIR/Uninstall.exe"
-run_batch "$(entry QuietUninstallString)"
+step "5. silent uninstall, run as the README says"
+cp "$PROGRAMS/Uninstall.exe" "$DIR/Uninstall.exe" # for step 6
+UNINSTALL=$(sed -n 's/^    \(cmd.exe .*\\Uninstall.exe".*\)$/\1/p' "$HERE/../../README.md")
+check "the README's command is the uninstall entry's: $UNINSTALL" [ "$UNINSTALL" = "$(entry QuietUninstallString)" ]
+run_batch "$UNINSTALL"
 check "the uninstaller ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 query TarnSvc
 check "no service: $STATE" [ "$STATE" = none ]
-check "nothing left under Program Files" within 10 test ! -e "$PROGRAMS"
+check "nothing left under Program Files when it returns" [ ! -e "$PROGRAMS" ]
 check "no uninstall entry" [ -z "$(entry DisplayVersion)" ]
 check "no shortcut" [ ! -e "$SHORTCUT" ]
 check "the firewall rules removed" ran 'netsh advfirewall firewall delete rule name="Tarn session"'
-check "the identity stays" cmp -s "$WORK/identity-before" <(identity)
+check "the identity stays" cmp -s "$WORK/identity-before" "$SERVICE_IDENTITY/identity.crt"
 check "the manager's log stays" [ -s "$DATA/TarnSrvSvc.html" ]
 
-step "5. uninstalling what is not installed"
+step "6. uninstalling what is not installed"
 run_batch "Uninstall.exe /S _?=$WINDIR"
 check "exit code $CODE, expected 5" [ "$CODE" = 5 ]
 check "says '$ERR'" [ "$ERR" = "Tarn is not installed." ]
+
+step "7. a file or a hard link in the way, then an install into a folder of the operator's choice"
+mv "$DATA" "$DATA.kept" && touch "$DATA" || die "cannot put a file in the log folder's place"
+run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
+check "a file where the log folder goes: exit code $CODE, expected 7" [ "$CODE" = 7 ]
+check "says '$ERR'" [ "$ERR" = 'C:\ProgramData\Tarn is not a folder and cannot be made one.' ]
+rm "$DATA" && mv "$DATA.kept" "$DATA" || die "cannot put the log folder back"
+# Resetting a hard link's permissions resets those of the file it shares.
+ln "$WINEPREFIX/drive_c/windows/win.ini" "$DATA/linked.ini" || die "cannot make the hard link"
+run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
+check "a hard link below the log folder: exit code $CODE, expected 9" [ "$CODE" = 9 ]
+check "says '$ERR'" [ "$ERR" = 'C:\ProgramData\Tarn holds a hard link, C:\ProgramData\Tarn\linked.ini, which Tarn does not follow; remove it and run the installer again.' ]
+rm "$DATA/linked.ini"
+run "$SETUP" /S /PORT="$PORT" /D=C:\\Tarn
+check "the installer ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
+check "C:\\Tarn made the administrators' before the programs were copied" locked 'C:\Tarn'
+config
+check "registered from there: $CONFIG" [ "$CONFIG" = "16|2|NT SERVICE\\TarnSvc|\"C:\\Tarn\\TarnSvc.exe\"|VARNOK Server" ]
+check "the service runs" wait_state TarnSvc $RUNNING
+check "and serves" serving
 
 finish "the installer under Wine" "$LOG" "$WORK/ping.out"

@@ -32,6 +32,12 @@
 #   own-process service does on Windows. So the event-log record the host
 #   writes on such a failure is not provoked here; the event-log path itself
 #   is checked through the probe service.
+# - Wine's control manager keeps no failure actions and rejects the delayed
+#   start and the failure-actions flag (error 124): -i's warnings about the
+#   two are expected here; the Linux tests read all three back from the
+#   stand-in.
+# - Wine shows every file as its one user's, with a Linux mode's write bits
+#   for others as Everyone's: a folder made 0777 is one anyone may write.
 # - Wine neither checks nor shows a service's password, so an installation
 #   with one is checked for its account only; the Linux tests check how the
 #   password is handed over.
@@ -67,15 +73,30 @@ expect "-t, not installed" "" "The service could not be stopped. ($NO_SERVICE_TE
 expect "no option, not installed" "" "The service TarnSvc could not start
 " 252 "$HOST"
 
+# A folder any user may write (a Linux mode that Wine shows as Everyone's
+# write): the service would run what a user put there, so -i refuses it.
+mkdir "$DIR/open" && cp "$DIR"/{TarnSvc.exe,*.dll} "$DIR/open/" && chmod 777 "$DIR/open" || die "cannot stage the open folder"
+expect "-i from a folder anyone may write" "" "The service TarnSvc was not installed: other users can change $WINDIR\\open (Everyone may write it)
+" 255 "$WINDIR\\open\\TarnSvc.exe" -i
+query TarnSvc
+check "nothing installed from there: $STATE" [ "$STATE" = none ]
+
+# Wine's control manager accepts the failure actions (and keeps none), but
+# knows neither the flag for stops with an error code nor the delayed start:
+# -i says so and installs.
+NO_LEVEL_TEXT=$(scquery text 124)
+WINE_WARNINGS="The service's restarts after a stop with an error could not be set. ($NO_LEVEL_TEXT)
+The service's delayed start could not be set. ($NO_LEVEL_TEXT)
+"
 expect "-i" "The service TarnSvc has been installed under: $HOST
-" "" 0 "$HOST" -i
+" "$WINE_WARNINGS" 0 "$HOST" -i
 expect_v "installed and not running"
 query TarnSvc
 check "installed and stopped in the manager" [ "$STATE" = $STOPPED ]
-# Own process, interactive (0x110), demand start (3), no account (shown as
-# LocalSystem), the path in quotes and the description.
+# Own process (0x10), demand start (3), no account (shown as LocalSystem),
+# the path in quotes and the description.
 config
-check "configuration: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$HOST\"|VARNOK Server" ]
+check "configuration: $CONFIG" [ "$CONFIG" = "16|3|LocalSystem|\"$HOST\"|VARNOK Server" ]
 
 # A bare start from a console: 1063, then the manager starts the service,
 # whose main runs the host, which launches the stand-in child.
@@ -158,9 +179,9 @@ LONGHOST="$WINDIR\\$LONGDIR\\TarnSvc.exe"
 mkdir -p "$DIR/$LONG/$LONG/$LONG"
 cp "$DIR"/{TarnSvc.exe,*.dll} "$DIR/$LONG/$LONG/$LONG/"
 expect "-i, path of ${#LONGHOST} characters" "The service TarnSvc has been installed under: $LONGHOST
-" "" 0 "$LONGHOST" -i
+" "$WINE_WARNINGS" 0 "$LONGHOST" -i
 config
-check "long path registered: $CONFIG" [ "$CONFIG" = "272|3|LocalSystem|\"$LONGHOST\"|VARNOK Server" ]
+check "long path registered: $CONFIG" [ "$CONFIG" = "16|3|LocalSystem|\"$LONGHOST\"|VARNOK Server" ]
 run "$LONGHOST" -u
 
 # A manager that ends at once every time (the query tool, which exits with 2
