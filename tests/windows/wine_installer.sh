@@ -147,6 +147,18 @@ config
 check "its own account, started with Windows: $CONFIG" [ "$CONFIG" = "16|2|NT SERVICE\\TarnSvc|\"$WINDIR\\TarnSvc.exe\"|VARNOK Server" ]
 check "recovery: $(scquery recovery TarnSvc)" recovery_registered
 
+step "3b. the manager killed under the service comes back (the first back-off is 1 s)"
+KILLED=$(manager_pid)
+KILLED_AT=$(date +%s%N)
+(cd "$DIR" && wine taskkill /F /PID "${KILLED:-0}" < /dev/null > "$WORK/taskkill.out" 2>&1)
+check "the killed manager is gone" gone "${KILLED:-0}"
+check "a new manager answers after the kill" serving
+SECONDS_TO_SERVE=$(( ($(date +%s%N) - KILLED_AT) / 1000000000 ))
+echo "served again ${SECONDS_TO_SERVE} s after the kill"
+check "within 10 s of the kill" [ "$SECONDS_TO_SERVE" -lt 10 ]
+check "in a new process" [ -n "$(manager_pid)" ] && [ "$(manager_pid)" != "$KILLED" ]
+check "the service still runs" in_state TarnSvc $RUNNING
+
 step "4. refusals: a clear message and their own exit code"
 while IFS='|' read -r name setup option code message; do
     run "$setup" /S $option
