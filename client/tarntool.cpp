@@ -3,6 +3,7 @@
 #include "commandline.h"
 #include "fingerprintprobe.h"
 #include "knownservers.h"
+#include "printable.h"
 #include "srvurldetect.h"
 #include "tarnclt.h"
 
@@ -41,33 +42,6 @@ QString LoginName()
             return name;
     }
     return QStringLiteral("tarn");
-}
-
-// Characters a terminal may act on instead of showing them: C0 and C1 controls,
-// DEL, format characters such as bidirectional overrides, and line and
-// paragraph separators.
-bool IsUnsafeForTerminal(uint ucs4)
-{
-    switch (QChar::category(ucs4)) {
-    case QChar::Other_Control:
-    case QChar::Other_Format:
-    case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-        return true;
-    default:
-        return false;
-    }
-}
-
-// Guest names come from any client. Text output shows each unsafe character
-// as U+FFFD (toUcs4 already makes unpaired surrogates one).
-QString Printable(const QString &text)
-{
-    QString shown;
-    shown.reserve(text.size());
-    for (const uint ucs4 : text.toUcs4())
-        shown += IsUnsafeForTerminal(ucs4) ? QString(QChar::ReplacementCharacter) : QString::fromUcs4(&ucs4, 1);
-    return shown;
 }
 
 // QJsonDocument escapes only what JSON requires (below U+0020); the rest of the

@@ -2,6 +2,7 @@
 
 #include "journalstream.h"
 #include "loglevel.h"
+#include "printable.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -126,8 +127,10 @@ void LogSink::Show(quint32 type, const QString &stamp, const QString &text)
     }
     if (text.isEmpty())
         return;
-    const QByteArray line =
-        StderrPrefix(type) + QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), text).toUtf8();
+    // Guest names come from any client: a control character could act on a
+    // terminal or, as a NUL, end the journal's line and begin a forged one.
+    const QByteArray line = StderrPrefix(type)
+        + QStringLiteral("%1 - %2 : %3\n").arg(stamp, LevelName(type), Tarn::Printable(text)).toUtf8();
     std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
     // Windows' C runtime buffers stderr when it is a file or a pipe, and a
     // headless log is read as it grows.

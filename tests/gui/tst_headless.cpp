@@ -92,7 +92,8 @@ private slots:
         int dropped = 0;
         QTimer load;
         for (int i = 0; i < ClientCount; ++i) {
-            const ClientRecord record = Record(QUuid::createUuid().toString(), QStringLiteral("guest%1").arg(i));
+            // A name with an escape sequence, which must not reach a terminal or the journal raw.
+            const ClientRecord record = Record(QUuid::createUuid().toString(), QStringLiteral("guest%1\x1b[2J").arg(i));
             clients.push_back(std::make_unique<QWebSocket>(TarnClt::BuildOrigin(record)));
             QWebSocket *client = clients.back().get();
             connect(client, &QWebSocket::sslErrors, client, [client] { client->ignoreSslErrors(); });
@@ -119,8 +120,10 @@ private slots:
         QCOMPARE(log.mid(log.size() - 4),
                  (QStringList{"Stopping Tarn server...", "Tarn server stopped.", "", "VARNOK Server closed."}));
         QVERIFY(log.lastIndexOf("Disconnecting all clients...") > log.lastIndexOf(QRegularExpression("^Received ping")));
-        // Plain lines only.
+        // Plain lines only, and nothing a peer sent that a terminal would act on.
         QVERIFY2(!err.contains("<font"), err.constData());
+        QVERIFY(err.contains("guest0\xEF\xBF\xBD[2J"));
+        QVERIFY(!err.contains('\x1b'));
         QVERIFY(err.contains(" - Info : VARNOK Server closed.\n"));
         // The port of this run was not stored over the configured one.
         QSettings stored(ConfigFolder() + QStringLiteral("/VARNOK Labs/VARNOK Manager.conf"), QSettings::IniFormat);
