@@ -10,6 +10,8 @@ source "$source_dir/scripts/background-job.sh"
 
 port=$("$source_dir/scripts/free-port.sh")
 mkdir -p "$work/config"
+# There before the job opens it: the loop reads it at once.
+: > "$work/out"
 # The already built programs: the script only checks that they are up to date.
 (unset DISPLAY WAYLAND_DISPLAY QT_QPA_PLATFORM TARN_QT_MAJOR
  export TARN_BUILD_DIR=$build TARN_PORT=$port TMPDIR=$work XDG_CONFIG_HOME=$work/config \
