@@ -84,7 +84,7 @@ private slots:
         QTest::newRow("url without port") << QStringList{"clients", "wss://127.0.0.1"} << 2 << ""
                                           << "tarn: 'wss://127\\.0\\.0\\.1' is not a server URL; expected wss://HOST:PORT\n";
         QTest::newRow("unreachable") << QStringList{"ping", "wss://127.0.0.1:CLOSED"} << 1 << ""
-                                     << "tarn: cannot connect to wss://127\\.0\\.0\\.1:\\d+\n";
+                                     << "tarn: cannot connect to wss://127\\.0\\.0\\.1:\\d+: Connection refused\n";
         QTest::newRow("bad session") << QStringList{"clients", "URL", "--session", "nope"} << 2 << ""
                                      << "tarn: 'nope' is not a session UUID\n";
         QTest::newRow("unknown command") << QStringList{"frobnicate"} << 2 << ""
