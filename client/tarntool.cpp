@@ -393,16 +393,10 @@ int TarnTool::WatchCommand()
         out << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss")) << ' ' << sign << ' '
             << Describe(c) << Qt::endl;
     };
-    QString failure;
-    // A server that cannot answer within the reply time is as good as gone.
     auto poll = [&] {
         QList<ActiveClient> now;
-        if (!FetchClients(client, now)) {
-            if (failure.isEmpty())
-                failure = QStringLiteral("no answer from %1 within %2 ms").arg(url.toString()).arg(TarnClt::ReplyTimeoutMs);
-            loop.exit(Failed);
+        if (!FetchClients(client, now))
             return;
-        }
         const ClientChanges changes = DiffClients(shown, now);
         for (const ActiveClient &c : changes.left)
             report(QLatin1Char('-'), c);
@@ -412,13 +406,10 @@ int TarnTool::WatchCommand()
     };
     QTimer timer;
     QObject::connect(&timer, &QTimer::timeout, &loop, poll);
-    QObject::connect(&client, &TarnClt::UnexpectedDisconnection, &loop, [&] {
-        failure = WithReason(QStringLiteral("connection to %1 lost").arg(url.toString()), client);
-        loop.exit(Failed);
-    });
+    QObject::connect(&client, &TarnClt::UnexpectedDisconnection, &loop, [&] { loop.exit(Failed); });
     // From inside the loop, so that a loss during the first poll can end it.
     QTimer::singleShot(0, &loop, poll);
     timer.start(interval);
     loop.exec();
-    return Fail(failure);
+    return Fail(WithReason(QStringLiteral("connection to %1 lost").arg(url.toString()), client));
 }

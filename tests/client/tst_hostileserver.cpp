@@ -144,13 +144,10 @@ private slots:
         QTest::newRow("silent after accept") << Hostility::SilentAfterAccept << "ping"
                                              << cannot + "no connection within 3000 ms\n"
                                              << TarnClt::ConnectTimeoutMs << TarnClt::ConnectTimeoutMs + 2000;
-        // Which comes first depends on the Qt build: one answers pings until
-        // its pongs pile up, another stops reading while its writes wait.
+        // Found by a check on a delivery, or at the latest by the next poll's request.
         QTest::newRow("ping flood, never reading")
             << Hostility::PingFlood << "watch"
-            << "tarn: (connection to URL lost: the server does not read: over 1048576 bytes unsent"
-               "|no answer from URL within 1000 ms)\n"
-            << 0 << 5000;
+            << "tarn: connection to URL lost: the server does not read: over 1048576 bytes unsent\n" << 0 << 5000;
     }
 
     void boundedAgainst()
