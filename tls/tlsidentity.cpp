@@ -1,5 +1,6 @@
 #include "tlsidentity.h"
 
+#include "datafolders.h"
 #include "fingerprint.h"
 #include "tlskeygen.h"
 
@@ -8,7 +9,6 @@
 #include <QFileInfo>
 #include <QLockFile>
 #include <QSaveFile>
-#include <QStandardPaths>
 #include <QSysInfo>
 
 using TlsKeyGen::PemPair;
@@ -161,13 +161,8 @@ TlsIdentity TlsIdentity::Renew(const QString &folder, QString *error)
 
 QString TlsIdentity::DefaultFolder()
 {
-    // systemd names the unit's state directory; a list gives the first one.
-    const QString state = qEnvironmentVariable("STATE_DIRECTORY");
-    if (!state.isEmpty())
-        return state.section(QLatin1Char(':'), 0, 0);
-    // The organisation and application names of the settings store.
-    return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-           + QStringLiteral("/VARNOK Labs/VARNOK Manager");
+    const QString state = Tarn::UnitDirectory("STATE_DIRECTORY");
+    return state.isEmpty() ? Tarn::UserDataFolder() : state;
 }
 
 QString TlsIdentity::KeyPath(const QString &folder)
