@@ -3,6 +3,7 @@
 #include "fingerprint.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QSslConfiguration>
 #include <QSslSocket>
@@ -56,32 +57,48 @@ bool TarnClt::Open(const QUrl &target, ClientRecord *rec)
     connect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
     socket->setSslConfiguration(ClientTls(target));
     peerFingerprint.clear();
+    error.clear();
     attemptEnded = false;
+    upgradeBytes = 0;
     socket->open(target);
+    // The web socket parses what arrives in a queued call, so this slot sees
+    // each delivery before the parser takes it. A frame waits there whole, so
+    // the buffer holds one largest message, and no more is read while it is full.
+    if (QSslSocket *transport = Transport()) {
+        transport->setReadBufferSize(MaxUnreadBytes);
+        connect(transport, &QSslSocket::readyRead, this, &TarnClt::TransportReadyRead);
+    }
     WaitForConnection();
 
     if (isConnected) {
         url = target;
         lastUrl = url;
         record = rec;
+        return true;
     }
-    return isConnected;
+    if (error.isEmpty())
+        error = socket->error() == QAbstractSocket::UnknownSocketError ? QString() : socket->errorString();
+    socket->abort();
+    Close();
+    return false;
 }
 
-// Up to 30 rounds of 100 ms; a slot that decides the attempt ends the wait.
+// One deadline over the whole attempt. A slot that decides the attempt ends
+// the wait; so may an event loop nested in ours (a timer's blocking ping, say)
+// quitting this one, which is why the loop is entered again until either.
 void TarnClt::WaitForConnection()
 {
-    QTimer round;
-    round.setSingleShot(true);
-    connect(&round, &QTimer::timeout, &connectLoop, &QEventLoop::quit);
-    for (int attempt = 0; attempt < ConnectAttempts; ++attempt) {
-        round.start(ConnectAttemptMs);
+    const QDeadlineTimer deadline(ConnectTimeoutMs, Qt::PreciseTimer);
+    QTimer expiry;
+    expiry.setSingleShot(true);
+    expiry.setTimerType(Qt::PreciseTimer);
+    connect(&expiry, &QTimer::timeout, &connectLoop, &QEventLoop::quit);
+    while (!attemptEnded && !deadline.hasExpired()) {
+        expiry.start(int(deadline.remainingTime()));
         connectLoop.exec();
-        // Not the round's timer: the slot may have run in an event loop nested
-        // in ours (a timer's blocking ping, say) as that timer fired too.
-        if (attemptEnded)
-            break;
     }
+    if (!attemptEnded)
+        error = QStringLiteral("no connection within %1 ms").arg(ConnectTimeoutMs);
 }
 
 // Sessions persist, so a reconnect to the same server after a blip offers the
@@ -103,6 +120,8 @@ void TarnClt::Close()
 {
     if (!socket)
         return;
+    if (QSslSocket *transport = Transport())
+        disconnect(transport, &QSslSocket::readyRead, this, &TarnClt::TransportReadyRead);
     disconnect(socket, &QWebSocket::connected, this, &TarnClt::connected);
     disconnect(socket, &QWebSocket::disconnected, this, &TarnClt::disconnected);
     disconnect(socket, &QWebSocket::sslErrors, this, &TarnClt::onSslErrors);
@@ -147,14 +166,59 @@ void TarnClt::disconnected()
     // Only a completed connection that went away is unexpected; a failed attempt is not.
     if (!url.isEmpty())
         LoseConnection();
+    else if (!attemptEnded)
+        EndConnectAttempt(); // refused or dropped: no use waiting for the deadline
     isConnected = false;
 }
 
 void TarnClt::LoseConnection()
 {
     heartbeatTimer.stop();
+    QWebSocket *lost = socket;
     Close();
+    // What it still holds goes now, not at its deferred deletion.
+    if (lost)
+        lost->abort();
     emit UnexpectedDisconnection();
+}
+
+void TarnClt::GiveUp(const QString &reason)
+{
+    error = reason;
+    if (isConnected) {
+        LoseConnection();
+        return;
+    }
+    socket->abort();
+    EndConnectAttempt();
+}
+
+// Before the upgrade, the reply's size; after it, the connection's bounds.
+void TarnClt::TransportReadyRead()
+{
+    if (isConnected) {
+        WithinBounds();
+        return;
+    }
+    // Each delivery counts all that waits, a line the parser has not taken
+    // yet again: an upper bound of what arrived.
+    upgradeBytes += Transport()->bytesAvailable();
+    if (upgradeBytes > MaxUpgradeReplyBytes)
+        GiveUp(QStringLiteral("the upgrade reply exceeds %1 bytes").arg(MaxUpgradeReplyBytes));
+}
+
+// Checked on every delivery and every message sent: the automatic answers to
+// pings pile up too when the server stops reading.
+bool TarnClt::WithinBounds()
+{
+    const QSslSocket *transport = Transport();
+    if (UnsentBytes(socket, transport) > MaxUnsentBytes)
+        GiveUp(QStringLiteral("the server does not read: over %1 bytes unsent").arg(MaxUnsentBytes));
+    else if (transport && transport->bytesAvailable() >= MaxUnreadBytes)
+        GiveUp(QStringLiteral("the server's unread data reached %1 bytes").arg(MaxUnreadBytes));
+    else
+        return true;
+    return false;
 }
 
 QSslSocket *TarnClt::Transport() const
@@ -220,10 +284,7 @@ qint64 TarnClt::Send(const QString &text)
 {
     reply.clear();
     const qint64 sent = socket->sendTextMessage(text);
-    if (UnsentBytes(socket, Transport()) <= MaxUnsentBytes)
-        return sent;
-    LoseConnection();
-    return -1;
+    return WithinBounds() ? sent : -1;
 }
 
 void TarnClt::WaitForReply()

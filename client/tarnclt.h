@@ -38,11 +38,18 @@ public:
     // Fingerprint of the certificate the last handshake presented, empty when none did.
     QString PeerFingerprint() const { return peerFingerprint; }
 
+    // Why the last Open failed or the connection was given up; empty when
+    // the server simply went away.
+    QString ErrorString() const { return error; }
+
     // Only tests shorten the heartbeat period; the product keeps HeartBeatIntervalMs.
     void SetHeartBeatInterval(int ms);
 
-    static constexpr int ConnectAttempts = 30;
-    static constexpr int ConnectAttemptMs = 100;
+    // Wall-clock bound on a whole connection attempt: TCP, TLS and the upgrade.
+    static constexpr int ConnectTimeoutMs = 3000;
+    // A real upgrade reply is a few hundred bytes; a server sending more is
+    // feeding the client's header parser.
+    static constexpr qint64 MaxUpgradeReplyBytes = 16 * 1024;
     static constexpr int ReplyTimeoutMs = 1000;
     // Largest message taken from a server: an active-clients list of some
     // twenty thousand entries with the longest names.
@@ -50,6 +57,8 @@ public:
     // The connector's own messages are tiny: this much unsent means the server
     // stopped reading, and the connection is given up.
     static constexpr qint64 MaxUnsentBytes = 1024 * 1024;
+    // Received bytes waiting on the transport: one largest message and its framing.
+    static constexpr qint64 MaxUnreadBytes = qint64(MaxIncomingSize) + 64 * 1024;
 
 signals:
     void UnexpectedDisconnection();
@@ -59,6 +68,7 @@ private slots:
     void disconnected();
     void onSslErrors(const QList<QSslError> &errors);
     void RcvdMessage(const QString &msg);
+    void TransportReadyRead();
     qint64 SendHeartBeat();
 
 private:
@@ -66,6 +76,8 @@ private:
     void WaitForConnection();
     void EndConnectAttempt();
     void LoseConnection();
+    void GiveUp(const QString &reason);
+    bool WithinBounds();
     QSslSocket *Transport() const;
     QSslConfiguration ClientTls(const QUrl &target) const;
     bool PeerTrusted();
@@ -77,6 +89,8 @@ private:
     QWebSocket *socket = nullptr;
     bool isConnected = false;
     bool attemptEnded = false;
+    qint64 upgradeBytes = 0;
+    QString error;
     bool reportSslErrors = false;
     QString expectedFingerprint;
     QString peerFingerprint;

@@ -12,6 +12,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QTimer>
 
 using namespace Tarn;
@@ -67,7 +68,29 @@ QString Describe(const ActiveClient &client)
     return Printable(client.guestName) + QLatin1Char(' ') + UuidText(client.sessionUuid);
 }
 
+// The message, followed by the client's reason when it has one.
+QString WithReason(const QString &message, const TarnClt &client)
+{
+    const QString reason = client.ErrorString();
+    return reason.isEmpty() ? message : message + QStringLiteral(": ") + reason;
+}
+
+QList<ActiveClient> Missing(const QList<ActiveClient> &from, const QList<ActiveClient> &in)
+{
+    const QSet<ActiveClient> present(in.cbegin(), in.cend());
+    QList<ActiveClient> missing;
+    for (const ActiveClient &client : from)
+        if (!present.contains(client))
+            missing.append(client);
+    return missing;
+}
+
 } // namespace
+
+ClientChanges DiffClients(const QList<ActiveClient> &before, const QList<ActiveClient> &after)
+{
+    return {Missing(before, after), Missing(after, before)};
+}
 
 TarnTool::TarnTool()
     : out(stdout), err(stderr)
@@ -192,7 +215,7 @@ int TarnTool::Connect(TarnClt &client, QUrl &url)
     if (parser.isSet(Insecure)) {
         err << "tarn: --insecure: the server's certificate is not checked; anyone on the way could pose as it"
             << Qt::endl;
-        return client.Open(url, &identity) ? Ok : CannotConnect(url);
+        return client.Open(url, &identity) ? Ok : CannotConnect(url, client);
     }
     return OpenKnown(client, url);
 }
@@ -221,7 +244,7 @@ int TarnTool::OpenKnown(TarnClt &client, const QUrl &url)
         return Failed;
     }
     if (!opened)
-        return CannotConnect(url);
+        return CannotConnect(url, client);
     if (presented.isEmpty() || presented == recorded)
         return Ok;
     if (recorded.isEmpty()) {
@@ -244,9 +267,9 @@ void TarnTool::ShowFingerprints(const QString &recorded, const QString &presente
         << "  presented SHA-256 fingerprint: " << presented << '\n';
 }
 
-int TarnTool::CannotConnect(const QUrl &url)
+int TarnTool::CannotConnect(const QUrl &url, const TarnClt &client)
 {
-    return Fail(QStringLiteral("cannot connect to %1").arg(url.toString()));
+    return Fail(WithReason(QStringLiteral("cannot connect to %1").arg(url.toString()), client));
 }
 
 int TarnTool::DiscoverOne(QUrl &url)
@@ -287,7 +310,8 @@ int TarnTool::PingCommand()
     const double ms = double(rtt.nsecsElapsed()) / 1e6;
     client.Close();
     if (result != 0)
-        return Fail(QStringLiteral("no pong from %1 within %2 ms").arg(url.toString()).arg(TarnClt::ReplyTimeoutMs));
+        return Fail(WithReason(
+            QStringLiteral("no pong from %1 within %2 ms").arg(url.toString()).arg(TarnClt::ReplyTimeoutMs), client));
     out << "pong from " << url.toString() << ": " << QString::number(ms, 'f', 2) << " ms" << Qt::endl;
     return Ok;
 }
@@ -300,7 +324,7 @@ int TarnTool::ClientsCommand()
     if (const int rc = Connect(client, url))
         return rc;
     if (!FetchClients(client, clients))
-        return Fail(QStringLiteral("no answer from %1").arg(url.toString()));
+        return Fail(WithReason(QStringLiteral("no answer from %1").arg(url.toString()), client));
     client.Close();
 
     if (parser.isSet(QStringLiteral("json"))) {
@@ -347,19 +371,19 @@ int TarnTool::WatchCommand()
         QList<ActiveClient> now;
         if (!FetchClients(client, now))
             return;
-        for (const ActiveClient &c : qAsConst(shown))
-            if (!now.contains(c))
-                report(QLatin1Char('-'), c);
-        for (const ActiveClient &c : qAsConst(now))
-            if (!shown.contains(c))
-                report(QLatin1Char('+'), c);
+        const ClientChanges changes = DiffClients(shown, now);
+        for (const ActiveClient &c : changes.left)
+            report(QLatin1Char('-'), c);
+        for (const ActiveClient &c : changes.joined)
+            report(QLatin1Char('+'), c);
         shown = now;
     };
     QTimer timer;
     QObject::connect(&timer, &QTimer::timeout, &loop, poll);
     QObject::connect(&client, &TarnClt::UnexpectedDisconnection, &loop, [&] { loop.exit(Failed); });
-    poll();
+    // From inside the loop, so that a loss during the first poll can end it.
+    QTimer::singleShot(0, &loop, poll);
     timer.start(interval);
     loop.exec();
-    return Fail(QStringLiteral("connection to %1 lost").arg(url.toString()));
+    return Fail(WithReason(QStringLiteral("connection to %1 lost").arg(url.toString()), client));
 }

@@ -9,6 +9,15 @@
 
 class TarnClt;
 
+// What `watch` reports between two lists: who left (in the old list's order)
+// and who joined (in the new one's). Linear in the lists' lengths.
+struct ClientChanges
+{
+    QList<ActiveClient> left;
+    QList<ActiveClient> joined;
+};
+ClientChanges DiffClients(const QList<ActiveClient> &before, const QList<ActiveClient> &after);
+
 // The `tarn` command line: discover, ping, clients and watch.
 class TarnTool
 {
@@ -32,7 +41,7 @@ private:
     int Connect(TarnClt &client, QUrl &url);
     int OpenKnown(TarnClt &client, const QUrl &url);
     void ShowFingerprints(const QString &recorded, const QString &presented);
-    int CannotConnect(const QUrl &url);
+    int CannotConnect(const QUrl &url, const TarnClt &client);
     int DiscoverOne(QUrl &url);
     QList<QUrl> DiscoverServers();
     bool FetchClients(TarnClt &client, QList<ActiveClient> &clients);

@@ -77,6 +77,12 @@ struct ActiveClient
     }
 };
 
+// Qt 5 hashes to uint, Qt 6 to size_t.
+inline auto qHash(const ActiveClient &client, decltype(qHash(QString())) seed = 0)
+{
+    return qHash(client.guestName, seed) ^ qHash(client.sessionUuid, seed);
+}
+
 namespace Tarn {
 // Reads the body of an "Active clients" reply: name and session UUID pairs,
 // each field followed by ",". An unpaired last field is dropped.

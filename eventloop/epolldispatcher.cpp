@@ -294,15 +294,18 @@ const EpollEventDispatcher::Due *EpollEventDispatcher::NextDue()
 int EpollEventDispatcher::ActivateTimers()
 {
     const qint64 now = Now();
-    std::vector<int> due;
+    std::vector<Due> due;
     for (const Due *next = NextDue(); next && next->deadline <= now; next = NextDue()) {
-        due.push_back(next->timerId);
+        due.push_back(*next);
         heap.pop();
     }
     int fired = 0;
-    for (int id : due) {
+    for (const Due &entry : due) {
+        const int id = entry.timerId;
         auto timer = timers.find(id);
-        if (timer == timers.end())
+        // Killed, restarted or fired by a nested pass since: a timer that took
+        // over a killed one's id holds a newer ticket and waits its own interval.
+        if (timer == timers.end() || timer->second.ticket != entry.ticket)
             continue;
         Timer &t = timer->second;
         if (t.firing) {

@@ -1,11 +1,12 @@
 #include "logsink.h"
 
+#include "datafolders.h"
 #include "journalstream.h"
 #include "loglevel.h"
 #include "printable.h"
 
-#include <QCoreApplication>
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <cstdio>
@@ -49,14 +50,27 @@ QString Now()
 
 LogSink::LogSink(QObject *parent)
     : QObject(parent)
-    , logFolder(QCoreApplication::applicationDirPath())
+    , logFolder(DefaultFolder())
 {
 }
 
 void LogSink::SetLogFile(bool enable, const QString &folder)
 {
     logToFile = enable;
-    logFolder = folder;
+    defaultFolder = folder.isEmpty();
+    logFolder = defaultFolder ? DefaultFolder() : folder;
+}
+
+// Not beside the program: that folder is the installer's, often read-only,
+// and shared by every user of the machine.
+QString LogSink::DefaultFolder()
+{
+    for (const char *variable : {"LOGS_DIRECTORY", "STATE_DIRECTORY"}) {
+        const QString folder = Tarn::UnitDirectory(variable);
+        if (!folder.isEmpty())
+            return folder;
+    }
+    return Tarn::UserDataFolder();
 }
 
 void LogSink::SetMaxFileSize(qint64 bytes)
@@ -157,9 +171,11 @@ void LogSink::AppendToFile(const QString &html)
     fileFailing = !written;
 }
 
-// Opened and closed per line; a missing folder is not created.
+// Opened and closed per line; a missing folder is made only when it is the default.
 bool LogSink::WriteToFile(const QString &html, QString &error)
 {
+    if (defaultFolder)
+        QDir().mkpath(logFolder);
     QByteArray bytes = (html + QLatin1String("<br>")).toUtf8();
     QFile file(LogFilePath());
     const qint64 size = file.size();

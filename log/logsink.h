@@ -19,7 +19,11 @@ public:
 
     explicit LogSink(QObject *parent = nullptr);
 
+    // An empty folder means DefaultFolder().
     void SetLogFile(bool enable, const QString &folder);
+    // Under systemd the unit's logs directory (its state directory when it
+    // names none), else the user's data folder, made when missing.
+    static QString DefaultFolder();
     void SetMaxFileSize(qint64 bytes);
     // Without a window the lines go to stderr as plain text instead of to a
     // view, and nothing waits for a message box to be answered.
@@ -53,6 +57,7 @@ private:
 
     bool logToFile = true;
     QString logFolder;
+    bool defaultFolder = true;
     qint64 maxFileSize = DefaultMaxFileSize;
     bool fileFailing = false;
     bool headless = false;

@@ -163,12 +163,15 @@ bool TarnSrv::LoadIdentity(const QString &folder)
 {
     identityFolder = folder;
     QString error;
+    QString warning;
     bool created = false;
-    const TlsIdentity loaded = TlsIdentity::LoadOrCreate(folder, &error, &created);
+    const TlsIdentity loaded = TlsIdentity::LoadOrCreate(folder, &error, &created, &warning);
     if (loaded.isNull()) {
         emit Log(QStringLiteral("No TLS identity, so no secure server: %1").arg(error), LogLevel::Error, false);
         return false;
     }
+    if (!warning.isEmpty())
+        emit Log(warning, LogLevel::Warning, false);
     if (created)
         LogInfo(QStringLiteral("Made a new TLS identity in %1.").arg(folder));
     if (loaded.Fingerprint() != identity.Fingerprint())

@@ -1,5 +1,6 @@
 #include "tlsidentity.h"
 
+#include "datafolders.h"
 #include "fingerprint.h"
 #include "tlskeygen.h"
 
@@ -8,8 +9,12 @@
 #include <QFileInfo>
 #include <QLockFile>
 #include <QSaveFile>
-#include <QStandardPaths>
 #include <QSysInfo>
+
+#ifdef Q_OS_UNIX
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 using TlsKeyGen::PemPair;
 
@@ -60,6 +65,31 @@ bool WritePem(const QString &path, const QByteArray &data, QString *error)
         return true;
     return SetError(error, QStringLiteral("Cannot write %1: %2.").arg(path, file.errorString()));
 }
+
+#ifdef Q_OS_UNIX
+// A key that others can read is no secret from them. Only its owner may
+// change the mode; for another user's key this can only report it.
+QString KeyExposure(const QString &keyPath)
+{
+    const QByteArray path = QFile::encodeName(keyPath);
+    struct stat info = {};
+    if (::stat(path.constData(), &info) != 0 || (info.st_mode & 077) == 0)
+        return QString();
+    const QString mode = QStringLiteral("%1").arg(info.st_mode & 0777, 4, 8, QLatin1Char('0'));
+    if (info.st_uid == ::geteuid() && ::chmod(path.constData(), 0600) == 0)
+        return QStringLiteral("The TLS key %1 was open to other users (mode %2); it is now readable by its owner alone (0600).")
+            .arg(keyPath, mode);
+    return QStringLiteral("The TLS key %1 is open to other users (mode %2) and this program cannot change that; "
+                          "make it readable by its owner alone (chmod 600).")
+        .arg(keyPath, mode);
+}
+#else
+// Windows guards the file with the folder's access list, not a mode.
+QString KeyExposure(const QString &)
+{
+    return QString();
+}
+#endif
 
 TlsIdentity FromPem(const PemPair &pair, QSsl::KeyAlgorithm algorithm)
 {
@@ -122,7 +152,7 @@ bool Exists(const QString &path)
 
 } // namespace
 
-TlsIdentity TlsIdentity::LoadOrCreate(const QString &folder, QString *error, bool *created)
+TlsIdentity TlsIdentity::LoadOrCreate(const QString &folder, QString *error, bool *created, QString *warning)
 {
     if (created)
         *created = false;
@@ -141,7 +171,11 @@ TlsIdentity TlsIdentity::LoadOrCreate(const QString &folder, QString *error, boo
                                 .arg(hasKey ? CertificatePath(folder) : KeyPath(folder)));
             return TlsIdentity();
         }
-        return Read(folder, error);
+        TlsIdentity identity = Read(folder, error);
+        const QString exposure = identity.isNull() ? QString() : KeyExposure(KeyPath(folder));
+        if (warning)
+            *warning = exposure;
+        return identity;
     }
     TlsIdentity identity = Make(folder, error);
     if (created)
@@ -161,13 +195,8 @@ TlsIdentity TlsIdentity::Renew(const QString &folder, QString *error)
 
 QString TlsIdentity::DefaultFolder()
 {
-    // systemd names the unit's state directory; a list gives the first one.
-    const QString state = qEnvironmentVariable("STATE_DIRECTORY");
-    if (!state.isEmpty())
-        return state.section(QLatin1Char(':'), 0, 0);
-    // The organisation and application names of the settings store.
-    return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-           + QStringLiteral("/VARNOK Labs/VARNOK Manager");
+    const QString state = Tarn::UnitDirectory("STATE_DIRECTORY");
+    return state.isEmpty() ? Tarn::UserDataFolder() : state;
 }
 
 QString TlsIdentity::KeyPath(const QString &folder)

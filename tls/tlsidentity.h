@@ -12,8 +12,11 @@ class TlsIdentity
 public:
     // Loads the pair kept in folder, making one first when the folder holds
     // neither file. A null identity on failure, with a sentence in *error that
-    // says why and names the file or folder.
-    static TlsIdentity LoadOrCreate(const QString &folder, QString *error, bool *created = nullptr);
+    // says why and names the file or folder. A key other users may read or
+    // change gets its mode narrowed when this process owns it; *warning says
+    // so, or that it could not be.
+    static TlsIdentity LoadOrCreate(const QString &folder, QString *error, bool *created = nullptr,
+                                    QString *warning = nullptr);
     // Makes a new pair in folder, replacing the one there.
     static TlsIdentity Renew(const QString &folder, QString *error);
 

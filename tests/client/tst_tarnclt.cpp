@@ -81,7 +81,7 @@ private slots:
         QElapsedTimer elapsed;
         elapsed.start();
         QVERIFY(client->Open(url, &ann));
-        QVERIFY(elapsed.elapsed() < TarnClt::ConnectAttemptMs);
+        QVERIFY(elapsed.elapsed() < 100);
         QTest::qWait(100);
         QCOMPARE(changed.count(), 0);
         QCOMPARE(server->GetActiveClients().size(), 1);
@@ -189,14 +189,14 @@ private slots:
     }
 
     // The handshake completes inside an event loop nested in Open's wait (a
-    // timer's blocking call), while a round of that wait also runs out there.
+    // timer's blocking call): the wait ends when that loop returns, not at its deadline.
     void connectedInNestedLoop()
     {
-        QTimer::singleShot(0, this, [] { QTest::qWait(2 * TarnClt::ConnectAttemptMs + 200); });
+        QTimer::singleShot(0, this, [] { QTest::qWait(400); });
         QElapsedTimer elapsed;
         elapsed.start();
         QVERIFY(client->Open(url, &ann));
-        QVERIFY(elapsed.elapsed() < TarnClt::ConnectAttempts * TarnClt::ConnectAttemptMs);
+        QVERIFY(elapsed.elapsed() < TarnClt::ConnectTimeoutMs);
     }
 
 private:

@@ -1,5 +1,6 @@
 #include "epolldispatcher.h"
 
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QSocketNotifier>
 #include <QTemporaryFile>
@@ -43,6 +44,36 @@ private slots:
         QCOMPARE(fired.count("once"), 1);
         QVERIFY(zeroCount > 10);
         QVERIFY(late.remainingTime() >= 0 && late.remainingTime() <= 60);
+    }
+
+    // Two timers due in one pass: the first kills the second and starts a
+    // timer that takes over its id. The newcomer waits its full interval; it
+    // must not fire in the pass that still held the killed timer's tick.
+    void reusedIdWaitsItsInterval()
+    {
+        constexpr int Interval = 500;
+        QTimer first, second, newcomer;
+        for (QTimer *timer : {&first, &second, &newcomer})
+            timer->setTimerType(Qt::PreciseTimer);
+        newcomer.setSingleShot(true);
+        QElapsedTimer sinceStart;
+        qint64 firedAfter = -1;
+        int killedId = -1, newcomerId = -2;
+        connect(&first, &QTimer::timeout, this, [&] {
+            first.stop();
+            killedId = second.timerId();
+            second.stop();
+            newcomer.start(Interval);
+            newcomerId = newcomer.timerId();
+            sinceStart.start();
+        });
+        connect(&newcomer, &QTimer::timeout, this, [&] { firedAfter = sinceStart.elapsed(); });
+        first.start(10);
+        second.start(10);
+        QThread::msleep(30); // both overdue when the loop next looks: one pass takes them
+        QTRY_VERIFY_WITH_TIMEOUT(firedAfter >= 0, 5 * Interval);
+        QCOMPARE(newcomerId, killedId); // else this checks nothing: Qt hands out freed ids first
+        QVERIFY2(firedAfter >= Interval, qPrintable(QString("fired after %1 ms").arg(firedAfter)));
     }
 
     // A handler that runs a nested loop is not entered again by its own timer,

@@ -222,11 +222,52 @@ private slots:
             QCOMPARE(kept.at(i).toInt(), count - kept.size() + i);
     }
 
+    void defaultFolder_data()
+    {
+        QTest::addColumn<QByteArray>("logs"); // LOGS_DIRECTORY
+        QTest::addColumn<QByteArray>("state"); // STATE_DIRECTORY
+        QTest::addColumn<QString>("folder"); // DATA: the test's XDG_DATA_HOME
+
+        QTest::newRow("user data") << QByteArray() << QByteArray() << "DATA/VARNOK Labs/VARNOK Manager";
+        QTest::newRow("unit state") << QByteArray() << QByteArray("/var/lib/tarn:/var/lib/other") << "/var/lib/tarn";
+        QTest::newRow("unit logs first") << QByteArray("/var/log/tarn") << QByteArray("/var/lib/tarn")
+                                         << "/var/log/tarn";
+    }
+
+    // Without a configured folder (none, or an empty one) the log goes where
+    // the platform keeps the manager's data, never beside the program; the
+    // user's folder is made on the first line.
+    void defaultFolder()
+    {
+        QFETCH(QByteArray, logs);
+        QFETCH(QByteArray, state);
+        QFETCH(QString, folder);
+        const QByteArray data = QFile::encodeName(dir.filePath(QStringLiteral("data")));
+        const auto restore = qScopeGuard([saved = QList<QByteArray>{qgetenv("LOGS_DIRECTORY"), qgetenv("STATE_DIRECTORY"),
+                                                                     qgetenv("XDG_DATA_HOME")}] {
+            qputenv("LOGS_DIRECTORY", saved.at(0));
+            qputenv("STATE_DIRECTORY", saved.at(1));
+            qputenv("XDG_DATA_HOME", saved.at(2));
+        });
+        qputenv("LOGS_DIRECTORY", logs);
+        qputenv("STATE_DIRECTORY", state);
+        qputenv("XDG_DATA_HOME", data);
+        folder.replace(QStringLiteral("DATA"), QFile::decodeName(data));
+
+        LogSink sink;
+        QCOMPARE(sink.LogFilePath(), folder + "/TarnSrvSvc.html");
+        sink.SetLogFile(true, dir.path());
+        sink.SetLogFile(true, QString());
+        QCOMPARE(sink.LogFilePath(), folder + "/TarnSrvSvc.html");
+        if (logs.isEmpty() && state.isEmpty()) {
+            sink.Log(QStringLiteral("first"), 0);
+            QCOMPARE(FileMessages(sink.LogFilePath()), QStringList{QStringLiteral("first")});
+        }
+    }
+
     void viewKeepsNewestLines()
     {
         LogWindow window;
-        // Without a configured folder the log lies beside the program.
-        QCOMPARE(window.Sink().LogFilePath(), QCoreApplication::applicationDirPath() + "/TarnSrvSvc.html");
         window.Sink().SetLogFile(false, dir.path());
         QPlainTextEdit *view = View(window);
         for (int i = 0; i < LogWindow::MaxViewLines; ++i)

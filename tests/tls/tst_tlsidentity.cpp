@@ -1,10 +1,12 @@
 #include "../testsupport.h"
+#include "loglevel.h"
 #include "tarnsrv.h"
 #include "tlsidentity.h"
 
 #include <QDir>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <sys/stat.h>
 
 using namespace testsupport;
 
@@ -53,6 +55,47 @@ private slots:
         QVERIFY(renewed.Fingerprint() != fingerprint);
         QCOMPARE(PermissionsOf(TlsIdentity::KeyPath(folder)), OwnerReadWrite);
         QCOMPARE(TlsIdentity::LoadOrCreate(folder, &error).Fingerprint(), renewed.Fingerprint());
+    }
+
+    void keyOpenToOthers_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<bool>("warned");
+        QTest::newRow("owner alone") << 0600 << false;
+        QTest::newRow("owner read only") << 0400 << false;
+        QTest::newRow("group may read") << 0640 << true;
+        QTest::newRow("others may read") << 0604 << true;
+        QTest::newRow("group may write") << 0620 << true;
+        QTest::newRow("others may execute") << 0601 << true;
+    }
+
+    // A key that others can reach is narrowed to its owner, with one Warning
+    // line naming it; the identity is used either way.
+    void keyOpenToOthers()
+    {
+        QFETCH(int, mode);
+        QFETCH(bool, warned);
+        const QTemporaryDir temp;
+        const QString folder = temp.filePath(QStringLiteral("id"));
+        QVERIFY(!TlsIdentity::LoadOrCreate(folder, nullptr).isNull());
+        const QByteArray key = QFile::encodeName(TlsIdentity::KeyPath(folder));
+        QCOMPARE(::chmod(key.constData(), mode_t(mode)), 0);
+
+        TarnSrv server;
+        QSignalSpy lines(&server, &TarnSrv::Log);
+        QVERIFY(server.LoadIdentity(folder));
+        struct stat info = {};
+        QCOMPARE(::stat(key.constData(), &info), 0);
+        QCOMPARE(int(info.st_mode & 0777), warned ? 0600 : mode);
+        QCOMPARE(lines.size(), warned ? 2 : 1);
+        if (warned) {
+            QCOMPARE(lines.at(0).at(1).toUInt(), quint32(LogLevel::Warning));
+            QCOMPARE(lines.at(0).at(0).toString(),
+                     QStringLiteral("The TLS key %1 was open to other users (mode 0%2); it is now readable by its "
+                                    "owner alone (0600).")
+                         .arg(TlsIdentity::KeyPath(folder))
+                         .arg(mode, 0, 8));
+        }
     }
 
     // A leaf for this host with an ECDSA P-256 key, never a CA.

@@ -1,0 +1,19 @@
+#include "datafolders.h"
+
+#include <QStandardPaths>
+
+namespace Tarn {
+
+QString UnitDirectory(const char *variable)
+{
+    // A list of folders is separated by colons.
+    return qEnvironmentVariable(variable).section(QLatin1Char(':'), 0, 0);
+}
+
+QString UserDataFolder()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
+           + QStringLiteral("/VARNOK Labs/VARNOK Manager");
+}
+
+} // namespace Tarn
