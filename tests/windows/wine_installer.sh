@@ -87,6 +87,10 @@ locked() {
     for step in "${LOCK_STEPS[@]}"; do ran "$(printf "$step" "$1")" || return 1; done
     [ -z "${2:-}" ] || ran "$(printf "$LOCK_CHILDREN" "$1")"
 }
+# What is left under the programs' folder.
+left() { find "$PROGRAMS" -mindepth 1 -printf '%P\n' 2>/dev/null; }
+# At most the uninstaller run in place, which its hidden command removes.
+only_uninstaller_left() { [ -z "$1" ] || [ "$1" = Uninstall.exe ]; }
 recovery_registered() { local r; r=$(scquery recovery TarnSvc); [ "$r" = "$RECOVERY" ] || [ "$r" = "$WINE_RECOVERY" ]; }
 
 step "1. silent install of an older version, over a log folder a user made"
@@ -174,13 +178,15 @@ check "the refusals left the service running" wait_state TarnSvc $RUNNING
 
 step "5. silent uninstall, run as the README says"
 cp "$PROGRAMS/Uninstall.exe" "$DIR/Uninstall.exe" # for step 6
-UNINSTALL=$(sed -n 's/^    \(cmd.exe .*\\Uninstall.exe".*\)$/\1/p' "$HERE/../../README.md")
+UNINSTALL=$(sed -n 's/^    \("[^"]*\\Uninstall.exe" .*\)$/\1/p' "$HERE/../../README.md")
 check "the README's command is the uninstall entry's: $UNINSTALL" [ "$UNINSTALL" = "$(entry QuietUninstallString)" ]
 run_batch "$UNINSTALL"
+LEFT=$(left)
 check "the uninstaller ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
+check "when it returns, all but itself removed: $LEFT" only_uninstaller_left "$LEFT"
+check "and itself and the folder within 40 s" within 40 [ ! -e "$PROGRAMS" ]
 query TarnSvc
 check "no service: $STATE" [ "$STATE" = none ]
-check "nothing left under Program Files when it returns" [ ! -e "$PROGRAMS" ]
 check "no uninstall entry" [ -z "$(entry DisplayVersion)" ]
 check "no shortcut" [ ! -e "$SHORTCUT" ]
 check "the firewall rules removed" ran 'netsh advfirewall firewall delete rule name="Tarn session"'
