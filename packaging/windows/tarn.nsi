@@ -87,12 +87,34 @@ UninstPage instfiles
 ; Functions both the installer and the uninstaller use; NSIS wants them
 ; twice, the uninstaller's named un.*.
 !macro SharedFunctions UN
+; Replaces the path on the stack with 1 when it is a junction or a link (a
+; reparse point), else 0.
+Function ${UN}IsLink
+    Exch $0
+    System::Call 'kernel32::GetFileAttributesW(w r0) i .r0'
+    ${If} $0 == -1
+        StrCpy $0 0
+    ${EndIf}
+    IntOp $0 $0 >> 10
+    IntOp $0 $0 & 1
+    Exch $0
+FunctionEnd
+
 ; Appends the line on the stack to the log, once its folder is safe to
-; write: until then a user may own it, or it may lead somewhere else.
+; write: until then a user may own it, or it may lead somewhere else. Looked
+; at again for each line: earlier installers let the service's account
+; rename the folder and leave a junction in its place, which the uninstaller
+; would write through.
 Function ${UN}LogLine
     Exch $0
     Push $1
     ${If} $LogReady != 1
+        Goto done
+    ${EndIf}
+    Push "${DATA}"
+    Call ${UN}IsLink
+    Pop $1
+    ${If} $1 == 1
         Goto done
     ${EndIf}
     ClearErrors
@@ -397,7 +419,8 @@ Function un.onInit
         !insertmacro Fail ${EXIT_NOT_INSTALLED} "Tarn is not installed."
     ${EndIf}
     StrCpy $INSTDIR $0
-    ; The installer made the log's folder the administrators'.
+    ; The installer made the log's folder the administrators'; LogLine
+    ; still writes nothing through a link.
     StrCpy $LogReady 1
 FunctionEnd
 

@@ -136,7 +136,8 @@ check "the upgrade ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 check "it stopped the service first" ran "\"$WINDIR\\TarnSvc.exe\" -t"
 check "and removed it, to register it again" ran "\"$WINDIR\\TarnSvc.exe\" -u"
 check "registered under its own account" ran "\"$WINDIR\\TarnSvc.exe\" -i \"NT SERVICE\\TarnSvc\""
-check "its account may write the log folder" ran 'icacls "C:\ProgramData\Tarn" /grant "NT SERVICE\TarnSvc:(OI)(CI)M"'
+check "its account may change what is in the log folder, and only list and add to the folder" \
+    ran 'icacls "C:\ProgramData\Tarn" /grant "NT SERVICE\TarnSvc:(OI)(CI)(IO)M" "NT SERVICE\TarnSvc:(RX,WD,AD)"'
 check "the identity moved to the service's profile" cmp -s "$WORK/identity-before" "$SERVICE_IDENTITY/identity.crt"
 check "with its key" [ -s "$SERVICE_IDENTITY/identity.key" ]
 check "and gone from LocalSystem's" [ ! -e "$SYSTEM_IDENTITY/identity.key" ] && [ ! -e "$SYSTEM_IDENTITY/identity.crt" ]
