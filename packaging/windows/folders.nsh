@@ -6,12 +6,11 @@
 ; installer's and the service's writes wherever it points: refused before
 ; anything is written, the log included.
 Function RefuseLink ; $R6: the folder
-    System::Call 'kernel32::GetFileAttributesW(w R6) i .r0'
-    ${If} $0 != -1
-        IntOp $0 $0 & 0x400
-        ${If} $0 != 0
-            !insertmacro Fail ${EXIT_UNSAFE_FOLDER} "$R6 is a junction or a link, which Tarn does not write through; remove it and run the installer again."
-        ${EndIf}
+    Push "$R6"
+    Call IsLink
+    Pop $0
+    ${If} $0 == 1
+        !insertmacro Fail ${EXIT_UNSAFE_FOLDER} "$R6 is a junction or a link, which Tarn does not write through; remove it and run the installer again."
     ${EndIf}
 FunctionEnd
 
@@ -152,9 +151,13 @@ Function LockDataFolder
 FunctionEnd
 
 ; After -i: the service's account may write its logs; users still only read.
+; Modify on what is in the folder, but on the folder itself only to list it
+; and add to it: with DELETE there the account could rename the folder and
+; leave a junction in its place, for the installer and the uninstaller,
+; which run as administrators, to write through.
 Function GrantDataToService
 !if "${SERVICE_ACCOUNT}" != "LocalSystem"
-    !insertmacro Run 'icacls "${DATA}" /grant "${SERVICE_ACCOUNT}:(OI)(CI)M"'
+    !insertmacro Run 'icacls "${DATA}" /grant "${SERVICE_ACCOUNT}:(OI)(CI)(IO)M" "${SERVICE_ACCOUNT}:(RX,WD,AD)"'
     ${If} $0 != 0
         !insertmacro Fail ${EXIT_STEP_FAILED} "${DATA} could not be opened to ${SERVICE_ACCOUNT}; see ${LOG}."
     ${EndIf}

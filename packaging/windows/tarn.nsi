@@ -87,12 +87,34 @@ UninstPage instfiles
 ; Functions both the installer and the uninstaller use; NSIS wants them
 ; twice, the uninstaller's named un.*.
 !macro SharedFunctions UN
+; Replaces the path on the stack with 1 when it is a junction or a link (a
+; reparse point), else 0.
+Function ${UN}IsLink
+    Exch $0
+    System::Call 'kernel32::GetFileAttributesW(w r0) i .r0'
+    ${If} $0 == -1
+        StrCpy $0 0
+    ${EndIf}
+    IntOp $0 $0 >> 10
+    IntOp $0 $0 & 1
+    Exch $0
+FunctionEnd
+
 ; Appends the line on the stack to the log, once its folder is safe to
-; write: until then a user may own it, or it may lead somewhere else.
+; write: until then a user may own it, or it may lead somewhere else. Looked
+; at again for each line: earlier installers let the service's account
+; rename the folder and leave a junction in its place, which the uninstaller
+; would write through.
 Function ${UN}LogLine
     Exch $0
     Push $1
     ${If} $LogReady != 1
+        Goto done
+    ${EndIf}
+    Push "${DATA}"
+    Call ${UN}IsLink
+    Pop $1
+    ${If} $1 == 1
         Goto done
     ${EndIf}
     ClearErrors
@@ -257,10 +279,11 @@ Function WriteUninstallEntry
     WriteRegStr HKLM "${UNINSTALL_KEY}" "InstallLocation" "$INSTDIR"
     WriteRegStr HKLM "${UNINSTALL_KEY}" "DisplayIcon" "$INSTDIR\TarnSrv.exe"
     WriteRegStr HKLM "${UNINSTALL_KEY}" "UninstallString" '"$INSTDIR\Uninstall.exe"'
-    ; Waited for (_?=), so that a script gets the uninstaller's exit code,
-    ; and from a copy outside the folder: run in place, it cannot delete
-    ; itself, and its folder would go only after it has ended.
-    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" 'cmd.exe /c copy /y "$INSTDIR\Uninstall.exe" "%TEMP%\TarnUninstall.exe" >nul && "%TEMP%\TarnUninstall.exe" /S _?=$INSTDIR'
+    ; Run in place and waited for (_?=), so that a script gets the
+    ; uninstaller's exit code. Never from a copy in %TEMP%: SYSTEM's is
+    ; C:\Windows\Temp, where a user can make the copy's name first and swap
+    ; the program between the copy and its start.
+    WriteRegStr HKLM "${UNINSTALL_KEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S _?=$INSTDIR'
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoModify" 1
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoRepair" 1
     ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
@@ -396,8 +419,20 @@ Function un.onInit
         !insertmacro Fail ${EXIT_NOT_INSTALLED} "Tarn is not installed."
     ${EndIf}
     StrCpy $INSTDIR $0
-    ; The installer made the log's folder the administrators'.
+    ; The installer made the log's folder the administrators'; LogLine
+    ; still writes nothing through a link.
     StrCpy $LogReady 1
+FunctionEnd
+
+; Run in place (_?=), the uninstaller cannot delete its own file, nor move
+; it aside: NSIS keeps it open without sharing its deletion. A hidden command
+; removes it and the folder once this process has ended. cmd.exe and
+; PING.EXE by their full paths, from the system folder: cmd.exe looks in its
+; working folder first, and a user may put a ping.bat in SYSTEM's %TEMP%.
+Function un.RemoveSelfLater
+    SetOutPath "$SYSDIR"
+    ExecShell "open" "$SYSDIR\cmd.exe" '/c for /l %i in (1,1,30) do @("$SYSDIR\PING.EXE" -n 2 127.0.0.1 >nul & del /f /q "$INSTDIR\Uninstall.exe" 2>nul & if not exist "$INSTDIR\Uninstall.exe" (rmdir "$INSTDIR" 2>nul & exit))' SW_HIDE
+    !insertmacro Log "$INSTDIR\Uninstall.exe and the folder go once the uninstaller has ended"
 FunctionEnd
 
 Section "Uninstall"
@@ -414,15 +449,10 @@ Section "Uninstall"
     Delete "$INSTDIR\TarnSrv.cfg"
     !include "${REMOVE_FILES}"
     DeleteRegKey HKLM "${UNINSTALL_KEY}"
-    ; Run in place (_?=), the uninstaller cannot delete itself: a hidden
-    ; command does it, and removes the folder, once this process has ended,
-    ; which is after the caller saw it return. The quiet uninstall command
-    ; runs a copy instead.
     Delete "$INSTDIR\Uninstall.exe"
     RMDir "$INSTDIR"
     ${If} ${FileExists} "$INSTDIR\Uninstall.exe"
-        SetOutPath "$TEMP"
-        ExecShell "open" "$SYSDIR\cmd.exe" '/c for /l %i in (1,1,30) do @(ping -n 2 127.0.0.1 >nul & del /f /q "$INSTDIR\Uninstall.exe" 2>nul & if not exist "$INSTDIR\Uninstall.exe" (rmdir "$INSTDIR" 2>nul & exit))' SW_HIDE
+        Call un.RemoveSelfLater
     ${EndIf}
     !insertmacro Log "Tarn ${VERSION}: uninstalled; the identity, settings and logs stay"
 SectionEnd

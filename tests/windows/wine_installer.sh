@@ -87,6 +87,10 @@ locked() {
     for step in "${LOCK_STEPS[@]}"; do ran "$(printf "$step" "$1")" || return 1; done
     [ -z "${2:-}" ] || ran "$(printf "$LOCK_CHILDREN" "$1")"
 }
+# What is left under the programs' folder.
+left() { find "$PROGRAMS" -mindepth 1 -printf '%P\n' 2>/dev/null; }
+# At most the uninstaller run in place, which its hidden command removes.
+only_uninstaller_left() { [ -z "$1" ] || [ "$1" = Uninstall.exe ]; }
 recovery_registered() { local r; r=$(scquery recovery TarnSvc); [ "$r" = "$RECOVERY" ] || [ "$r" = "$WINE_RECOVERY" ]; }
 
 step "1. silent install of an older version, over a log folder a user made"
@@ -132,7 +136,8 @@ check "the upgrade ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
 check "it stopped the service first" ran "\"$WINDIR\\TarnSvc.exe\" -t"
 check "and removed it, to register it again" ran "\"$WINDIR\\TarnSvc.exe\" -u"
 check "registered under its own account" ran "\"$WINDIR\\TarnSvc.exe\" -i \"NT SERVICE\\TarnSvc\""
-check "its account may write the log folder" ran 'icacls "C:\ProgramData\Tarn" /grant "NT SERVICE\TarnSvc:(OI)(CI)M"'
+check "its account may change what is in the log folder, and only list and add to the folder" \
+    ran 'icacls "C:\ProgramData\Tarn" /grant "NT SERVICE\TarnSvc:(OI)(CI)(IO)M" "NT SERVICE\TarnSvc:(RX,WD,AD)"'
 check "the identity moved to the service's profile" cmp -s "$WORK/identity-before" "$SERVICE_IDENTITY/identity.crt"
 check "with its key" [ -s "$SERVICE_IDENTITY/identity.key" ]
 check "and gone from LocalSystem's" [ ! -e "$SYSTEM_IDENTITY/identity.key" ] && [ ! -e "$SYSTEM_IDENTITY/identity.crt" ]
@@ -174,13 +179,15 @@ check "the refusals left the service running" wait_state TarnSvc $RUNNING
 
 step "5. silent uninstall, run as the README says"
 cp "$PROGRAMS/Uninstall.exe" "$DIR/Uninstall.exe" # for step 6
-UNINSTALL=$(sed -n 's/^    \(cmd.exe .*\\Uninstall.exe".*\)$/\1/p' "$HERE/../../README.md")
+UNINSTALL=$(sed -n 's/^    \("[^"]*\\Uninstall.exe" .*\)$/\1/p' "$HERE/../../README.md")
 check "the README's command is the uninstall entry's: $UNINSTALL" [ "$UNINSTALL" = "$(entry QuietUninstallString)" ]
 run_batch "$UNINSTALL"
+LEFT=$(left)
 check "the uninstaller ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
+check "when it returns, all but itself removed: $LEFT" only_uninstaller_left "$LEFT"
+check "and itself and the folder within 40 s" within 40 [ ! -e "$PROGRAMS" ]
 query TarnSvc
 check "no service: $STATE" [ "$STATE" = none ]
-check "nothing left under Program Files when it returns" [ ! -e "$PROGRAMS" ]
 check "no uninstall entry" [ -z "$(entry DisplayVersion)" ]
 check "no shortcut" [ ! -e "$SHORTCUT" ]
 check "the firewall rules removed" ran 'netsh advfirewall firewall delete rule name="Tarn session"'
