@@ -4,7 +4,6 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QSocketNotifier>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -249,30 +248,26 @@ private slots:
     void journalPriorities_data()
     {
         QTest::addColumn<QString>("journal");
-        QTest::addColumn<bool>("portTaken");
         QTest::addColumn<bool>("prefixed");
 
         // "stderr" and "other" name those files; "stderr/N" pads the device
         // with zeros to N bytes, 41 being the most two 64-bit numbers take.
-        QTest::newRow("stream at the length limit") << "stderr/41" << false << true;
-        QTest::newRow("stream one past") << "stderr/42" << false << false;
-        QTest::newRow("stderr is the journal, start fails") << "stderr" << true << true;
-        QTest::newRow("the journal is another file") << "other" << false << false;
-        QTest::newRow("stream malformed") << "1:2:3" << false << false;
-        QTest::newRow("stream of text") << "text:text" << false << false;
+        QTest::newRow("stream at the length limit") << "stderr/41" << true;
+        QTest::newRow("stream one past") << "stderr/42" << false;
+        QTest::newRow("the journal is another file") << "other" << false;
+        QTest::newRow("stream malformed") << "1:2:3" << false;
+        QTest::newRow("stream of text") << "text:text" << false;
     }
 
     // Every line on stderr, each of a multi-line report included, begins with
     // its priority when stderr is the journal's stream, and only then. A bad
-    // NOTIFY_SOCKET brings the Warning.
+    // NOTIFY_SOCKET brings the Warning; refusalIsAnError checks an Error's.
     void journalPriorities()
     {
         QFETCH(QString, journal);
-        QFETCH(bool, portTaken);
         QFETCH(bool, prefixed);
 
-        const QString errFile = dir->filePath(QStringLiteral("stderr"));
-        QVERIFY(WriteFile(errFile, QByteArray()));
+        const QString errFile = StderrToFile();
         QByteArray stream = journal.toUtf8();
         if (journal.startsWith(QLatin1String("stderr"))) {
             stream = DeviceAndInode(errFile);
@@ -281,22 +276,12 @@ private slots:
         } else if (journal == QLatin1String("other")) {
             stream = DeviceAndInode(dir->filePath(QStringLiteral("TarnSrv.cfg")));
         }
-        QTcpServer taken;
-        if (portTaken)
-            QVERIFY(taken.listen(QHostAddress::Any, port));
-        manager.setStandardErrorFile(errFile);
         StartManager({{"JOURNAL_STREAM", stream}, {"NOTIFY_SOCKET", "relative"}});
-
-        if (portTaken) {
-            QVERIFY(manager.waitForFinished(20000));
-            QCOMPARE(manager.exitCode(), 1);
-        } else {
-            QTRY_VERIFY_WITH_TIMEOUT(FileBytes(errFile).contains("Clients connect to"), 20000);
-            QCOMPARE(::kill(pid_t(manager.processId()), SIGTERM), 0);
-            QVERIFY(manager.waitForFinished(20000));
-        }
+        QTRY_VERIFY_WITH_TIMEOUT(FileBytes(errFile).contains("Clients connect to"), 20000);
+        QCOMPARE(::kill(pid_t(manager.processId()), SIGTERM), 0);
+        QVERIFY(manager.waitForFinished(20000));
         const QRegularExpression line(QStringLiteral("^(<\\d>)?\\d\\d\\.\\d\\d\\.\\d{4} [0-9:]{8} - (\\w+) : .*$"));
-        const QHash<QString, QString> priority{{"Info", "<6>"}, {"Warning", "<4>"}, {"Error", "<3>"}};
+        const QHash<QString, QString> priority{{"Info", "<6>"}, {"Warning", "<4>"}};
         QSet<QString> levels;
         const QString lines = QString::fromUtf8(FileBytes(errFile));
         for (const QString &text : lines.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
@@ -305,8 +290,7 @@ private slots:
             QCOMPARE(match.captured(1), prefixed ? priority.value(match.captured(2)) : QString());
             levels.insert(match.captured(2));
         }
-        // A failed start ends the run before NOTIFY_SOCKET is read.
-        QCOMPARE(levels, portTaken ? QSet<QString>({"Info", "Error"}) : QSet<QString>({"Info", "Warning"}));
+        QCOMPARE(levels, QSet<QString>({"Info", "Warning"}));
         // The start-up report is one entry of several lines.
         QVERIFY2(lines.contains(QStringLiteral("Reading configuration file")), qPrintable(lines));
     }
@@ -356,9 +340,7 @@ private slots:
         QVERIFY(holder.waitForReadyRead(10000));
         QCOMPARE(holder.readLine().trimmed(), QByteArray("held"));
 
-        const QString errFile = dir->filePath(QStringLiteral("stderr"));
-        QVERIFY(WriteFile(errFile, QByteArray()));
-        manager.setStandardErrorFile(errFile);
+        const QString errFile = StderrToFile();
         StartManager({{"JOURNAL_STREAM", journal ? DeviceAndInode(errFile) : QByteArray()}});
         QVERIFY(manager.waitForFinished(20000));
         QCOMPARE(manager.exitCode(), 1);
@@ -388,6 +370,15 @@ private:
         if (length > 0)
             name = name.leftJustified(length, 'n');
         return listener->Bind(name);
+    }
+
+    // The manager's stderr, into an empty file of the test's.
+    QString StderrToFile()
+    {
+        const QString errFile = dir->filePath(QStringLiteral("stderr"));
+        WriteFile(errFile, QByteArray());
+        manager.setStandardErrorFile(errFile);
+        return errFile;
     }
 
     using Variables = QList<QPair<const char *, QByteArray>>;
