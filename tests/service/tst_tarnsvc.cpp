@@ -213,29 +213,17 @@ private slots:
     void installRegistersRecovery()
     {
         QCOMPARE(run({QStringLiteral("-i")}).code, 0);
-        ScmFunctions &scm = scmFunctions();
-        SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
-        SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryConfig);
-        const auto closeHandles = qScopeGuard([&] {
-            scm.CloseServiceHandle(service);
-            scm.CloseServiceHandle(manager);
-        });
         std::vector<quint64> buffer(128);
-        const auto query = [&](DWORD level) {
-            DWORD needed = 0;
-            return scm.QueryServiceConfig2W(service, level, reinterpret_cast<LPBYTE>(buffer.data()),
-                                            DWORD(buffer.size() * 8), &needed);
-        };
-        QVERIFY(query(Scm::FailureActionsLevel));
+        QVERIFY(queryConfig(Scm::FailureActionsLevel, buffer));
         const auto *failure = reinterpret_cast<const SERVICE_FAILURE_ACTIONSW *>(buffer.data());
         QCOMPARE(failure->dwResetPeriod, DWORD(86400));
         QList<QPair<int, DWORD>> actions;
         for (DWORD i = 0; i < failure->cActions; ++i)
             actions.append({failure->lpsaActions[i].Type, failure->lpsaActions[i].Delay});
         QCOMPARE(actions, (QList<QPair<int, DWORD>>{{SC_ACTION_RESTART, 0}, {SC_ACTION_RESTART, 0}, {SC_ACTION_RESTART, 60000}}));
-        QVERIFY(query(Scm::FailureActionsFlagLevel));
+        QVERIFY(queryConfig(Scm::FailureActionsFlagLevel, buffer));
         QCOMPARE(reinterpret_cast<const SERVICE_FAILURE_ACTIONS_FLAG *>(buffer.data())->fFailureActionsOnNonCrashFailures, 1);
-        QVERIFY(query(Scm::DelayedAutoStartLevel));
+        QVERIFY(queryConfig(Scm::DelayedAutoStartLevel, buffer));
         QCOMPARE(reinterpret_cast<const SERVICE_DELAYED_AUTO_START_INFO *>(buffer.data())->fDelayedAutostart, 1);
     }
 
@@ -428,23 +416,33 @@ private:
     // The account of the installed service, with its type and binary path.
     static QString config(DWORD *serviceType, QString *binaryPath = nullptr)
     {
+        std::vector<quint64> buffer(1024);
+        if (!queryConfig(0, buffer))
+            return QString();
+        const auto *config = reinterpret_cast<const QUERY_SERVICE_CONFIGW *>(buffer.data());
+        *serviceType = config->dwServiceType;
+        if (binaryPath)
+            *binaryPath = fromWide(config->lpBinaryPathName);
+        return fromWide(config->lpServiceStartName);
+    }
+
+    // A level of the installed service's configuration (0: QueryServiceConfigW's)
+    // into the buffer; false when it cannot be read.
+    static bool queryConfig(DWORD level, std::vector<quint64> &buffer)
+    {
         ScmFunctions &scm = scmFunctions();
         SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerConnect);
-        SC_HANDLE service = scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryConfig);
-        std::vector<quint64> buffer(1024);
-        auto *config = reinterpret_cast<LPQUERY_SERVICE_CONFIGW>(buffer.data());
+        SC_HANDLE service = manager ? scm.OpenServiceW(manager, u"TarnSvc", Scm::ServiceQueryConfig) : nullptr;
+        auto *bytes = reinterpret_cast<LPBYTE>(buffer.data());
+        const DWORD size = DWORD(buffer.size() * sizeof(quint64));
         DWORD needed = 0;
-        QString result;
-        if (service && scm.QueryServiceConfigW(service, config, DWORD(buffer.size() * 8), &needed)) {
-            result = fromWide(config->lpServiceStartName);
-            *serviceType = config->dwServiceType;
-            if (binaryPath)
-                *binaryPath = fromWide(config->lpBinaryPathName);
-        }
+        const bool ok = service && (level ? scm.QueryServiceConfig2W(service, level, bytes, size, &needed)
+                                          : scm.QueryServiceConfigW(service, reinterpret_cast<LPQUERY_SERVICE_CONFIGW>(bytes), size, &needed));
         if (service)
             scm.CloseServiceHandle(service);
-        scm.CloseServiceHandle(manager);
-        return result;
+        if (manager)
+            scm.CloseServiceHandle(manager);
+        return ok;
     }
 
     QString copyHost(const QString &dir)

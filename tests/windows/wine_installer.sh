@@ -178,8 +178,7 @@ UNINSTALL=$(sed -n 's/^    \(cmd.exe .*\\Uninstall.exe".*\)$/\1/p' "$HERE/../../
 check "the README's command is the uninstall entry's: $UNINSTALL" [ "$UNINSTALL" = "$(entry QuietUninstallString)" ]
 run_batch "$UNINSTALL"
 check "the uninstaller ends with 0: $CODE $ERR" [ "$CODE" = 0 ]
-query TarnSvc
-check "no service: $STATE" [ "$STATE" = none ]
+check "no service" in_state TarnSvc none
 check "nothing left under Program Files when it returns" [ ! -e "$PROGRAMS" ]
 check "no uninstall entry" [ -z "$(entry DisplayVersion)" ]
 check "no shortcut" [ ! -e "$SHORTCUT" ]

@@ -78,8 +78,7 @@ expect "no option, not installed" "" "The service TarnSvc could not start
 mkdir "$DIR/open" && cp "$DIR"/{TarnSvc.exe,*.dll} "$DIR/open/" && chmod 777 "$DIR/open" || die "cannot stage the open folder"
 expect "-i from a folder anyone may write" "" "The service TarnSvc was not installed: other users can change $WINDIR\\open (Everyone may write it)
 " 255 "$WINDIR\\open\\TarnSvc.exe" -i
-query TarnSvc
-check "nothing installed from there: $STATE" [ "$STATE" = none ]
+check "nothing installed from there" in_state TarnSvc none
 
 # Wine's control manager accepts the failure actions (and keeps none), but
 # knows neither the flag for stops with an error code nor the delayed start:
@@ -91,8 +90,7 @@ The service's delayed start could not be set. ($NO_LEVEL_TEXT)
 expect "-i" "The service TarnSvc has been installed under: $HOST
 " "$WINE_WARNINGS" 0 "$HOST" -i
 expect_v "installed and not running"
-query TarnSvc
-check "installed and stopped in the manager" [ "$STATE" = $STOPPED ]
+check "installed and stopped in the manager" in_state TarnSvc $STOPPED
 # Own process (0x10), demand start (3), no account (shown as LocalSystem),
 # the path in quotes and the description.
 config
@@ -124,10 +122,8 @@ check "host kept running" alive "${HOST_PID:-0}"
 # nothing, so the probe service, built from the same framework, records each
 # (and reports the command to the event log).
 PROBE_LOG="$DIR/TarnProbe.log"
-run "$PROBE" -i
-check "probe installed" [ "$CODE" = 0 ]
-run "$PROBE" start-argument
-check "probe start from a console" [ "$CODE" = 0 ]
+check "probe installed" run "$PROBE" -i
+check "probe start from a console" run "$PROBE" start-argument
 check "probe running" wait_state TarnProbe $RUNNING
 check "probe main got its name and arguments" wait_line "$PROBE_LOG" '^start TarnProbe[|]start-argument$'
 run "$PROBE" -c 5
@@ -138,29 +134,25 @@ check "probe paused" wait_state TarnProbe $PAUSED
 run "$PROBE" -r
 check "probe resumed" wait_state TarnProbe $RUNNING
 run "$PROBE" -t
-query TarnProbe
-check "probe stopped in the manager" [ "$STATE" = $STOPPED ]
+check "probe stopped in the manager" in_state TarnProbe $STOPPED
 check "probe log" [ "$(cat "$PROBE_LOG")" = "start TarnProbe|start-argument
 command 5
 pause
 resume
 stop" ]
-run "$PROBE" -u
-check "probe uninstalled" [ "$CODE" = 0 ]
+check "probe uninstalled" run "$PROBE" -u
 
 # Stop: the child is asked to close (WM_CLOSE), and neither it nor the host
 # outlives the service.
 expect "-t" "" "" 0 "$HOST" -t
-query TarnSvc
-check "stopped in the manager" [ "$STATE" = $STOPPED ]
+check "stopped in the manager" in_state TarnSvc $STOPPED
 closes_are() { [ "$(grep -c '^close$' "$CHILD_LOG")" = "$1" ]; }
 check "child asked to close" within 10 closes_are 2
 check "child gone" gone "$CHILD_PID"
 check "host gone" gone "$HOST_PID"
 expect "-u" "The service TarnSvc has been uninstalled.
 " "" 0 "$HOST" -u
-query TarnSvc
-check "gone from the manager" [ "$STATE" = none ]
+check "gone from the manager" in_state TarnSvc none
 
 # QtServiceController::install hands the password to the host through a pipe,
 # not on its command line; the host, a GUI-subsystem program, reads it there.
@@ -170,8 +162,7 @@ run "$PROBE" install "$HOST" "some user" "pass word"
 check "install through the controller: exit code $CODE" [ "$CODE" = 0 ]
 config
 check "install through the controller: configuration $CONFIG" [ "$CONFIG" = "16|3|.\some user|\"$HOST\"|VARNOK Server" ]
-run "$HOST" -u
-check "install through the controller: uninstalled" [ "$CODE" = 0 ]
+check "install through the controller: uninstalled" run "$HOST" -u
 # A host deeper than MAX_PATH (260 characters) finds and registers its whole path.
 LONG=$(printf 'd%.0s' $(seq 100))
 LONGDIR="$LONG\\$LONG\\$LONG"
@@ -190,8 +181,7 @@ run "$LONGHOST" -u
 # failure, and says why in the event log.
 cp "$DIR/scquery.exe" "$DIR/TarnSrv.exe" || die "cannot stage the failing manager"
 run "$HOST" -i
-run "$HOST"
-check "failing manager: service started" [ "$CODE" = 0 ]
+check "failing manager: service started" run "$HOST"
 check "failing manager: service stopped" within 30 in_state TarnSvc $STOPPED
 EXIT=$(scquery exit TarnSvc)
 check "failing manager: exit codes $EXIT" [ "$EXIT" = "1066 1" ]
