@@ -192,7 +192,7 @@ private slots:
         QFETCH(bool, pings);
         QFETCH(QString, warning);
 
-        const bool bound = IsPlaceholder(notifySocket);
+        const bool bound = notifySocket.startsWith("path") || notifySocket.startsWith("abstract");
         if (bound)
             QVERIFY(BindPlaceholder(notifySocket));
         StartManager({{"NOTIFY_SOCKET", notifySocket}, {"WATCHDOG_USEC", watchdogUsec}, {"WATCHDOG_PID", watchdogPid}});
@@ -349,11 +349,6 @@ private slots:
     }
 
 private:
-    static bool IsPlaceholder(const QByteArray &name)
-    {
-        return name.startsWith("path") || name.startsWith("abstract");
-    }
-
     // "path" and "abstract" become a name the listener binds, of the length
     // after a colon when one is given.
     bool BindPlaceholder(QByteArray &name)
