@@ -27,6 +27,21 @@ inline bool WriteFile(const QString &path, const QByteArray &bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
+// The first number of each line of a file, such as the start times a child
+// script notes; lines that begin with none are passed over.
+inline QList<qint64> FirstNumbers(const QString &path)
+{
+    QList<qint64> numbers;
+    const QList<QByteArray> lines = FileBytes(path).split('\n');
+    for (const QByteArray &line : lines) {
+        bool ok = false;
+        const qint64 number = line.split(' ').value(0).toLongLong(&ok);
+        if (ok)
+            numbers.append(number);
+    }
+    return numbers;
+}
+
 #ifdef QT_NETWORK_LIB
 // A port nobody listens on once this returns, below the kernel's ephemeral
 // range: a port in that range may become the local end of any outgoing

@@ -57,16 +57,12 @@ private slots:
         QTest::addColumn<QString>("line");
         QTest::addColumn<int>("icon");
 
-        QTest::newRow("warning") << 1u << "Busy" << "<font color=\"blue\">16.11.2026 09:05:03 - Warning : Busy</font>"
-                                 << int(QMessageBox::Warning);
-        QTest::newRow("error") << 2u << "x" << "<font color=\"red\">16.11.2026 09:05:03 - Error : x</font>"
-                               << int(QMessageBox::Critical);
-        QTest::newRow("info") << 0u << "" << "<font color=\"black\">16.11.2026 09:05:03 - Info : </font>"
-                              << int(QMessageBox::Information);
-        QTest::newRow("placeholders and markup stay literal")
-            << 0u << "%1 %2 %4 %9 %L1 <b>bold</b> & co"
-            << "<font color=\"black\">16.11.2026 09:05:03 - Info : %1 %2 %4 %9 %L1 <b>bold</b> & co</font>"
-            << int(QMessageBox::Information);
+        const QString line = QStringLiteral("<font color=\"%1\">16.11.2026 09:05:03 - %2 : %3</font>");
+        QTest::newRow("warning") << 1u << "Busy" << line.arg("blue", "Warning", "Busy") << int(QMessageBox::Warning);
+        QTest::newRow("error") << 2u << "x" << line.arg("red", "Error", "x") << int(QMessageBox::Critical);
+        // Placeholders and markup stay literal.
+        const QString literal = QStringLiteral("%1 %2 %4 %9 %L1 <b>bold</b> & co");
+        QTest::newRow("info") << 0u << literal << line.arg("black", "Info", literal) << int(QMessageBox::Information);
     }
 
     // Each level's line, and the box in which the operator confirms a text.

@@ -4,7 +4,6 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QSocketNotifier>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -154,46 +153,32 @@ private slots:
         QTest::addColumn<QString>("warning");
 
         const QByteArray usec = QByteArray::number(WatchdogUsec);
-        const QByteArray none;
-        const QString pingsIgnored = QStringLiteral("WATCHDOG_USEC is not a number of microseconds from 20000");
+        const auto row = [](const char *tag, const QByteArray &socket, const QByteArray &watchdog,
+                            const QByteArray &pid, bool pings, const QString &warning) {
+            QTest::newRow(tag) << socket << watchdog << pid << pings << warning;
+        };
+        const QString usecIgnored = QStringLiteral("WATCHDOG_USEC is not a number of microseconds from 20000");
         const QString tooLong = QStringLiteral("NOTIFY_SOCKET is ignored: longer than the %1 bytes");
         // Placeholders: "path" and "abstract" are bound by the test, of the
         // length given; "$$" is the manager's own process number.
-        QTest::newRow("path") << QByteArray("path") << usec << none << true << QString();
-        QTest::newRow("abstract name") << QByteArray("abstract") << usec << none << true << QString();
-        QTest::newRow("path at the limit") << QByteArray("path:107") << usec << none << true << QString();
-        QTest::newRow("abstract name at the limit") << QByteArray("abstract:108") << usec << none << true << QString();
-        QTest::newRow("path one past") << "/" + QByteArray(SunPathSize - 1, 'p') << usec << none << false
-                                       << tooLong.arg(SunPathSize - 1);
-        QTest::newRow("abstract name one past") << "@" + QByteArray(SunPathSize, 'a') << usec << none << false
-                                                << tooLong.arg(SunPathSize);
-        QTest::newRow("relative path") << QByteArray("notify.sock") << usec << none << false
-                                       << "NOTIFY_SOCKET is ignored: neither an absolute path nor an abstract name";
+        row("path at the limit", "path:107", usec, {}, true, {});
+        row("abstract name at the limit", "abstract:108", usec, {}, true, {});
+        row("path one past", "/" + QByteArray(SunPathSize - 1, 'p'), usec, {}, false, tooLong.arg(SunPathSize - 1));
+        row("abstract name one past", "@" + QByteArray(SunPathSize, 'a'), usec, {}, false, tooLong.arg(SunPathSize));
+        row("relative path", "notify.sock", usec, {}, false, "NOTIFY_SOCKET is ignored: neither an absolute path nor an abstract name");
+        row("bare @", "@", usec, {}, false, "NOTIFY_SOCKET is ignored: not a socket name");
         // Once, however many pings fail after it.
-        QTest::newRow("path without a socket") << QByteArray("/nonexistent/notify") << usec << none << false
-                                               << "Cannot notify systemd: No such file or directory";
-        QTest::newRow("bare @") << QByteArray("@") << usec << none << false
-                                << "NOTIFY_SOCKET is ignored: not a socket name";
-        QTest::newRow("no watchdog") << QByteArray("path") << none << none << false << QString();
-        QTest::newRow("watchdog at the minimum") << QByteArray("path") << QByteArray("20000") << none << true
-                                                 << QString();
-        QTest::newRow("watchdog below the minimum") << QByteArray("path") << QByteArray("19999") << none << false
-                                                    << pingsIgnored;
-        QTest::newRow("watchdog 0") << QByteArray("path") << QByteArray("0") << none << false << pingsIgnored;
-        QTest::newRow("watchdog negative") << QByteArray("path") << QByteArray("-200000") << none << false
-                                           << pingsIgnored;
-        QTest::newRow("watchdog text") << QByteArray("path") << QByteArray("200ms") << none << false << pingsIgnored;
+        row("path without a socket", "/nonexistent/notify", usec, {}, false, "Cannot notify systemd: No such file or directory");
+        row("no watchdog", "path", {}, {}, false, {});
+        row("watchdog at the minimum", "path", "20000", {}, true, {});
+        row("watchdog below the minimum", "path", "19999", {}, false, usecIgnored);
+        row("watchdog text", "path", "-200ms", {}, false, usecIgnored);
         // 18 digits: pinged hourly, too seldom to see here.
-        QTest::newRow("watchdog of 18 digits") << QByteArray("path") << QByteArray(18, '9') << none << false
-                                               << QString();
-        QTest::newRow("watchdog of 19 digits") << QByteArray("path") << QByteArray(19, '9') << none << false
-                                               << pingsIgnored;
-        QTest::newRow("watchdog of this process") << QByteArray("path") << usec << QByteArray("$$") << true
-                                                  << QString();
-        QTest::newRow("watchdog of another process") << QByteArray("path") << usec << QByteArray("1") << false
-                                                     << QString();
-        QTest::newRow("watchdog pid text") << QByteArray("path") << usec << QByteArray("self") << false
-                                           << "WATCHDOG_PID is not a process number";
+        row("watchdog of 18 digits", "path", QByteArray(18, '9'), {}, false, {});
+        row("watchdog of 19 digits", "path", QByteArray(19, '9'), {}, false, usecIgnored);
+        row("watchdog of this process", "path", usec, "$$", true, {});
+        row("watchdog of another process", "path", usec, "1", false, {});
+        row("watchdog pid text", "path", usec, "self", false, "WATCHDOG_PID is not a process number");
     }
 
     // READY=1 once the port accepts connections, WATCHDOG=1 every half
@@ -207,7 +192,7 @@ private slots:
         QFETCH(bool, pings);
         QFETCH(QString, warning);
 
-        const bool bound = IsPlaceholder(notifySocket);
+        const bool bound = notifySocket.startsWith("path") || notifySocket.startsWith("abstract");
         if (bound)
             QVERIFY(BindPlaceholder(notifySocket));
         StartManager({{"NOTIFY_SOCKET", notifySocket}, {"WATCHDOG_USEC", watchdogUsec}, {"WATCHDOG_PID", watchdogPid}});
@@ -263,32 +248,26 @@ private slots:
     void journalPriorities_data()
     {
         QTest::addColumn<QString>("journal");
-        QTest::addColumn<bool>("portTaken");
         QTest::addColumn<bool>("prefixed");
 
         // "stderr" and "other" name those files; "stderr/N" pads the device
         // with zeros to N bytes, 41 being the most two 64-bit numbers take.
-        QTest::newRow("stderr is the journal") << "stderr" << false << true;
-        QTest::newRow("stderr is the journal, start fails") << "stderr" << true << true;
-        QTest::newRow("stream at the length limit") << "stderr/41" << false << true;
-        QTest::newRow("stream one past") << "stderr/42" << false << false;
-        QTest::newRow("the journal is another file") << "other" << false << false;
-        QTest::newRow("the journal is another file, start fails") << "other" << true << false;
-        QTest::newRow("stream malformed") << "1:2:3" << false << false;
-        QTest::newRow("stream of text") << "text:text" << false << false;
+        QTest::newRow("stream at the length limit") << "stderr/41" << true;
+        QTest::newRow("stream one past") << "stderr/42" << false;
+        QTest::newRow("the journal is another file") << "other" << false;
+        QTest::newRow("stream malformed") << "1:2:3" << false;
+        QTest::newRow("stream of text") << "text:text" << false;
     }
 
     // Every line on stderr, each of a multi-line report included, begins with
     // its priority when stderr is the journal's stream, and only then. A bad
-    // NOTIFY_SOCKET brings the Warning.
+    // NOTIFY_SOCKET brings the Warning; refusalIsAnError checks an Error's.
     void journalPriorities()
     {
         QFETCH(QString, journal);
-        QFETCH(bool, portTaken);
         QFETCH(bool, prefixed);
 
-        const QString errFile = dir->filePath(QStringLiteral("stderr"));
-        QVERIFY(WriteFile(errFile, QByteArray()));
+        const QString errFile = StderrToFile();
         QByteArray stream = journal.toUtf8();
         if (journal.startsWith(QLatin1String("stderr"))) {
             stream = DeviceAndInode(errFile);
@@ -297,22 +276,12 @@ private slots:
         } else if (journal == QLatin1String("other")) {
             stream = DeviceAndInode(dir->filePath(QStringLiteral("TarnSrv.cfg")));
         }
-        QTcpServer taken;
-        if (portTaken)
-            QVERIFY(taken.listen(QHostAddress::Any, port));
-        manager.setStandardErrorFile(errFile);
         StartManager({{"JOURNAL_STREAM", stream}, {"NOTIFY_SOCKET", "relative"}});
-
-        if (portTaken) {
-            QVERIFY(manager.waitForFinished(20000));
-            QCOMPARE(manager.exitCode(), 1);
-        } else {
-            QTRY_VERIFY_WITH_TIMEOUT(FileBytes(errFile).contains("Clients connect to"), 20000);
-            QCOMPARE(::kill(pid_t(manager.processId()), SIGTERM), 0);
-            QVERIFY(manager.waitForFinished(20000));
-        }
+        QTRY_VERIFY_WITH_TIMEOUT(FileBytes(errFile).contains("Clients connect to"), 20000);
+        QCOMPARE(::kill(pid_t(manager.processId()), SIGTERM), 0);
+        QVERIFY(manager.waitForFinished(20000));
         const QRegularExpression line(QStringLiteral("^(<\\d>)?\\d\\d\\.\\d\\d\\.\\d{4} [0-9:]{8} - (\\w+) : .*$"));
-        const QHash<QString, QString> priority{{"Info", "<6>"}, {"Warning", "<4>"}, {"Error", "<3>"}};
+        const QHash<QString, QString> priority{{"Info", "<6>"}, {"Warning", "<4>"}};
         QSet<QString> levels;
         const QString lines = QString::fromUtf8(FileBytes(errFile));
         for (const QString &text : lines.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
@@ -321,8 +290,7 @@ private slots:
             QCOMPARE(match.captured(1), prefixed ? priority.value(match.captured(2)) : QString());
             levels.insert(match.captured(2));
         }
-        // A failed start ends the run before NOTIFY_SOCKET is read.
-        QCOMPARE(levels, portTaken ? QSet<QString>({"Info", "Error"}) : QSet<QString>({"Info", "Warning"}));
+        QCOMPARE(levels, QSet<QString>({"Info", "Warning"}));
         // The start-up report is one entry of several lines.
         QVERIFY2(lines.contains(QStringLiteral("Reading configuration file")), qPrintable(lines));
     }
@@ -372,9 +340,7 @@ private slots:
         QVERIFY(holder.waitForReadyRead(10000));
         QCOMPARE(holder.readLine().trimmed(), QByteArray("held"));
 
-        const QString errFile = dir->filePath(QStringLiteral("stderr"));
-        QVERIFY(WriteFile(errFile, QByteArray()));
-        manager.setStandardErrorFile(errFile);
+        const QString errFile = StderrToFile();
         StartManager({{"JOURNAL_STREAM", journal ? DeviceAndInode(errFile) : QByteArray()}});
         QVERIFY(manager.waitForFinished(20000));
         QCOMPARE(manager.exitCode(), 1);
@@ -383,11 +349,6 @@ private slots:
     }
 
 private:
-    static bool IsPlaceholder(const QByteArray &name)
-    {
-        return name.startsWith("path") || name.startsWith("abstract");
-    }
-
     // "path" and "abstract" become a name the listener binds, of the length
     // after a colon when one is given.
     bool BindPlaceholder(QByteArray &name)
@@ -404,6 +365,15 @@ private:
         if (length > 0)
             name = name.leftJustified(length, 'n');
         return listener->Bind(name);
+    }
+
+    // The manager's stderr, into an empty file of the test's.
+    QString StderrToFile()
+    {
+        const QString errFile = dir->filePath(QStringLiteral("stderr"));
+        WriteFile(errFile, QByteArray());
+        manager.setStandardErrorFile(errFile);
+        return errFile;
     }
 
     using Variables = QList<QPair<const char *, QByteArray>>;

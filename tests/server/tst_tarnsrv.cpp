@@ -127,12 +127,10 @@ private slots:
         QTest::addColumn<QString>("probe");
         QTest::addColumn<bool>("isPing");
 
-        QTest::newRow("ping") << "Server ping" << true;
         QTest::newRow("ping with arguments") << "Server ping,1,,x" << true;
         QTest::newRow("lower case") << "server ping" << false;
         QTest::newRow("leading blank") << " Server ping" << false;
         QTest::newRow("empty frame") << "" << false;
-        QTest::newRow("unknown name") << "Server pong" << false;
         QTest::newRow("heart beat is never answered") << "Heart Beat" << false;
     }
 
@@ -203,16 +201,6 @@ private slots:
         QVERIFY(bob->WaitForMessages(2));
         QCOMPARE(bob->received.last(),
                  QStringLiteral("Active clients,<b>Bob</b>,%1,Cid,%2,").arg(SessionB, SessionA));
-    }
-
-    void oversizedMessageClosesConnection()
-    {
-        auto client = Connect(Origin(SessionA, QStringLiteral("Big")));
-        QVERIFY(client);
-        QSignalSpy disconnected(&client->socket, &QWebSocket::disconnected);
-        client->socket.sendTextMessage(QString(int(TarnSrv::MaxIncomingSize) + 1, QLatin1Char('x')));
-        QVERIFY(disconnected.wait(5000));
-        QTRY_VERIFY(server->GetActiveClients().isEmpty());
     }
 
     // Resumption tickets go to TLS 1.3 sessions alone: a TLS 1.2 ticket holds

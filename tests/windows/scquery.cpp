@@ -7,13 +7,6 @@
 //                             of the current status, or "none"
 //   scquery config <service>  "<type>|<start type>|<account>|<binary path>|<description>"
 //                             in UTF-8, or "none" when it cannot be queried
-//   scquery recovery <service>
-//                             "<failure actions>|<on error stops>|<delayed start>":
-//                             the reset period in seconds, then each action as
-//                             type/delay in ms ("86400:1/0,1/0,1/60000"), and
-//                             the two flags as 0 or 1; each part that cannot be
-//                             queried is "error <code>", the whole "none" when
-//                             the service cannot be opened
 //   scquery alive <pid>       "yes" while the process runs, else "no"
 //   scquery text <code>       the system's message text for an error code, as
 //                             Qt's qt_error_string gives it
@@ -119,43 +112,6 @@ void PrintService(Query query, const wchar_t *name)
         CloseServiceHandle(manager);
 }
 
-// One level of QueryServiceConfig2W into the buffer, or "error <code>" printed.
-bool QueryLevel(SC_HANDLE service, DWORD level, unsigned long long (&buffer)[1024])
-{
-    DWORD needed = 0;
-    if (QueryServiceConfig2W(service, level, reinterpret_cast<BYTE *>(buffer), sizeof(buffer), &needed))
-        return true;
-    printf("error %lu", GetLastError());
-    return false;
-}
-
-void PrintRecovery(const wchar_t *name)
-{
-    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    SC_HANDLE service = manager ? OpenServiceW(manager, name, SERVICE_QUERY_CONFIG) : nullptr;
-    static unsigned long long buffer[1024];
-    if (!service) {
-        printf("none\n");
-    } else {
-        if (QueryLevel(service, SERVICE_CONFIG_FAILURE_ACTIONS, buffer)) {
-            const auto *failure = reinterpret_cast<SERVICE_FAILURE_ACTIONSW *>(buffer);
-            printf("%lu:", failure->dwResetPeriod);
-            for (DWORD i = 0; i < failure->cActions; ++i)
-                printf("%s%d/%lu", i ? "," : "", int(failure->lpsaActions[i].Type), failure->lpsaActions[i].Delay);
-        }
-        printf("|");
-        if (QueryLevel(service, SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, buffer))
-            printf("%d", reinterpret_cast<SERVICE_FAILURE_ACTIONS_FLAG *>(buffer)->fFailureActionsOnNonCrashFailures);
-        printf("|");
-        if (QueryLevel(service, SERVICE_CONFIG_DELAYED_AUTO_START_INFO, buffer))
-            printf("%d", reinterpret_cast<SERVICE_DELAYED_AUTO_START_INFO *>(buffer)->fDelayedAutostart);
-        printf("\n");
-        CloseServiceHandle(service);
-    }
-    if (manager)
-        CloseServiceHandle(manager);
-}
-
 } // namespace
 
 int wmain(int argc, wchar_t **argv)
@@ -169,10 +125,6 @@ int wmain(int argc, wchar_t **argv)
             PrintService(q.query, argv[2]);
             return 0;
         }
-    }
-    if (wcscmp(argv[1], L"recovery") == 0) {
-        PrintRecovery(argv[2]);
-        return 0;
     }
     if (wcscmp(argv[1], L"alive") == 0) {
         const DWORD pid = DWORD(wcstoul(argv[2], nullptr, 10));

@@ -55,13 +55,15 @@ start_prefix() {
     WINEDEBUG=-all,err+eventlog wineboot > "$WORK/services.log" 2>&1 || die "wineboot failed"
 }
 
-# run <program> <args...>: runs it under wine in DIR, leaving OUT, ERR, CODE.
+# run <program> <args...>: runs it under wine in DIR, leaving OUT, ERR, CODE;
+# true when it ended with 0.
 run() {
     local program=$1; shift
     (cd "$DIR" && wine "$program" "$@" < /dev/null > "$WORK/out" 2> "$WORK/err")
     CODE=$?
     OUT=$(tr -d '\r' < "$WORK/out")
     ERR=$(tr -d '\r' < "$WORK/err")
+    [ "$CODE" = 0 ]
 }
 
 # expect <name> <out> <err> <code> <program> <args...>: runs it and compares
