@@ -1,7 +1,9 @@
 #pragma once
 
 // Small helpers the test programs share.
+#include <QDir>
 #include <QFile>
+#include <QProcessEnvironment>
 #include <QUrl>
 #ifdef QT_NETWORK_LIB
 #include <QRandomGenerator>
@@ -25,6 +27,29 @@ inline bool WriteFile(const QString &path, const QByteArray &bytes)
 {
     QFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+// A manager as a service runs it: TarnSrv copied into the folder, with a
+// TarnSrv.cfg that names the port and a log folder of its own.
+inline bool MakeManagerFolder(const QString &folder, const QString &manager, quint16 port)
+{
+    return QFile::copy(manager, folder + QStringLiteral("/TarnSrv")) && QDir(folder).mkpath(QStringLiteral("log"))
+        && WriteFile(folder + QStringLiteral("/TarnSrv.cfg"),
+                     QStringLiteral("PortNr = %1\nLoggingFolder = %2/log\n").arg(port).arg(folder).toUtf8());
+}
+
+// No display, and settings, identity, lock and temporary files in the folder
+// (settings under config/), away from the user's and from a running manager.
+inline QProcessEnvironment ManagerEnvironment(const QString &folder)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        env.remove(QLatin1String(name));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), folder + QStringLiteral("/config"));
+    for (const char *name : {"XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
+        env.insert(QLatin1String(name), folder);
+    env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), folder + QStringLiteral("/instance.lock"));
+    return env;
 }
 
 // The first number of each line of a file, such as the start times a child

@@ -21,15 +21,9 @@ private slots:
     void init()
     {
         dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), dir->filePath(QStringLiteral("TarnSrv"))));
-        QVERIFY(QDir(dir->path()).mkpath(QStringLiteral("log")));
         // The stored port is taken: a run that ignored --port could not serve.
         QVERIFY(takenPort.listen(QHostAddress::Any, 0));
-        QVERIFY(WriteFile(dir->filePath(QStringLiteral("TarnSrv.cfg")),
-                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n")
-                              .arg(takenPort.serverPort())
-                              .arg(dir->filePath(QStringLiteral("log")))
-                              .toUtf8()));
+        QVERIFY(MakeManagerFolder(dir->path(), QStringLiteral(TARN_MANAGER_PATH), takenPort.serverPort()));
         err.clear();
         connect(&manager, &QProcess::readyReadStandardError, this, [this] { err += manager.readAllStandardError(); });
     }
@@ -133,14 +127,7 @@ private slots:
 private:
     void StartManager(const QStringList &arguments)
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
-            env.remove(QLatin1String(name));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), ConfigFolder());
-        for (const char *name : {"XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
-            env.insert(QLatin1String(name), dir->path());
-        env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), dir->filePath(QStringLiteral("instance.lock")));
-        manager.setProcessEnvironment(env);
+        manager.setProcessEnvironment(ManagerEnvironment(dir->path()));
         manager.start(dir->filePath(QStringLiteral("TarnSrv")), arguments);
         QVERIFY(manager.waitForStarted());
     }

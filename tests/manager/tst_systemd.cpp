@@ -118,14 +118,8 @@ private slots:
     void init()
     {
         dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), dir->filePath(QStringLiteral("TarnSrv"))));
-        QVERIFY(QDir(dir->path()).mkpath(QStringLiteral("log")));
         port = FreePort();
-        QVERIFY(WriteFile(dir->filePath(QStringLiteral("TarnSrv.cfg")),
-                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n")
-                              .arg(port)
-                              .arg(dir->filePath(QStringLiteral("log")))
-                              .toUtf8()));
+        QVERIFY(MakeManagerFolder(dir->path(), QStringLiteral(TARN_MANAGER_PATH), port));
         listener = std::make_unique<NotifyListener>();
         err.clear();
         connect(&manager, &QProcess::readyReadStandardError, this, [this] { err += manager.readAllStandardError(); });
@@ -397,17 +391,12 @@ private:
     // The variables given, the empty ones left out, in the test's private folders.
     QProcessEnvironment Environment(const Variables &variables) const
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "NOTIFY_SOCKET", "WATCHDOG_USEC",
-                                 "WATCHDOG_PID", "JOURNAL_STREAM"})
+        QProcessEnvironment env = ManagerEnvironment(dir->path());
+        for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID", "JOURNAL_STREAM"})
             env.remove(QLatin1String(name));
         for (const auto &variable : variables)
             if (!variable.second.isEmpty())
                 env.insert(QLatin1String(variable.first), QString::fromLocal8Bit(variable.second));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir->filePath(QStringLiteral("config")));
-        for (const char *name : {"XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
-            env.insert(QLatin1String(name), dir->path());
-        env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), dir->filePath(QStringLiteral("instance.lock")));
         return env;
     }
 
