@@ -53,13 +53,6 @@ Acceptor::~Acceptor()
         ::close(spare);
 }
 
-int Acceptor::TakeRefused()
-{
-    const int taken = refused;
-    refused = 0;
-    return taken;
-}
-
 void Acceptor::AcceptWaiting()
 {
     for (int round = 0; round < MaxPerWake; ++round) {
@@ -90,7 +83,7 @@ bool Acceptor::RefuseOne()
     const int descriptor = AcceptOne(listening);
     if (descriptor >= 0) {
         ::close(descriptor);
-        ++refused;
+        emit Refused();
     }
     spare = OpenSpare();
     return descriptor >= 0 && spare >= 0;

@@ -26,10 +26,6 @@ public:
     explicit Acceptor(qintptr listening);
     ~Acceptor() override;
 
-    // Connections accepted and closed at once for want of descriptors since
-    // the last call.
-    int TakeRefused();
-
     static constexpr int RetryMs = 1000;
     // Accepts per wake-up, so that a burst of connections still lets the
     // loop serve the connected ones.
@@ -38,6 +34,8 @@ public:
 signals:
     // A new connection, non-blocking and close-on-exec, now the receiver's.
     void Accepted(qintptr descriptor);
+    // A connection was accepted and closed at once for want of descriptors.
+    void Refused();
 
 private:
     void AcceptWaiting();
@@ -47,7 +45,6 @@ private:
 
     int listening;
     int spare = -1;
-    int refused = 0;
     QSocketNotifier notifier;
     QTimer retryTimer;
 };

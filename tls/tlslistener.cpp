@@ -46,8 +46,10 @@ bool TlsListener::Listen(const QHostAddress &address, quint16 port)
 #ifdef Q_OS_UNIX
     // Qt's notifier off first: one socket gets one read notifier.
     pauseAccepting();
-    acceptor = std::make_unique<Acceptor>(socketDescriptor());
-    connect(acceptor.get(), &Acceptor::Accepted, this, &TlsListener::incomingConnection);
+    auto *own = new Acceptor(socketDescriptor());
+    acceptor.reset(own);
+    connect(own, &Acceptor::Accepted, this, &TlsListener::incomingConnection);
+    connect(own, &Acceptor::Refused, this, [this] { ++drops.refused; });
 #endif
     return true;
 }
@@ -72,10 +74,8 @@ TlsServerSocket *TlsListener::TakeOver(const QHostAddress &address, quint16 port
 
 TlsListener::Drops TlsListener::TakeDrops()
 {
-    Drops taken = drops;
+    const Drops taken = drops;
     drops = Drops();
-    if (acceptor)
-        taken.refused = acceptor->TakeRefused();
     return taken;
 }
 

@@ -11,7 +11,6 @@
 #include <memory>
 
 typedef struct ssl_ctx_st SSL_CTX;
-class Acceptor;
 class TlsIdentity;
 class TlsServerSocket;
 struct UnsentPool;
@@ -79,8 +78,9 @@ private:
     void CloseLate();
 
     SSL_CTX *context = nullptr;
-    // Unix only; gone before QTcpServer closes the socket it watches.
-    std::unique_ptr<Acceptor> acceptor;
+    // Unix only, where the listener accepts by itself; gone before QTcpServer
+    // closes the socket it watches.
+    std::unique_ptr<QObject> acceptor;
     // Shared by every connection, those taken over included.
     std::shared_ptr<UnsentPool> unsentPool;
     QElapsedTimer clock;
