@@ -8,14 +8,16 @@
 // descriptors neither spins the event loop nor leaves clients hanging.
 //
 // Out of descriptors, accept fails while the connection stays first in the
-// kernel's queue, so the socket is readable again at once: Qt 5.15 keeps its
-// notifier on and wakes for it thousands of times a second. Pausing alone
-// would stop that but leave the queue full and every client hanging until
-// its own timeout. One spare descriptor, kept open for this, makes room
-// instead: it is closed, the waiting connection is accepted and closed at
-// once, so its client sees a refusal, and the spare is opened again. Only
-// when even that fails (the whole system out of descriptors) does accepting
-// pause for a while.
+// kernel's queue, so the socket is readable again at once. Qt keeps only the
+// first error of a socket: once an accept has found the queue empty, every
+// later failure reads as "try again", its notifier stays on and the loop
+// wakes for the same connection tens of thousands of times a second.
+// Pausing alone would stop that but leave the queue full and every client
+// hanging until its own timeout. One spare descriptor, kept open for this,
+// makes room instead: it is closed, the waiting connection is accepted and
+// closed at once, so its client sees a refusal, and the spare is opened
+// again. Only when even that fails (the whole system out of descriptors)
+// does accepting pause for a while.
 class Acceptor : public QObject
 {
     Q_OBJECT
