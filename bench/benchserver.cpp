@@ -1,7 +1,6 @@
 // tarn-bench-server: the session server without its window, for benchmarks.
 // Prints "PORT <n>" once listening and runs until terminated.
 
-#include "descriptorlimit.h"
 #include "loaddriver.h"
 #include "scalableeventloop.h"
 #include "tarnsrv.h"
@@ -12,7 +11,7 @@
 
 int main(int argc, char *argv[])
 {
-    Tarn::RaiseDescriptorLimit();
+    Bench::RaiseFileLimit();
     Tarn::UseScalableEventLoop();
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();

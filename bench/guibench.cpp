@@ -2,7 +2,6 @@
 // takes to show 1,000 clients that connect to its server at once. Every
 // connection makes the window rebuild its whole client tree.
 
-#include "descriptorlimit.h"
 #include "loaddriver.h"
 #include "tarnsrvgui.h"
 
@@ -48,7 +47,7 @@ quint16 ListeningPort(const TarnSrvGui &window)
 
 int main(int argc, char *argv[])
 {
-    Tarn::RaiseDescriptorLimit();
+    Bench::RaiseFileLimit();
     // A private settings store, so the operator's own settings stay untouched.
     QTemporaryDir config;
     qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());

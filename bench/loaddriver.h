@@ -61,4 +61,7 @@ private:
     std::vector<LoadWorker *> workers;
 };
 
+// Raises the soft limit of open descriptors to the hard one.
+void RaiseFileLimit();
+
 } // namespace Bench

@@ -2,7 +2,6 @@
 // session server on this machine and prints what it measured, one
 // "RESULT <key> <value>" line per figure.
 
-#include "descriptorlimit.h"
 #include "loaddriver.h"
 #include "tarnsrv.h"
 
@@ -210,7 +209,7 @@ Options Parse(const QCoreApplication &app)
 
 int main(int argc, char *argv[])
 {
-    Tarn::RaiseDescriptorLimit();
+    RaiseFileLimit();
     // Thousands of client sockets meet the same event-loop cost as the server's.
     TarnSrv::PreferScalableEventLoop();
     QCoreApplication app(argc, argv);
