@@ -1,6 +1,7 @@
 // tarn-bench-server: the session server without its window, for benchmarks.
 // Prints "PORT <n>" once listening and runs until terminated.
 
+#include "descriptorlimit.h"
 #include "loaddriver.h"
 #include "scalableeventloop.h"
 #include "tarnsrv.h"
@@ -11,7 +12,7 @@
 
 int main(int argc, char *argv[])
 {
-    Bench::RaiseFileLimit();
+    Tarn::RaiseDescriptorLimit();
     Tarn::UseScalableEventLoop();
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();

@@ -2,6 +2,7 @@
 // takes to show 1,000 clients that connect to its server at once. Every
 // connection makes the window rebuild its whole client tree.
 
+#include "descriptorlimit.h"
 #include "loaddriver.h"
 #include "tarnsrvgui.h"
 
@@ -47,7 +48,7 @@ quint16 ListeningPort(const TarnSrvGui &window)
 
 int main(int argc, char *argv[])
 {
-    Bench::RaiseFileLimit();
+    Tarn::RaiseDescriptorLimit();
     // A private settings store, so the operator's own settings stay untouched.
     QTemporaryDir config;
     qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());

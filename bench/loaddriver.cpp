@@ -1,7 +1,5 @@
 #include "loaddriver.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 
 namespace Bench {
@@ -132,15 +130,6 @@ int LoadDriver::ServerBeats() const
     for (const LoadWorker *w : workers)
         n += w->serverBeats;
     return n;
-}
-
-void RaiseFileLimit()
-{
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
 }
 
 } // namespace Bench

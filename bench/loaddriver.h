@@ -61,7 +61,4 @@ private:
     std::vector<LoadWorker *> workers;
 };
 
-// Raises the soft limit of open descriptors to the hard one.
-void RaiseFileLimit();
-
 } // namespace Bench

@@ -2,6 +2,7 @@
 // session server on this machine and prints what it measured, one
 // "RESULT <key> <value>" line per figure.
 
+#include "descriptorlimit.h"
 #include "loaddriver.h"
 #include "tarnsrv.h"
 
@@ -209,7 +210,7 @@ Options Parse(const QCoreApplication &app)
 
 int main(int argc, char *argv[])
 {
-    RaiseFileLimit();
+    Tarn::RaiseDescriptorLimit();
     // Thousands of client sockets meet the same event-loop cost as the server's.
     TarnSrv::PreferScalableEventLoop();
     QCoreApplication app(argc, argv);

@@ -1,4 +1,5 @@
 #include "commandline.h"
+#include "descriptorlimit.h"
 #include "display.h"
 #include "loglevel.h"
 #include "logsink.h"
@@ -122,6 +123,7 @@ int main(int argc, char *argv[])
         return RunTool(argc, argv, commandLine);
     RunOptions options = commandLine.Options();
     options.headless = options.headless || LacksDisplay();
+    Tarn::RaiseDescriptorLimit();
     TarnSrv::PreferScalableEventLoop();
     if (options.headless) {
         Tarn::UseScalableEventLoop();

@@ -1,5 +1,6 @@
 #include "tarnsrv.h"
 
+#include "descriptorlimit.h"
 #include "srvurldetect.h"
 #include "tlslistener.h"
 #include "tlsserversocket.h"
@@ -108,7 +109,7 @@ int TarnSrv::Start(int port)
     endpoint = new QWebSocketServer(QStringLiteral("VARNOK Manager"),
                                     QWebSocketServer::NonSecureMode, this);
     listener = new TlsListener(identity, endpoint);
-    if (!listener->IsValid() || !listener->listen(QHostAddress::Any, quint16(port))) {
+    if (!listener->IsValid() || !listener->Listen(QHostAddress::Any, quint16(port))) {
         endpoint->deleteLater();
         endpoint = nullptr;
         listener = nullptr;
@@ -125,6 +126,9 @@ int TarnSrv::Start(int port)
     connect(listener, &TlsListener::Released, this, &TarnSrv::ScheduleMemoryTrim);
     connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
     LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(listener->serverPort()));
+    const int room = ClientRoom();
+    if (room >= 0)
+        LogInfo(QStringLiteral("The descriptor limit leaves room for %1 clients.").arg(room));
 
     if (!discovery) {
         discovery = new SrvUrlDetect(nullptr);
@@ -143,7 +147,7 @@ void TarnSrv::Stop()
     DisconnectAll();
     // The port is free again before the endpoint's deferred deletion, which
     // a restart waits for.
-    listener->close();
+    listener->Close();
     SummarizeRepeatedLines();
     summaryTimer.stop();
     connect(endpoint, &QObject::destroyed, this, &TarnSrv::SocketDestroyed);
@@ -387,4 +391,7 @@ void TarnSrv::SummarizeRepeatedLines()
     if (drops.displaced > 0)
         LogInfo(QStringLiteral("%1 unfinished handshakes were closed to make room for newer ones.")
                     .arg(drops.displaced));
+    if (drops.refused > 0)
+        emit Log(QStringLiteral("%1 connections were refused: the server is out of descriptors.").arg(drops.refused),
+                 LogLevel::Warning, false);
 }

@@ -5,9 +5,15 @@
 
 #include <openssl/ssl.h>
 
+#ifdef Q_OS_UNIX
+#include "acceptor.h"
+#endif
+
 namespace {
 
+#ifndef Q_OS_UNIX
 constexpr int AcceptRetryMs = 1000;
+#endif
 constexpr int DeadlineCheckMs = 1000;
 
 } // namespace
@@ -15,10 +21,12 @@ constexpr int DeadlineCheckMs = 1000;
 TlsListener::TlsListener(const TlsIdentity &identity, QObject *parent)
     : QTcpServer(parent), context(MakeServerContext(identity)), unsentPool(std::make_shared<UnsentPool>())
 {
-    // Qt stops accepting for good when an accept fails, out of descriptors
-    // say; a second later some may be free again.
+#ifndef Q_OS_UNIX
+    // Where Qt accepts, it stops for good when an accept fails, out of
+    // memory for sockets say; a second later there may be some again.
     connect(this, &QTcpServer::acceptError, this,
             [this] { QTimer::singleShot(AcceptRetryMs, this, &QTcpServer::resumeAccepting); });
+#endif
     clock.start();
     deadlineTimer.setInterval(DeadlineCheckMs);
     connect(&deadlineTimer, &QTimer::timeout, this, &TlsListener::CloseLate);
@@ -29,6 +37,27 @@ TlsListener::~TlsListener()
 {
     // Each connection holds its own reference to the context.
     SSL_CTX_free(context);
+}
+
+bool TlsListener::Listen(const QHostAddress &address, quint16 port)
+{
+    if (!listen(address, port))
+        return false;
+#ifdef Q_OS_UNIX
+    // Qt's notifier off first: one socket gets one read notifier.
+    pauseAccepting();
+    auto *own = new Acceptor(socketDescriptor());
+    acceptor.reset(own);
+    connect(own, &Acceptor::Accepted, this, &TlsListener::incomingConnection);
+    connect(own, &Acceptor::Refused, this, [this] { ++drops.refused; });
+#endif
+    return true;
+}
+
+void TlsListener::Close()
+{
+    acceptor.reset();
+    close();
 }
 
 TlsServerSocket *TlsListener::TakeOver(const QHostAddress &address, quint16 port)

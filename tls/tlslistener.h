@@ -31,17 +31,23 @@ public:
 
     bool IsValid() const { return context != nullptr; }
 
+    // In place of QTcpServer's listen and close, which do not know that on
+    // Unix the listener accepts by itself.
+    bool Listen(const QHostAddress &address, quint16 port);
+    void Close();
+
     // The connection from this peer endpoint that was Ready, now the caller's
     // to parent and end; its session starts when the event loop next runs.
     // Null when there is none.
     TlsServerSocket *TakeOver(const QHostAddress &address, quint16 port);
 
     // Connections closed since the last call, for not being taken over in
-    // time and to make room for newer ones.
+    // time, to make room for newer ones, and for want of descriptors.
     struct Drops
     {
         int late = 0;
         int displaced = 0;
+        int refused = 0;
     };
     Drops TakeDrops();
 
@@ -72,6 +78,9 @@ private:
     void CloseLate();
 
     SSL_CTX *context = nullptr;
+    // Unix only, where the listener accepts by itself; gone before QTcpServer
+    // closes the socket it watches.
+    std::unique_ptr<QObject> acceptor;
     // Shared by every connection, those taken over included.
     std::shared_ptr<UnsentPool> unsentPool;
     QElapsedTimer clock;
