@@ -11,6 +11,17 @@
 
 using namespace Tarn;
 
+namespace {
+
+// What waits to be sent: the frames not yet encrypted, and the encrypted
+// bytes in the TLS socket (when known) not yet taken by the system.
+qint64 UnsentBytes(const QWebSocket *socket, const QSslSocket *transport)
+{
+    return socket->bytesToWrite() + (transport ? transport->encryptedBytesToWrite() : 0);
+}
+
+} // namespace
+
 TarnClt::TarnClt(QObject *parent)
     : QObject(parent)
 {

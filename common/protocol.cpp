@@ -1,9 +1,7 @@
 #include "protocol.h"
 
 #include <QHostAddress>
-#include <QSslSocket>
 #include <QUrl>
-#include <QWebSocket>
 
 namespace {
 
@@ -70,11 +68,6 @@ bool IsServerUrl(const QUrl &url)
     // The encoded host is ASCII even for international names.
     const QString host = url.host(QUrl::FullyEncoded);
     return !QHostAddress(host).isNull() || IsHostName(host);
-}
-
-qint64 UnsentBytes(const QWebSocket *socket, const QSslSocket *transport)
-{
-    return socket->bytesToWrite() + (transport ? transport->encryptedBytesToWrite() : 0);
 }
 
 QList<ActiveClient> ParseActiveClients(const QString &body)

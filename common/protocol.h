@@ -4,7 +4,6 @@
 #include <QStringList>
 #include <QUuid>
 
-class QSslSocket;
 class QUrl;
 class QWebSocket;
 
@@ -44,9 +43,6 @@ constexpr int MaxUrlLength = 256;
 // Discovered URLs come from anyone on the network, so both the detector and
 // the tool check them with this before keeping or printing one.
 bool IsServerUrl(const QUrl &url);
-// What waits to be sent on a connection: the frames not yet encrypted, and the
-// encrypted bytes in its TLS socket (when known) not yet taken by the system.
-qint64 UnsentBytes(const QWebSocket *socket, const QSslSocket *transport);
 
 } // namespace Tarn
 
