@@ -407,12 +407,13 @@ const char *errorText(DWORD code)
 
 using namespace ScmSubstitute;
 
-void fillSubstituteScmFunctions(ScmFunctions &table)
+bool resolveScmFunctions()
 {
-    table = {RegisterServiceCtrlHandlerW, SetServiceStatus, ChangeServiceConfig2W, CloseServiceHandle,
+    scmFunctions() = {RegisterServiceCtrlHandlerW, SetServiceStatus, ChangeServiceConfig2W, CloseServiceHandle,
              CreateServiceW, OpenSCManagerW, DeleteService, OpenServiceW, QueryServiceStatus,
              StartServiceCtrlDispatcherW, StartServiceW, ControlService, DeregisterEventSource,
              ReportEventW, RegisterEventSourceW, QueryServiceConfigW, QueryServiceConfig2W};
+    return true;
 }
 
 DWORD GetLastError()

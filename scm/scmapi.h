@@ -1,9 +1,10 @@
 #ifndef SCMAPI_H
 #define SCMAPI_H
 
-// The control-manager interface the framework is written against: Windows'
-// own declarations on Windows, the same shapes declared here elsewhere, where
-// the substitute control manager (scmsubstitute.cpp) implements them.
+// The control-manager interface the service framework is written against:
+// Windows' own declarations on Windows, the same shapes declared here
+// elsewhere, where the substitute control manager (scmsubstitute.cpp)
+// implements them.
 
 #include <QString>
 #include <QStringList>
@@ -132,14 +133,10 @@ struct ScmFunctions
     BOOL (WINAPI *QueryServiceConfig2W)(SC_HANDLE, DWORD, LPBYTE, DWORD, LPDWORD);
 };
 
-// The process-wide table; empty until resolveScmFunctions succeeds.
+// The process-wide table; empty until resolveScmFunctions succeeds. The
+// platform's backend fills it: advapi32 on Windows, the stand-in elsewhere.
 ScmFunctions &scmFunctions();
 bool resolveScmFunctions();
-#ifndef Q_OS_WIN
-// Fills the table off Windows; defined by the stand-in (scm/), which every
-// program using the framework there links.
-void fillSubstituteScmFunctions(ScmFunctions &table);
-#endif
 
 // Control-manager values the framework uses.
 namespace Scm {
