@@ -1,11 +1,9 @@
 #include "tlscontext.h"
 
+#include "opensslowned.h"
 #include "tlsidentity.h"
 
 #include <openssl/pem.h>
-#include <openssl/ssl.h>
-
-#include <memory>
 
 namespace {
 
@@ -14,22 +12,6 @@ namespace {
 // identity's key is ECDSA. TLS 1.3 keeps OpenSSL's suites, all of that kind.
 const char Tls12Ciphers[] = "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:"
                             "ECDHE-ECDSA-CHACHA20-POLY1305";
-
-template <typename T, void (*Free)(T *)>
-struct Deleter
-{
-    void operator()(T *p) const { Free(p); }
-};
-using Bio = std::unique_ptr<BIO, Deleter<BIO, BIO_free_all>>;
-using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;
-using Certificate = std::unique_ptr<X509, Deleter<X509, X509_free>>;
-using Context = std::unique_ptr<SSL_CTX, Deleter<SSL_CTX, SSL_CTX_free>>;
-
-// Reads pem in place: it must outlive the buffer.
-Bio PemBuffer(const QByteArray &pem)
-{
-    return Bio(BIO_new_mem_buf(pem.constData(), pem.size()));
-}
 
 // The versions a ClientHello's supported_versions extension lists include TLS 1.3.
 bool OffersTls13(const unsigned char *list, size_t size)
@@ -59,11 +41,11 @@ int TicketsForTls13Only(SSL *ssl, int *, void *)
 
 SSL_CTX *MakeServerContext(const TlsIdentity &identity)
 {
-    Context context(SSL_CTX_new(TLS_server_method()));
+    Owned<SSL_CTX> context(SSL_CTX_new(TLS_server_method()));
     const QByteArray keyPem = identity.key.toPem();
     const QByteArray certificatePem = identity.certificate.toPem();
-    const Key key(PEM_read_bio_PrivateKey(PemBuffer(keyPem).get(), nullptr, nullptr, nullptr));
-    const Certificate certificate(PEM_read_bio_X509(PemBuffer(certificatePem).get(), nullptr, nullptr, nullptr));
+    const Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(ReadOnlyBio(keyPem).get(), nullptr, nullptr, nullptr));
+    const Owned<X509> certificate(PEM_read_bio_X509(ReadOnlyBio(certificatePem).get(), nullptr, nullptr, nullptr));
     if (!context || !key || !certificate
         || SSL_CTX_use_certificate(context.get(), certificate.get()) != 1
         || SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1

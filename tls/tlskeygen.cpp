@@ -1,32 +1,15 @@
 #include "tlskeygen.h"
 
+#include "opensslowned.h"
+
 #include <QRegularExpression>
 
-#include <openssl/bio.h>
-#include <openssl/bn.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
-
-#include <memory>
 
 namespace TlsKeyGen {
 namespace {
-
-struct Free
-{
-    void operator()(BIO *p) const { BIO_free_all(p); }
-    void operator()(BIGNUM *p) const { BN_free(p); }
-    void operator()(EVP_PKEY *p) const { EVP_PKEY_free(p); }
-    void operator()(EVP_PKEY_CTX *p) const { EVP_PKEY_CTX_free(p); }
-    void operator()(X509 *p) const { X509_free(p); }
-    void operator()(X509_EXTENSION *p) const { X509_EXTENSION_free(p); }
-};
-template <typename T>
-using Owned = std::unique_ptr<T, Free>;
 
 Owned<EVP_PKEY> MakeKey()
 {
@@ -112,11 +95,6 @@ QByteArray CertificatePem(X509 *certificate)
     if (!bio || PEM_write_bio_X509(bio.get(), certificate) != 1)
         return QByteArray();
     return Drain(bio.get());
-}
-
-Owned<BIO> ReadOnlyBio(const QByteArray &data)
-{
-    return Owned<BIO>(BIO_new_mem_buf(data.constData(), data.size()));
 }
 
 // Without a callback libcrypto would ask for a passphrase on the terminal, and
