@@ -1,5 +1,7 @@
 #include "datafolders.h"
 
+#include "product.h"
+
 #include <QStandardPaths>
 
 namespace Tarn {
@@ -13,7 +15,7 @@ QString UnitDirectory(const char *variable)
 QString UserDataFolder()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-           + QStringLiteral("/VARNOK Labs/VARNOK Manager");
+           + QLatin1Char('/') + OrganizationName() + QLatin1Char('/') + ManagerName();
 }
 
 } // namespace Tarn

@@ -2,6 +2,7 @@
 #include "ui_logwindow.h"
 
 #include "loglevel.h"
+#include "product.h"
 
 #include <QMenu>
 #include <QMessageBox>
@@ -35,7 +36,7 @@ void LogWindow::Log(const QString &text, quint32 type, bool msgBox)
 
 void LogWindow::ShowMessageBox(const QString &text, quint32 type)
 {
-    const QString title = QStringLiteral("VARNOK Manager");
+    const QString title = Tarn::ManagerName();
     switch (type) {
     case LogLevel::Warning: QMessageBox::warning(this, title, text, QMessageBox::Ok); break;
     case LogLevel::Error: QMessageBox::critical(this, title, text, QMessageBox::Ok); break;

@@ -3,6 +3,7 @@
 #include "instanceguard.h"
 #include "loglevel.h"
 #include "logsink.h"
+#include "product.h"
 
 #include <QCoreApplication>
 #include <QNetworkInterface>
@@ -38,7 +39,7 @@ ManagerCore::~ManagerCore()
 
 QString ManagerCore::RefusalText()
 {
-    return QStringLiteral("Another instance of %1 is already running.").arg(QStringLiteral("VARNOK Manager"));
+    return QStringLiteral("Another instance of %1 is already running.").arg(Tarn::ManagerName());
 }
 
 bool ManagerCore::Claim()

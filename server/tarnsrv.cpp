@@ -1,6 +1,7 @@
 #include "tarnsrv.h"
 
 #include "descriptorlimit.h"
+#include "product.h"
 #include "srvurldetect.h"
 #include "tlslistener.h"
 #include "tlsserversocket.h"
@@ -106,7 +107,7 @@ int TarnSrv::Start(int port)
 
     // TLS is run by the listener in front, with one context for every
     // connection; the endpoint sees decrypted streams.
-    endpoint = new QWebSocketServer(QStringLiteral("VARNOK Manager"),
+    endpoint = new QWebSocketServer(Tarn::ManagerName(),
                                     QWebSocketServer::NonSecureMode, this);
     listener = new TlsListener(identity, endpoint);
     if (!listener->IsValid() || !listener->Listen(QHostAddress::Any, quint16(port))) {

@@ -2,13 +2,14 @@
 
 #include "loglevel.h"
 #include "logsink.h"
+#include "product.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QTextStream>
 
 TarnSrvSettings::TarnSrvSettings(LogSink *log)
-    : QSettings(QStringLiteral("VARNOK Labs"), QStringLiteral("VARNOK Manager"))
+    : QSettings(Tarn::OrganizationName(), Tarn::ManagerName())
     , log(log)
 {
 }
