@@ -96,7 +96,6 @@ private slots:
         QTest::newRow("port above range") << "PortNr = 65536" << "\"PortNr = 65536" + range;
         QTest::newRow("negative port") << "PortNr = -7" << "\"PortNr = -7" + range;
         QTest::newRow("port not a number") << "PortNr = abc" << "Port number: 0\n";
-        QTest::newRow("port with leading zero") << "PortNr = 0080" << "Port number: 80\n";
         QTest::newRow("logging TRUE") << "LoggingEnable = TRUE" << "Logging: enabled\n";
         QTest::newRow("logging 1 is off") << "LoggingEnable = 1" << "Logging: disabled\n";
         QTest::newRow("folder") << "LoggingFolder =  C:/logs " << "Logging folder: C:/logs\n";
