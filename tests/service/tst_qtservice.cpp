@@ -317,11 +317,7 @@ private slots:
             QCOMPARE(status.dwServiceSpecificExitCode, DWORD(reported));
         } else {
             qputenv("SVC_PROBE_ERROR_AT_START", code);
-            QProcess process;
-            process.start(probe, {QStringLiteral("-e")});
-            QVERIFY(process.waitForFinished(5000));
-            QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-            QCOMPARE(process.exitCode(), reported);
+            QCOMPARE(runProgram(probe, {QStringLiteral("-e")}).code, reported);
         }
         QVERIFY2(notes().contains(QStringLiteral("stop main")), qPrintable(notes().join(QLatin1Char(','))));
     }
@@ -429,21 +425,13 @@ private slots:
             QVERIFY(QFile::setPermissions(db, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
         }
         qputenv("TARN_SCM_ROOT", db.toLocal8Bit());
-        QProcess host;
-        host.start(command.first(), command.mid(1));
-        const bool finished = host.waitForFinished(15000);
-        if (!finished) {
-            host.kill();
-            host.waitForFinished();
-        }
+        const RunResult r = runProgram(command.first(), command.mid(1));
         QFile::setPermissions(db, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        QVERIFY(finished);
-        if (host.exitCode() == 77)
+        if (r.code == 77)
             QSKIP("no read-only mount possible here");
-        QCOMPARE(host.exitCode(), 0);
-        QCOMPARE(host.readAllStandardOutput(),
-                 "The service\n\ttst_probe\n\t" + probe.toUtf8() + "\n\nis not installed and not running\n\n");
-        const QByteArray err = host.readAllStandardError();
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.out, "The service\n\ttst_probe\n\t" + probe.toUtf8() + "\n\nis not installed and not running\n\n");
+        const QByteArray &err = r.err;
         QVERIFY2(err.startsWith("Service control manager: the database folder " + db.toUtf8() + " is not usable: "
                                 + reason.toUtf8())
                      && err.count('\n') == 1,

@@ -5,7 +5,6 @@
 #include "scmapi.h"
 
 #include <QElapsedTimer>
-#include <QProcess>
 #include <QScopeGuard>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -355,26 +354,10 @@ private slots:
     }
 
 private:
-    struct Result
-    {
-        QByteArray out;
-        QByteArray err;
-        int code = -1;
-    };
-
+    using Result = RunResult;
     Result run(const QStringList &args, const QString &program = QString())
     {
-        QProcess process;
-        process.start(program.isEmpty() ? host : program, args);
-        Result result;
-        if (!process.waitForFinished(15000)) {
-            process.kill();
-            process.waitForFinished();
-        }
-        result.out = process.readAllStandardOutput();
-        result.err = process.readAllStandardError();
-        result.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        return result;
+        return runProgram(program.isEmpty() ? host : program, args);
     }
 
     // The account of the installed service, with its type and binary path.
