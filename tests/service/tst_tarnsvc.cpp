@@ -108,7 +108,7 @@ private slots:
         r = runWith(QStringLiteral("-u"));
         QCOMPARE(r.out, QByteArray("The service TarnSvc has been uninstalled.\n"));
         QCOMPARE(r.code, 0);
-        r = runWith(QStringLiteral("-u"));
+        r = runWith(QStringLiteral("-uninstall"));
         QCOMPARE(r.err, QByteArray("The service TarnSvc is not installed\n"));
         QCOMPARE(r.code, 0);
     }
