@@ -19,7 +19,7 @@ const QString InfoLine =
     QStringLiteral("<font color=\"black\">\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Info : (.*)</font>");
 const QByteArray Bom("\xEF\xBB\xBF");
 
-enum ConfigKind { Missing, File, Directory };
+enum ConfigKind { Missing, File };
 
 // Type and value, because QVariant's == converts between types.
 QString Typed(const QVariant &v)
@@ -77,7 +77,6 @@ private slots:
     {
         configPath = dir.filePath(QStringLiteral("TarnSrv.cfg"));
         QFile::remove(configPath);
-        QDir(dir.path()).rmdir(QStringLiteral("TarnSrv.cfg"));
         QFile::remove(LogPath());
         QFile::remove(PreviousLogPath());
         TarnSrvSettings(nullptr).clear();
@@ -166,7 +165,6 @@ private slots:
         const QString noEqualSign = QStringLiteral("Line does not contain an equal sign.");
 
         QTest::newRow("missing") << int(Missing) << QByteArray() << notFound << true << true;
-        QTest::newRow("a folder") << int(Directory) << QByteArray() << notFound << true << true;
         QTest::newRow("empty file") << int(File) << QByteArray() << QStringList{reading, Invalid, Previous, ""} << true
                                     << true;
         // Invalid, so the window keeps writing to the old file, which the parsed switch keeps.
@@ -204,8 +202,6 @@ private slots:
 
         if (kind == File)
             WriteConfig(content);
-        else if (kind == Directory)
-            QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("TarnSrv.cfg")));
         LogWindow window;
         window.Sink().SetLogFile(true, dir.path());
         window.Sink().AppendPlainHtml(QStringLiteral("old"));
