@@ -55,7 +55,6 @@ private slots:
 
         // Digests computed independently (sha1sum of the braced UUID and suffix).
         QTest::newRow("lock") << "_memLockKey" << "44d89d0d69cd9f9e8e06241fe11e3dd092d5650e";
-        QTest::newRow("segment") << "_sharedmemKey" << "c5941c89cff674f1e4a3b599e7afc39260bdd0c3";
     }
 
     void deriveKey()

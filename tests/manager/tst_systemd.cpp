@@ -58,7 +58,6 @@ public:
         return true;
     }
 
-    qint64 Elapsed() const { return clock.elapsed(); }
     int Count(const QByteArray &state) const { return int(std::count(messages.cbegin(), messages.cend(), state)); }
     // The first message that begins with the state, or -1.
     int IndexOf(const QByteArray &state) const
@@ -97,13 +96,6 @@ QByteArray DeviceAndInode(const QString &path)
     return QByteArray::number(qulonglong(status.st_dev)) + ':' + QByteArray::number(qulonglong(status.st_ino));
 }
 
-bool ProcessStopped(qint64 pid)
-{
-    // The state follows the command, which is in parentheses.
-    const QByteArray stat = FileBytes(QStringLiteral("/proc/%1/stat").arg(pid));
-    return stat.mid(stat.lastIndexOf(')') + 2, 1) == "T";
-}
-
 } // namespace
 
 // The headless manager as systemd runs it (Type=notify, WatchdogSec, its
@@ -125,11 +117,8 @@ private slots:
         connect(&manager, &QProcess::readyReadStandardError, this, [this] { err += manager.readAllStandardError(); });
     }
 
-    // Resumed first: a manager a failed check left stopped ends like any other.
     void cleanup()
     {
-        if (manager.state() != QProcess::NotRunning)
-            ::kill(pid_t(manager.processId()), SIGCONT);
         manager.kill();
         manager.waitForFinished();
         manager.disconnect(this);
@@ -166,7 +155,6 @@ private slots:
         row("no watchdog", "path", {}, {}, false, {});
         row("watchdog at the minimum", "path", "20000", {}, true, {});
         row("watchdog below the minimum", "path", "19999", {}, false, usecIgnored);
-        row("watchdog text", "path", "-200ms", {}, false, usecIgnored);
         // 18 digits: pinged hourly, too seldom to see here.
         row("watchdog of 18 digits", "path", QByteArray(18, '9'), {}, false, {});
         row("watchdog of 19 digits", "path", QByteArray(19, '9'), {}, false, usecIgnored);
@@ -198,7 +186,12 @@ private slots:
             QVERIFY2(listener->messages[0].contains(":" + QByteArray::number(port) + " (TLS certificate"),
                      listener->messages[0].constData());
         }
-        if (pings) {
+        if (pings && watchdogUsec == QByteArray::number(WatchdogUsec)) {
+            // At half the timeout, so a late ping is still in time.
+            QTRY_VERIFY_WITH_TIMEOUT(listener->Count("WATCHDOG=1") >= 6, 5000);
+            const qint64 mean = MeanPingInterval();
+            QVERIFY2(mean >= PingMs / 2 && mean <= PingMs * 3 / 2, qPrintable(QString::number(mean)));
+        } else if (pings) {
             QTRY_VERIFY(listener->Count("WATCHDOG=1") >= 3);
         } else if (bound) {
             // What a ping would have needed five times over.
@@ -214,31 +207,6 @@ private slots:
         QVERIFY2(err.contains(warning.toUtf8()), err.constData());
     }
 
-    // The pings come at half the timeout, so a late one is still in time; a
-    // manager whose loop does not run sends none, so systemd's watchdog fires;
-    // once it runs again, so do the pings.
-    void watchdogPausesWhileStopped()
-    {
-        QByteArray name("path");
-        QVERIFY(BindPlaceholder(name));
-        StartManager({{"NOTIFY_SOCKET", name}, {"WATCHDOG_USEC", QByteArray::number(WatchdogUsec)}});
-        QTRY_VERIFY_WITH_TIMEOUT(listener->Count("WATCHDOG=1") >= 10, 20000);
-        const qint64 mean = MeanPingInterval();
-        QVERIFY2(mean >= PingMs / 2 && mean <= PingMs * 3 / 2, qPrintable(QString::number(mean)));
-
-        QCOMPARE(::kill(pid_t(manager.processId()), SIGSTOP), 0);
-        QTRY_VERIFY(ProcessStopped(manager.processId()));
-        QCoreApplication::processEvents();
-        const int before = listener->Count("WATCHDOG=1");
-        QTest::qWait(5 * PingMs);
-        QCOMPARE(listener->Count("WATCHDOG=1"), before);
-
-        const qint64 resumed = listener->Elapsed();
-        QCOMPARE(::kill(pid_t(manager.processId()), SIGCONT), 0);
-        QTRY_VERIFY(listener->Count("WATCHDOG=1") > before);
-        qInfo("first ping %lld ms after SIGCONT", listener->arrivals.last() - resumed);
-    }
-
     void journalPriorities_data()
     {
         QTest::addColumn<QString>("journal");
@@ -250,7 +218,6 @@ private slots:
         QTest::newRow("stream one past") << "stderr/42" << false;
         QTest::newRow("the journal is another file") << "other" << false;
         QTest::newRow("stream malformed") << "1:2:3" << false;
-        QTest::newRow("stream of text") << "text:text" << false;
     }
 
     // Every line on stderr, each of a multi-line report included, begins with
@@ -307,22 +274,10 @@ private slots:
         QTRY_COMPARE(listener->messages.last(), QByteArray("STOPPING=1\nSTATUS=Stopping."));
     }
 
-    void refusalIsAnError_data()
-    {
-        QTest::addColumn<bool>("journal");
-        QTest::addColumn<QString>("line");
-
-        QTest::newRow("stderr is the journal") << true << "<3>Another instance of VARNOK Manager is already running.";
-        QTest::newRow("stderr is a file") << false << "Another instance of VARNOK Manager is already running.";
-    }
-
     // A manager refused beside a running one ends the unit with an error, and
     // says so at that priority.
     void refusalIsAnError()
     {
-        QFETCH(bool, journal);
-        QFETCH(QString, line);
-
         QProcess holder;
         holder.setProcessEnvironment(Environment({}));
         holder.start(QStringLiteral(GUARD_HOLDER_PATH), QStringList());
@@ -335,11 +290,11 @@ private slots:
         QCOMPARE(holder.readLine().trimmed(), QByteArray("held"));
 
         const QString errFile = StderrToFile();
-        StartManager({{"JOURNAL_STREAM", journal ? DeviceAndInode(errFile) : QByteArray()}});
+        StartManager({{"JOURNAL_STREAM", DeviceAndInode(errFile)}});
         QVERIFY(manager.waitForFinished(20000));
         QCOMPARE(manager.exitCode(), 1);
         const QByteArray lines = FileBytes(errFile);
-        QVERIFY2(lines.split('\n').contains(line.toUtf8()), lines.constData());
+        QVERIFY2(lines.split('\n').contains("<3>Another instance of VARNOK Manager is already running."), lines.constData());
     }
 
 private:
@@ -407,17 +362,13 @@ private:
         return probe.waitForConnected(5000);
     }
 
-    // The mean is what the timer asks for, whatever a loaded machine does to
-    // one ping; the longest gap is reported for the unit's WatchdogSec.
+    // The mean is what the timer asks for, whatever a loaded machine does to one ping.
     qint64 MeanPingInterval() const
     {
-        qint64 longest = 0;
         const QList<qint64> &at = listener->arrivals;
         const int first = listener->IndexOf("WATCHDOG=1");
-        for (int i = first + 1; i < at.size(); ++i)
-            longest = std::max(longest, at[i] - at[i - 1]);
         const qint64 mean = (at.last() - at[first]) / (at.size() - 1 - first);
-        qInfo("%d pings, %lld ms apart on average, %lld at most", int(at.size()) - first, mean, longest);
+        qInfo("%d pings, %lld ms apart on average", int(at.size()) - first, mean);
         return mean;
     }
 

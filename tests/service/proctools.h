@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QThread>
 #include <csignal>
 
@@ -31,6 +32,26 @@ inline bool copyProgram(const QString &from, const QString &to)
            && QFile::setPermissions(to, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
                                             | QFileDevice::ReadGroup | QFileDevice::ExeGroup
                                             | QFileDevice::ReadOther | QFileDevice::ExeOther);
+}
+
+struct RunResult
+{
+    QByteArray out;
+    QByteArray err;
+    int code = -1; // -1: crashed, or killed after 15 s
+};
+
+inline RunResult runProgram(const QString &program, const QStringList &args)
+{
+    QProcess process;
+    process.start(program, args);
+    if (!process.waitForFinished(15000)) {
+        process.kill();
+        process.waitForFinished();
+    }
+    RunResult result{process.readAllStandardOutput(), process.readAllStandardError()};
+    result.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return result;
 }
 
 inline void killAll(const QString &executable)

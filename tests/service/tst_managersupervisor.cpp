@@ -98,9 +98,7 @@ private slots:
     void failedStartIsReported()
     {
         // Long enough that the case ends during the back-off.
-        SupervisionPolicy longBackOff = policy(5);
-        longBackOff.firstDelayMs = 10000;
-        ManagerSupervisor supervisor(longBackOff);
+        ManagerSupervisor supervisor(policy(5, 10000));
         supervisor.setProgram(temp->filePath(QStringLiteral("plan")));
         QSignalSpy restarts(&supervisor, &ManagerSupervisor::restartScheduled);
         supervisor.start();
@@ -126,9 +124,8 @@ private slots:
     {
         QFETCH(QString, line);
         writePlan({line});
-        SupervisionPolicy longBackOff = policy(5);
-        longBackOff.firstDelayMs = 200;
-        ManagerSupervisor supervisor(longBackOff);
+        constexpr int BackOffMs = 200;
+        ManagerSupervisor supervisor(policy(5, BackOffMs));
         supervisor.setProgram(child);
         QSignalSpy restarts(&supervisor, &ManagerSupervisor::restartScheduled);
         supervisor.start();
@@ -142,7 +139,7 @@ private slots:
         supervisor.stop(1000);
         QVERIFY2(stopping.elapsed() < 500, qPrintable(QString::number(stopping.elapsed())));
         QVERIFY(!supervisor.isChildRunning());
-        QTest::qWait(2 * longBackOff.firstDelayMs);
+        QTest::qWait(2 * BackOffMs);
         QCOMPARE(starts().size(), 1);
         QCOMPARE(restarts.count(), duringBackOff ? 1 : 0);
     }
@@ -217,10 +214,10 @@ private:
     static constexpr int MaxDelayMs = 80;
     static constexpr int StableRunMs = 500;
 
-    SupervisionPolicy policy(int maxQuickFailures) const
+    SupervisionPolicy policy(int maxQuickFailures, int firstDelayMs = FirstDelayMs) const
     {
         SupervisionPolicy p;
-        p.firstDelayMs = FirstDelayMs;
+        p.firstDelayMs = firstDelayMs;
         p.maxDelayMs = MaxDelayMs;
         p.stableRunMs = StableRunMs;
         p.maxQuickFailures = maxQuickFailures;

@@ -173,36 +173,8 @@ private slots:
         QVERIFY(controller.uninstall());
         QVERIFY(!controller.isInstalled());
         QVERIFY(controller.serviceFilePath().isNull());
+        QCOMPARE(controller.startupType(), QtServiceController::ManualStartup); // no configuration to read
         QVERIFY(!QtServiceController::install(root.filePath(QStringLiteral("missing-program"))));
-    }
-
-    void startupType_data()
-    {
-        QTest::addColumn<int>("startType"); // -1: no such service
-        QTest::addColumn<int>("expected");
-
-        QTest::newRow("demand") << 3 << int(QtServiceController::ManualStartup);
-        QTest::newRow("disabled") << 4 << int(QtServiceController::AutoStartup);
-        QTest::newRow("missing service") << -1 << int(QtServiceController::ManualStartup);
-    }
-
-    void startupType()
-    {
-        QFETCH(int, startType);
-        QFETCH(int, expected);
-
-        QVERIFY(resolveScmFunctions());
-        if (startType >= 0) {
-            ScmFunctions &scm = scmFunctions();
-            SC_HANDLE manager = scm.OpenSCManagerW(nullptr, nullptr, Scm::ManagerAllAccess);
-            SC_HANDLE service = scm.CreateServiceW(manager, wideText(name), wideText(name), Scm::ServiceAllAccess,
-                                                   Scm::OwnProcess, DWORD(startType), Scm::ErrorNormal,
-                                                   wideText(probe), nullptr, nullptr, nullptr, nullptr, nullptr);
-            QVERIFY(service);
-            scm.CloseServiceHandle(service);
-            scm.CloseServiceHandle(manager);
-        }
-        QCOMPARE(int(QtServiceController(name).startupType()), expected);
     }
 
     void lifecycle()
@@ -345,11 +317,7 @@ private slots:
             QCOMPARE(status.dwServiceSpecificExitCode, DWORD(reported));
         } else {
             qputenv("SVC_PROBE_ERROR_AT_START", code);
-            QProcess process;
-            process.start(probe, {QStringLiteral("-e")});
-            QVERIFY(process.waitForFinished(5000));
-            QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-            QCOMPARE(process.exitCode(), reported);
+            QCOMPARE(runProgram(probe, {QStringLiteral("-e")}).code, reported);
         }
         QVERIFY2(notes().contains(QStringLiteral("stop main")), qPrintable(notes().join(QLatin1Char(','))));
     }
@@ -373,44 +341,22 @@ private slots:
         QVERIFY(!controller.isInstalled());
     }
 
-    void dispatcherFailure_data()
-    {
-        QTest::addColumn<bool>("viaManager");
-        QTest::addColumn<QString>("eventLog");
-
-        QTest::newRow("launched for a service the program lacks")
-            << true
-            << "Error [tst_other] id=0 category=0: The Service failed to start [The executable program that "
-               "this service is configured to run in does not implement the service.]";
-        QTest::newRow("started from a console") << false << QString();
-    }
-
+    // Launched for a service the program lacks: the dispatcher fails, and says
+    // so once in the event log. From a console, see tst_tarnsvc's notInstalled.
     void dispatcherFailure()
     {
-        QFETCH(bool, viaManager);
-        QFETCH(QString, eventLog);
-
-        const QString eventLogPath = root.filePath(QStringLiteral("eventlog.txt"));
-        QFile::remove(eventLogPath);
-        if (viaManager) {
-            QVERIFY(installProbe(0));
-            qputenv("SVC_PROBE_NAME", "tst_other"); // the launched program claims another name
-            QVERIFY(!QtServiceController(name).start());
-            QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
-        } else {
-            // Not launched by the manager: it asks for a start of "itself", which is not installed.
-            QProcess host;
-            host.start(probe, {});
-            QVERIFY(host.waitForFinished());
-            QCOMPARE(host.exitCode(), 252);
-            QCOMPARE(host.readAllStandardError(), QByteArray("The service tst_probe could not start\n"));
-        }
-        QFile log(eventLogPath);
-        const QString logged = log.open(QIODevice::ReadOnly) ? QString::fromUtf8(log.readAll()) : QString();
-        if (eventLog.isEmpty())
-            QVERIFY(logged.isEmpty());
-        else
-            QVERIFY2(logged.contains(eventLog) && logged.count(QLatin1Char('\n')) == 1, qPrintable(logged));
+        const QString eventLog = root.filePath(QStringLiteral("eventlog.txt"));
+        QFile::remove(eventLog);
+        QVERIFY(installProbe(0));
+        qputenv("SVC_PROBE_NAME", "tst_other"); // the launched program claims another name
+        QVERIFY(!QtServiceController(name).start());
+        QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
+        const QString logged = QString::fromUtf8(testsupport::FileBytes(eventLog));
+        QVERIFY2(logged.contains(QStringLiteral(
+                     "Error [tst_other] id=0 category=0: The Service failed to start [The executable program that "
+                     "this service is configured to run in does not implement the service.]"))
+                     && logged.count(QLatin1Char('\n')) == 1,
+                 qPrintable(logged));
     }
 
     // Two controller processes at once, then a burst: requests are handled one at
@@ -438,8 +384,6 @@ private slots:
         QVERIFY(log.contains(QStringLiteral("leave 5 main")) && log.contains(QStringLiteral("leave 6 main")));
 
         qputenv("SVC_PROBE_COMMAND_DELAY", "0"); // read by the service only at its start
-        QElapsedTimer timer;
-        timer.start();
         for (int code = 10; code < 30; ++code)
             QVERIFY(controller.sendCommand(code));
         QCOMPARE(notes().size(), 1 + 4 + 40);
@@ -481,21 +425,13 @@ private slots:
             QVERIFY(QFile::setPermissions(db, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
         }
         qputenv("TARN_SCM_ROOT", db.toLocal8Bit());
-        QProcess host;
-        host.start(command.first(), command.mid(1));
-        const bool finished = host.waitForFinished(15000);
-        if (!finished) {
-            host.kill();
-            host.waitForFinished();
-        }
+        const RunResult r = runProgram(command.first(), command.mid(1));
         QFile::setPermissions(db, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        QVERIFY(finished);
-        if (host.exitCode() == 77)
+        if (r.code == 77)
             QSKIP("no read-only mount possible here");
-        QCOMPARE(host.exitCode(), 0);
-        QCOMPARE(host.readAllStandardOutput(),
-                 "The service\n\ttst_probe\n\t" + probe.toUtf8() + "\n\nis not installed and not running\n\n");
-        const QByteArray err = host.readAllStandardError();
+        QCOMPARE(r.code, 0);
+        QCOMPARE(r.out, "The service\n\ttst_probe\n\t" + probe.toUtf8() + "\n\nis not installed and not running\n\n");
+        const QByteArray &err = r.err;
         QVERIFY2(err.startsWith("Service control manager: the database folder " + db.toUtf8() + " is not usable: "
                                 + reason.toUtf8())
                      && err.count('\n') == 1,

@@ -5,7 +5,6 @@
 #include "scmapi.h"
 
 #include <QElapsedTimer>
-#include <QProcess>
 #include <QScopeGuard>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -44,41 +43,26 @@ private slots:
         QtServiceController(name).uninstall();
     }
 
-    void help()
-    {
-        const Result r = run({QStringLiteral("-h")});
-        // The program as it was called, then one line per option.
-        QVERIFY2(r.out.startsWith("\n" + host.toLatin1() + " -[i|u|e|t|p|r|c|v|h]\n"), r.out.constData());
-        QCOMPARE(r.out.count("\n\t-"), 9);
-        QCOMPARE(r.err, QByteArray());
-        QCOMPARE(r.code, 0);
-    }
-
     void notInstalled_data()
     {
         QTest::addColumn<QStringList>("args");
-        QTest::addColumn<QByteArray>("out");
         QTest::addColumn<QByteArray>("err");
         QTest::addColumn<int>("code");
 
-        QTest::newRow("-v") << QStringList{"-v"} << QByteArray("The service\n\tTarnSvc\n\tHOST\n\nis not installed and not running\n\n")
-                            << QByteArray() << 0;
-        QTest::newRow("-u") << QStringList{"-uninstall"} << QByteArray() << QByteArray("The service TarnSvc is not installed\n") << 0;
-        QTest::newRow("-t") << QStringList{"-t"} << QByteArray()
+        // -v and -u on a missing service: tst_qtservice's unusableDatabase, installTwiceAndUninstallTwice.
+        QTest::newRow("-t") << QStringList{"-t"}
                             << QByteArray("The service could not be stopped. (The named service does not exist as an installed service.)\n") << 0;
-        QTest::newRow("-c 5") << QStringList{"-c", "5"} << QByteArray() << QByteArray() << 0;
-        QTest::newRow("--install is no option") << QStringList{"--install"} << QByteArray() << QByteArray("The service TarnSvc could not start\n") << 252;
+        QTest::newRow("--install is no option") << QStringList{"--install"} << QByteArray("The service TarnSvc could not start\n") << 252;
     }
 
     void notInstalled()
     {
         QFETCH(QStringList, args);
-        QFETCH(QByteArray, out);
         QFETCH(QByteArray, err);
         QFETCH(int, code);
 
         const Result r = run(args);
-        QCOMPARE(r.out, QByteArray(out).replace("HOST", host.toLatin1()));
+        QCOMPARE(r.out, QByteArray());
         QCOMPARE(r.err, err);
         QCOMPARE(r.code, code);
         QVERIFY(!QtServiceController(name).isInstalled());
@@ -124,7 +108,7 @@ private slots:
         r = runWith(QStringLiteral("-u"));
         QCOMPARE(r.out, QByteArray("The service TarnSvc has been uninstalled.\n"));
         QCOMPARE(r.code, 0);
-        r = runWith(QStringLiteral("-u"));
+        r = runWith(QStringLiteral("-uninstall"));
         QCOMPARE(r.err, QByteArray("The service TarnSvc is not installed\n"));
         QCOMPARE(r.code, 0);
     }
@@ -299,8 +283,8 @@ private slots:
         QFile::remove(cfgPath);
     }
 
-    // A manager that ends at once every time: a stop during the back-off starts
-    // nothing more; left alone, the service gives up after 1, 2, 4 and 8 s of
+    // A manager that ends at once every time: a stop during the back-off is a
+    // clean stop; left alone, the service gives up after 1, 2, 4 and 8 s of
     // back-off and stops with a service-specific error.
     void managerThatKeepsFailing()
     {
@@ -317,12 +301,8 @@ private slots:
         QCOMPARE(serviceState(name), DWORD(Scm::StateStopped));
         SERVICE_STATUS status = {};
         QVERIFY(queryServiceStatus(name, &status));
-        QCOMPARE(status.dwWin32ExitCode, DWORD(0));
-        const int startsAtStop = starts().size();
-        // Past the longest back-off the stop could have cut short (2 s).
-        QTest::qWait(2500);
-        QCOMPARE(starts().size(), startsAtStop);
-        QVERIFY(processesOf(failingHost).isEmpty());
+        QCOMPARE(status.dwWin32ExitCode, DWORD(0)); // that the stop starts nothing more: tst_managersupervisor
+        QTRY_VERIFY(processesOf(failingHost).isEmpty());
 
         QFile::remove(dir + QLatin1String("/starts"));
         const int warningsAtSecondStart = eventLog("Warning").size();
@@ -333,13 +313,8 @@ private slots:
         QCOMPARE(status.dwWin32ExitCode, DWORD(Scm::ErrorServiceSpecificError));
         QCOMPARE(status.dwServiceSpecificExitCode, DWORD(1));
 
-        const QList<qint64> times = starts();
-        QCOMPARE(times.size(), 5);
-        for (int i = 0; i + 1 < times.size(); ++i) {
-            const qint64 gapMs = (times.at(i + 1) - times.at(i)) / 1000000;
-            qInfo("Start %d came %lld ms after the one before", i + 2, gapMs);
-            QVERIFY2(gapMs >= (1000 << i) * 95 / 100, qPrintable(QString::number(gapMs)));
-        }
+        // Each gap against its announced delay: tst_managersupervisor.
+        QCOMPARE(starts().size(), 5);
         const QStringList warnings = eventLog("Warning").mid(warningsAtSecondStart);
         QCOMPARE(warnings.size(), 4);
         QVERIFY2(warnings.last().startsWith(QLatin1String("The manager TarnSrv ended with exit code 1 after "))
@@ -379,26 +354,10 @@ private slots:
     }
 
 private:
-    struct Result
-    {
-        QByteArray out;
-        QByteArray err;
-        int code = -1;
-    };
-
+    using Result = RunResult;
     Result run(const QStringList &args, const QString &program = QString())
     {
-        QProcess process;
-        process.start(program.isEmpty() ? host : program, args);
-        Result result;
-        if (!process.waitForFinished(15000)) {
-            process.kill();
-            process.waitForFinished();
-        }
-        result.out = process.readAllStandardOutput();
-        result.err = process.readAllStandardError();
-        result.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        return result;
+        return runProgram(program.isEmpty() ? host : program, args);
     }
 
     // The account of the installed service, with its type and binary path.
