@@ -94,7 +94,7 @@ int RunHeadless(int argc, char *argv[], const RunOptions &options)
             return;
         }
         QTextStream(stderr) << LogSink::StderrPrefix(LogLevel::Error) << ManagerCore::RefusalText() << '\n';
-        QCoreApplication::exit(ManagerCore::RefusedExitCode);
+        QCoreApplication::exit(Tarn::Refused);
     });
     return QCoreApplication::exec();
 }

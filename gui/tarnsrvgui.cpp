@@ -2,6 +2,7 @@
 #include "ui_tarnsrvgui.h"
 
 #include "display.h"
+#include "exitcode.h"
 #include "logwindow.h"
 #include "tarnresources.h"
 
@@ -109,7 +110,7 @@ bool TarnSrvGui::CheckRunningInstance()
     else
         QTextStream(stderr) << text << '\n';
     close();
-    QCoreApplication::exit(ManagerCore::RefusedExitCode);
+    QCoreApplication::exit(Tarn::Refused);
     return false;
 }
 

@@ -1,5 +1,6 @@
 #include "managercore.h"
 
+#include "exitcode.h"
 #include "instanceguard.h"
 #include "loglevel.h"
 #include "logsink.h"
@@ -12,7 +13,6 @@ namespace {
 const QString AutoStartKey = QStringLiteral("Server/AutoStart");
 const QString AutoPortKey = QStringLiteral("Server/AutoPort");
 const QString PortNrKey = QStringLiteral("Server/PortNr");
-constexpr int StartFailedExitCode = 1;
 // How often a stop request looks again while a start or stop is under way.
 constexpr int StepRetryMs = 50;
 } // namespace
@@ -106,7 +106,7 @@ void ManagerCore::SetPortText(const QString &text)
 bool ManagerCore::ReportNotServing(bool startFailed)
 {
     if (startFailed && options.start) {
-        QCoreApplication::exit(StartFailedExitCode);
+        QCoreApplication::exit(Tarn::StartFailed);
         return false;
     }
     if (!startFailed)

@@ -45,8 +45,6 @@ public:
     QString Fingerprint() const { return server.Fingerprint(); }
     QList<ActiveClient> ActiveClients() const { return server.GetActiveClients(); }
 
-    static constexpr int RefusedExitCode = 1;
-
 public slots:
     void Start();
     void Stop();

@@ -1,5 +1,7 @@
 #include "tarnsrvsrv.h"
 
+#include "exitcode.h"
+
 #include <QDebug>
 
 TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
@@ -12,7 +14,7 @@ TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
                          [this](int, const QString &message) { logMessage(message, Warning); });
         QObject::connect(&supervisor, &ManagerSupervisor::gaveUp, &supervisor, [this](const QString &message) {
             logMessage(message + QStringLiteral("; the service stops"), Error);
-            stopWithError(ManagerFailedExitCode);
+            stopWithError(Tarn::ManagerFailed);
         });
         // Restart at once twice, then after a minute each time; a day without
         // a failure starts the count over. A stop with an error code counts:
