@@ -13,6 +13,8 @@ namespace {
 const QString AutoStartKey = QStringLiteral("Server/AutoStart");
 const QString AutoPortKey = QStringLiteral("Server/AutoPort");
 const QString PortNrKey = QStringLiteral("Server/PortNr");
+// Between construction and the start-up: the event loop runs first.
+constexpr int InitDelayMs = 100;
 // How often a stop request looks again while a start or stop is under way.
 constexpr int StepRetryMs = 50;
 } // namespace
@@ -36,9 +38,19 @@ ManagerCore::~ManagerCore()
         log->Log(QStringLiteral("\nVARNOK Server closed."), LogLevel::Info, false);
 }
 
-QString ManagerCore::RefusalText()
+void ManagerCore::BeginStartUp()
 {
-    return QStringLiteral("Another instance of %1 is already running.").arg(QStringLiteral("VARNOK Manager"));
+    QTimer::singleShot(InitDelayMs, this, &ManagerCore::StartUp);
+}
+
+void ManagerCore::StartUp()
+{
+    if (!Claim()) {
+        emit Refused(QStringLiteral("Another instance of %1 is already running.").arg(QStringLiteral("VARNOK Manager")));
+        return;
+    }
+    emit Claimed();
+    StartIfAsked();
 }
 
 bool ManagerCore::Claim()
