@@ -3,7 +3,7 @@
 # would run without a window (no display, --headless, or a build configured
 # with TARN_GUI=OFF; TarnSrv --run-mode says which), it runs headless: the server started
 # on port $TARN_PORT (50443 unless given, or the --port among the arguments),
-# the log on the terminal as well as in TarnSrvSvc.html next to the program.
+# the log on the terminal as well as in its TarnSrvSvc.html.
 # Arguments go to TarnSrv.
 # TARN_QT_MAJOR and TARN_BUILD_DIR as for scripts/test.sh.
 set -euo pipefail
@@ -31,5 +31,5 @@ for i in "${!args[@]}"; do
 done
 echo "TarnSrv runs without a window and serves on port $port."
 echo "Reach it with: $build/client/tarn ping wss://127.0.0.1:$port"
-echo "Stop it with Ctrl+C. Its log is also in $build/app/TarnSrvSvc.html."
+echo "Stop it with Ctrl+C. Its log also goes to TarnSrvSvc.html in its log folder."
 exec "$program" --headless --start --port "$port" "$@"
