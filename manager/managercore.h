@@ -26,7 +26,8 @@ public:
     // then the configuration file, the identity and the stored choices
     // (Claimed), then the start the settings or the command line ask for
     // (StartUpDone, unless the run ends for want of the server). Refused,
-    // touching nothing, when another manager runs: the run then ends.
+    // touching nothing, when another manager runs: whoever runs the core
+    // shows the text its way and ends with Tarn::Refused.
     void BeginStartUp();
 
     bool AutoStart() const { return autoStart; }
