@@ -4,7 +4,7 @@
 
 #include "descriptorlimit.h"
 #include "loaddriver.h"
-#include "tarnsrv.h"
+#include "scalableeventloop.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -212,7 +212,7 @@ int main(int argc, char *argv[])
 {
     Tarn::RaiseDescriptorLimit();
     // Thousands of client sockets meet the same event-loop cost as the server's.
-    TarnSrv::PreferScalableEventLoop();
+    Tarn::PreferScalableEventLoop();
     QCoreApplication app(argc, argv);
     const Options o = Parse(app);
     if (!o.url.isValid() || o.url.port() <= 0 || !IsLoopback(o.url)) {

@@ -6,7 +6,10 @@ if(NOT TARN_QT_MAJOR MATCHES "^[56]$")
     message(FATAL_ERROR "TARN_QT_MAJOR must be 5 or 6, not '${TARN_QT_MAJOR}'")
 endif()
 
-set(tarn_qt_components Core Network WebSockets Widgets)
+set(tarn_qt_components Core Network WebSockets)
+if(TARN_GUI)
+    list(APPEND tarn_qt_components Widgets)
+endif()
 if(WIN32)
     # The Windows toolchain is Qt 5 without its test library (scripts/windows-toolchain.sh).
     if(NOT TARN_QT_MAJOR EQUAL 5)

@@ -6,6 +6,12 @@
 #include "epolldispatcher.h"
 #endif
 
+void Tarn::PreferScalableEventLoop()
+{
+    if (!qEnvironmentVariableIsSet("QT_NO_GLIB"))
+        qputenv("QT_NO_GLIB", "1");
+}
+
 void Tarn::UseScalableEventLoop()
 {
 #ifdef Q_OS_LINUX

@@ -1,17 +1,25 @@
 #include "tarnsrvgui.h"
 #include "ui_tarnsrvgui.h"
 
-#include "display.h"
+#include "exitcode.h"
 #include "logwindow.h"
 #include "tarnresources.h"
 
+#include <QGuiApplication>
 #include <QIntValidator>
 #include <QMessageBox>
 #include <QTextStream>
-#include <QTimer>
 
 namespace {
 constexpr int ManualPortIndex = 1;
+
+// Someone could answer a message box: the window runs only where the run-mode
+// rule found a display, but offscreen or minimal platforms show nobody.
+bool ShowsToSomeone()
+{
+    const QString platform = QGuiApplication::platformName();
+    return platform != QLatin1String("offscreen") && platform != QLatin1String("minimal");
+}
 
 // QIntValidator lets a number above the top pass while it has no more digits
 // than the top, as a step towards something valid; no port lies beyond 65535.
@@ -49,7 +57,9 @@ TarnSrvGui::TarnSrvGui(const RunOptions &options, QWidget *parent)
     connect(core.get(), &ManagerCore::StepRunningChanged, this, &TarnSrvGui::SetStepRunning);
     connect(core.get(), &ManagerCore::FingerprintChanged, this, &TarnSrvGui::ShowFingerprint);
     connect(core.get(), &ManagerCore::ClientsChanged, this, &TarnSrvGui::ClientsChanged);
-    QTimer::singleShot(InitDelayMs, this, SLOT(InitGui()));
+    connect(core.get(), &ManagerCore::Claimed, this, &TarnSrvGui::EnableControls);
+    connect(core.get(), &ManagerCore::Refused, this, &TarnSrvGui::ShowRefusal);
+    core->BeginStartUp();
 }
 
 TarnSrvGui::~TarnSrvGui()
@@ -76,15 +86,12 @@ void TarnSrvGui::ShowFingerprint()
     ui->fingerprint_lineEdit->setCursorPosition(0);
 }
 
-void TarnSrvGui::InitGui()
+void TarnSrvGui::EnableControls()
 {
-    if (!CheckRunningInstance())
-        return;
     ui->server_groupBox->setEnabled(true);
     ShowPortChoice();
     if (core->AutoStart())
         ui->autoStart_checkBox->setChecked(true);
-    core->StartIfAsked();
 }
 
 // Shown with signals blocked: what is shown is stored already, or is this
@@ -98,19 +105,15 @@ void TarnSrvGui::ShowPortChoice()
     ui->porNr_lineEdit->setText(core->PortText());
 }
 
-bool TarnSrvGui::CheckRunningInstance()
+void TarnSrvGui::ShowRefusal(const QString &text)
 {
-    if (core->Claim())
-        return true;
-    const QString text = ManagerCore::RefusalText();
-    if (Tarn::HasDisplay())
+    if (ShowsToSomeone())
         QMessageBox::information(this, QStringLiteral("Instance Limit Reached"),
                                  text + QStringLiteral("\nThe application will now close."), QMessageBox::Ok);
     else
         QTextStream(stderr) << text << '\n';
     close();
-    QCoreApplication::exit(ManagerCore::RefusedExitCode);
-    return false;
+    QCoreApplication::exit(Tarn::Refused);
 }
 
 // While a start or stop processes events, the buttons are off: a click in the

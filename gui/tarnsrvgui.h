@@ -20,9 +20,6 @@ public:
     explicit TarnSrvGui(const RunOptions &options = {}, QWidget *parent = nullptr);
     ~TarnSrvGui() override;
 
-    // Delay between construction and the deferred start-up.
-    static constexpr int InitDelayMs = ManagerCore::InitDelayMs;
-
 public slots:
     // Stops the server the usual way, then ends the event loop with 0.
     void StopAndQuit();
@@ -34,8 +31,8 @@ private slots:
     void on_serverStart_pushButton_clicked();
     void on_serverStop_pushButton_clicked();
     void on_serverRestart_pushButton_clicked();
-    void InitGui();
-    bool CheckRunningInstance();
+    void EnableControls();
+    void ShowRefusal(const QString &text);
     void ClientsChanged();
     void ShowStatus(const QString &text, const QString &color);
     void ShowFingerprint();

@@ -33,6 +33,9 @@ ManagerCommandLine::ManagerCommandLine()
     , headlessOption(QStringLiteral("headless"),
                      QStringLiteral("Run without a window and log to stderr as well; "
                                     "the default when there is no display."))
+    , runModeOption(QStringLiteral("run-mode"),
+                    QStringLiteral("Print how a run with the other options would go here, \"window\" or "
+                                   "\"headless\", and exit."))
 {
     parser.setApplicationDescription(QStringLiteral("The Tarn manager: a secure WebSocket session server "
                                                     "with its control window.\nIts TLS identity is kept in %1.")
@@ -44,6 +47,7 @@ ManagerCommandLine::ManagerCommandLine()
     parser.addOption(startOption);
     parser.addOption(portOption);
     parser.addOption(headlessOption);
+    parser.addOption(runModeOption);
 }
 
 bool ManagerCommandLine::Parse(const QStringList &arguments)
@@ -76,6 +80,11 @@ RunOptions ManagerCommandLine::Options() const
     const int port = parser.value(portOption).toInt(&number, 10);
     return {parser.isSet(startOption), number && TarnSrvSettings::IsPort(port) ? port : 0,
             parser.isSet(headlessOption)};
+}
+
+bool ManagerCommandLine::AsksRunMode() const
+{
+    return parser.isSet(runModeOption);
 }
 
 int ManagerCommandLine::RunTool()

@@ -23,6 +23,8 @@ public:
     // Whether the arguments ask for a tool, which needs no display.
     bool IsToolRun() const;
     RunOptions Options() const;
+    // Whether the arguments ask only how the run would go (window or headless).
+    bool AsksRunMode() const;
     // Runs the tool that Parse found; returns the exit code.
     int RunTool();
 
@@ -36,4 +38,5 @@ private:
     const QCommandLineOption startOption;
     const QCommandLineOption portOption;
     const QCommandLineOption headlessOption;
+    const QCommandLineOption runModeOption;
 };

@@ -1,5 +1,6 @@
 #include "managercore.h"
 
+#include "exitcode.h"
 #include "instanceguard.h"
 #include "loglevel.h"
 #include "logsink.h"
@@ -13,7 +14,8 @@ namespace {
 const QString AutoStartKey = QStringLiteral("Server/AutoStart");
 const QString AutoPortKey = QStringLiteral("Server/AutoPort");
 const QString PortNrKey = QStringLiteral("Server/PortNr");
-constexpr int StartFailedExitCode = 1;
+// Between construction and the start-up: the event loop runs first.
+constexpr int InitDelayMs = 100;
 // How often a stop request looks again while a start or stop is under way.
 constexpr int StepRetryMs = 50;
 } // namespace
@@ -37,9 +39,19 @@ ManagerCore::~ManagerCore()
         log->Log(QStringLiteral("\nVARNOK Server closed."), LogLevel::Info, false);
 }
 
-QString ManagerCore::RefusalText()
+void ManagerCore::BeginStartUp()
 {
-    return QStringLiteral("Another instance of %1 is already running.").arg(Tarn::ManagerName());
+    QTimer::singleShot(InitDelayMs, this, &ManagerCore::StartUp);
+}
+
+void ManagerCore::StartUp()
+{
+    if (!Claim()) {
+        emit Refused(QStringLiteral("Another instance of %1 is already running.").arg(Tarn::ManagerName()));
+        return;
+    }
+    emit Claimed();
+    StartIfAsked();
 }
 
 bool ManagerCore::Claim()
@@ -107,7 +119,7 @@ void ManagerCore::SetPortText(const QString &text)
 bool ManagerCore::ReportNotServing(bool startFailed)
 {
     if (startFailed && options.start) {
-        QCoreApplication::exit(StartFailedExitCode);
+        QCoreApplication::exit(Tarn::StartFailed);
         return false;
     }
     if (!startFailed)

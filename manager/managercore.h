@@ -18,20 +18,17 @@ class ManagerCore : public QObject
     Q_OBJECT
 
 public:
-    // Delay between construction and the deferred start-up.
-    static constexpr int InitDelayMs = 100;
-
     ManagerCore(const RunOptions &options, LogSink *log, QObject *parent = nullptr);
     // Logs the closing line when this instance owned the log.
     ~ManagerCore() override;
 
-    // The instance check, then the configuration file, the identity and the
-    // stored choices. False, touching nothing, when another manager runs.
-    bool Claim();
-    // Starts the server when the settings or the command line ask for it,
-    // then says StartUpDone unless the run ends for want of the server.
-    void StartIfAsked();
-    static QString RefusalText();
+    // Runs the start-up once the event loop is under way: the instance check,
+    // then the configuration file, the identity and the stored choices
+    // (Claimed), then the start the settings or the command line ask for
+    // (StartUpDone, unless the run ends for want of the server). Refused,
+    // touching nothing, when another manager runs: whoever runs the core
+    // shows the text its way and ends with Tarn::Refused.
+    void BeginStartUp();
 
     bool AutoStart() const { return autoStart; }
     void SetAutoStart(bool on);
@@ -45,8 +42,6 @@ public:
     QString Fingerprint() const { return server.Fingerprint(); }
     QList<ActiveClient> ActiveClients() const { return server.GetActiveClients(); }
 
-    static constexpr int RefusedExitCode = 1;
-
 public slots:
     void Start();
     void Stop();
@@ -55,6 +50,10 @@ public slots:
     void StopAndQuit();
 
 signals:
+    // This instance is the machine's manager: its settings are loaded.
+    void Claimed();
+    // Another manager runs; the text says so.
+    void Refused(const QString &text);
     void StatusChanged(const QString &text, const QString &color);
     // While a start or stop processes events, no other step may begin.
     void StepRunningChanged(bool running);
@@ -67,6 +66,9 @@ private slots:
     void ServerSocketDestroyed();
 
 private:
+    void StartUp();
+    bool Claim();
+    void StartIfAsked();
     int StartServer(bool checkRunning);
     void SetStepRunning(bool running);
     void RestorePortChoice();

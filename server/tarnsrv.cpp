@@ -58,16 +58,6 @@ TarnSrv::~TarnSrv()
     delete discovery;
 }
 
-// Qt's GLib-based event loop walks all its socket notifiers whenever one goes,
-// and every client has some: with thousands connected, that loop took more
-// time than the server's own work. Qt's plain Unix loop keeps them hashed.
-// An explicit QT_NO_GLIB setting wins.
-void TarnSrv::PreferScalableEventLoop()
-{
-    if (!qEnvironmentVariableIsSet("QT_NO_GLIB"))
-        qputenv("QT_NO_GLIB", "1");
-}
-
 void TarnSrv::SetHeartBeatInterval(int ms)
 {
     heartbeatTimer.setInterval(ms);

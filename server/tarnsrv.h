@@ -43,9 +43,6 @@ public:
     bool LoadIdentity(const QString &folder = TlsIdentity::DefaultFolder());
     QString Fingerprint() const;
 
-    // Call before the application object exists, in a program with many sockets.
-    static void PreferScalableEventLoop();
-
     // Port the endpoint listens on, 0 while stopped.
     quint16 ListeningPort() const;
     // Only tests shorten these periods; the product keeps HeartBeatIntervalMs

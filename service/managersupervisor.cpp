@@ -36,11 +36,6 @@ void ManagerSupervisor::setProgram(const QString &program)
     process.setProgram(program);
 }
 
-void ManagerSupervisor::setProcessEnvironment(const QProcessEnvironment &environment)
-{
-    process.setProcessEnvironment(environment);
-}
-
 void ManagerSupervisor::start()
 {
     if (state == State::Running || state == State::Waiting)

@@ -31,7 +31,6 @@ public:
     ~ManagerSupervisor() override;
 
     void setProgram(const QString &program);
-    void setProcessEnvironment(const QProcessEnvironment &environment);
 
     // Starts the child and supervises it until stop().
     void start();

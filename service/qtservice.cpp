@@ -210,11 +210,11 @@ int QtServiceBase::exec()
         if (!unguarded.isEmpty()) {
             fprintf(stderr, "The service %s was not installed: other users can change %s\n",
                     name.constData(), unguarded.toLocal8Bit().constData());
-            return -1;
+            return Tarn::ServiceActionFailed;
         }
         if (!d_ptr->installService(account, password)) {
             fprintf(stderr, "The service %s could not be installed\n", name.constData());
-            return -1;
+            return Tarn::ServiceActionFailed;
         }
         printf("The service %s has been installed under: %s\n", name.constData(),
                latin1(QtServiceBaseData::executablePath()).constData());
@@ -227,7 +227,7 @@ int QtServiceBase::exec()
         }
         if (!controller.uninstall()) {
             fprintf(stderr, "The service %s could not be uninstalled\n", name.constData());
-            return -1;
+            return Tarn::ServiceActionFailed;
         }
         printf("The service %s has been uninstalled.\n", name.constData());
         return 0;
@@ -244,7 +244,7 @@ int QtServiceBase::exec()
         QStringList appArgs = args;
         appArgs.removeAt(1);
         const int status = d_ptr->runApplication(false, appArgs);
-        if (status == -1)
+        if (status == Tarn::ServiceActionFailed)
             scmWarning(GetLastError(), "The service could not be executed.");
         return status;
     }
@@ -274,7 +274,7 @@ int QtServiceBase::exec()
     // No option, or a word that is none: run as the service.
     if (!d_ptr->runAsService()) {
         fprintf(stderr, "The service %s could not start\n", name.constData());
-        return -4;
+        return Tarn::ServiceNotStarted;
     }
     return 0;
 }

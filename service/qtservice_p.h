@@ -1,6 +1,7 @@
 #ifndef QTSERVICE_P_H
 #define QTSERVICE_P_H
 
+#include "exitcode.h"
 #include "qtservice.h"
 #include "scmapi.h"
 

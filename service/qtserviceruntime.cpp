@@ -197,7 +197,7 @@ void QtServiceBaseData::handleControlEvent(QEvent *event)
 
 void QtServiceBaseData::stopWithError(int code)
 {
-    serviceSpecificExitCode = code ? code : 1;
+    serviceSpecificExitCode = code ? code : Tarn::Failed;
     if (!sysd || !sysd->controllerHandler) {
         q_ptr->stop();
         QCoreApplication::exit(serviceSpecificExitCode);
@@ -222,7 +222,7 @@ int QtServiceBaseData::runApplication(bool asService, const QStringList &argumen
     q_ptr->createApplication(argv.argc, argv.argv());
     QCoreApplication *app = QCoreApplication::instance();
     if (!app)
-        return -1;
+        return Tarn::ServiceActionFailed;
     // No path set-up is needed: the service keeps the working directory and
     // environment it was started with.
     QtServiceStarter starter(this);

@@ -1,5 +1,7 @@
 #include "tarnsrvsrv.h"
 
+#include "exitcode.h"
+
 #include <QDebug>
 
 TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
@@ -12,7 +14,7 @@ TarnSrvSrv::TarnSrvSrv(int argc, char **argv)
                          [this](int, const QString &message) { logMessage(message, Warning); });
         QObject::connect(&supervisor, &ManagerSupervisor::gaveUp, &supervisor, [this](const QString &message) {
             logMessage(message + QStringLiteral("; the service stops"), Error);
-            stopWithError(ManagerFailedExitCode);
+            stopWithError(Tarn::ManagerFailed);
         });
         // Restart at once twice, then after a minute each time; a day without
         // a failure starts the count over. A stop with an error code counts:
@@ -45,16 +47,10 @@ QString TarnSrvSrv::childProgram()
 void TarnSrvSrv::start()
 {
     try {
+        // Whether the manager shows its window is its own choice, by its one
+        // rule from the environment it inherits: a service started at boot
+        // has no display, and the manager then runs headless.
         supervisor.setProgram(childProgram());
-#if defined(Q_OS_UNIX) && !defined(Q_OS_DARWIN)
-        // A service started at boot has no display; the manager then runs offscreen.
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        if (!env.contains(QStringLiteral("DISPLAY")) && !env.contains(QStringLiteral("WAYLAND_DISPLAY"))
-            && !env.contains(QStringLiteral("QT_QPA_PLATFORM"))) {
-            env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-            supervisor.setProcessEnvironment(env);
-        }
-#endif
         supervisor.start();
     } catch (...) {
         QMessageLogger().critical() << "An unknown error in the start";

@@ -18,8 +18,6 @@ public:
 
     // Below the two seconds a controller waits for the stop.
     static constexpr int StopGraceMs = 1500;
-    // The service-specific exit code when the manager failed too often in a row.
-    static constexpr int ManagerFailedExitCode = 1;
 
 protected:
     void start() override;

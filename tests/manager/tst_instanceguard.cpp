@@ -68,9 +68,19 @@ private slots:
     // The holder and the manager each have a temporary folder of their own, as
     // a systemd unit with a private /tmp and a desktop session do. The manager
     // is refused and ends at once, before any of the start-up that would take
-    // the port, the settings or the log of the running one.
+    // the port, the settings or the log of the running one. The window (on the
+    // offscreen platform) and the headless run both take the core's refusal.
+    void refusedManagerTouchesNothing_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+
+        QTest::newRow("window") << QStringList{};
+        QTest::newRow("headless") << QStringList{"--headless"};
+    }
+
     void refusedManagerTouchesNothing()
     {
+        QFETCH(QStringList, arguments);
         QTemporaryDir holderTmp, managerTmp, app;
         auto holder = StartHolder(Env({"TMPDIR=" + holderTmp.path()}));
         QVERIFY(Holds(*holder));
@@ -92,10 +102,10 @@ private slots:
         const QString config = app.filePath(QStringLiteral("config"));
         manager.setProcessEnvironment(Env({"TMPDIR=" + managerTmp.path(), "XDG_CONFIG_HOME=" + config,
                                            "XDG_RUNTIME_DIR=" + managerTmp.path()}));
-        manager.start(program, {});
+        manager.start(program, arguments);
         QVERIFY(manager.waitForFinished(10000));
         QCOMPARE(manager.exitStatus(), QProcess::NormalExit);
-        QVERIFY(manager.exitCode() != 0);
+        QCOMPARE(manager.exitCode(), 1);
         const QByteArray err = manager.readAllStandardError();
         // One line of its own; Qt's and the sanitizers' reports may surround it.
         QVERIFY2(err.split('\n').contains("Another instance of VARNOK Manager is already running."), err.constData());

@@ -4,10 +4,14 @@
 # port of its TarnSrv.cfg, answering a ping and logging to stderr. The systemd
 # unit must start the packaged TarnSrv headless and keep systemd-analyze's
 # exposure rating at 4.0 ("OK") or below.
-#   deb_install.sh BUILD_DIR QT_MAJOR
+# A build with the window (GUI ON) makes the desktop package "tarn"; one
+# without makes "tarn-server", which must neither depend on, link nor map any
+# Qt GUI, X11 or GL library.
+#   deb_install.sh BUILD_DIR QT_MAJOR GUI
 set -euo pipefail
 build=$1
 qt=$2
+gui=$3
 source "$(dirname "$0")/../../scripts/background-job.sh"
 
 (cd "$build" && cpack -G DEB -B "$work/pkg" >"$work/cpack.log") || { cat "$work/cpack.log"; exit 1; }
@@ -15,24 +19,46 @@ deb=$(ls "$work"/pkg/*.deb)
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
 # The product's package is built with Qt 5; a Qt 6 build's package names Qt 6's libraries.
-libs=(libqt5core5a libqt5network5 libqt5websockets5 libqt5widgets5)
-[ "$qt" = 6 ] && libs=(libqt6core6 libqt6network6 libqt6websockets6 libqt6widgets6)
+libs=(libqt5core5a libqt5network5 libqt5websockets5)
+[ "$qt" = 6 ] && libs=(libqt6core6 libqt6network6 libqt6websockets6)
+# What a desktop stack brings: the windowless package has none of it.
+# (Package names in Depends, library file names in ldd and the maps.)
+desktop_libs='libqt[56](widgets|gui)|libx11|libxcb|libgl([.1x]|dispatch)|libegl|libopengl'
+if [ "$gui" = ON ]; then
+    package=tarn other=tarn-server desktop_files=present
+    libs+=("$([ "$qt" = 6 ] && echo libqt6widgets6 || echo libqt5widgets5)")
+else
+    package=tarn-server other=tarn desktop_files=absent
+    if grep -Eio "$desktop_libs" <<<"$depends"; then echo "FAIL: the server package depends on the above"; exit 1; fi
+fi
 for lib in "${libs[@]}"; do
     grep -q "$lib" <<<"$depends" || { echo "FAIL: $lib missing from Depends"; exit 1; }
+done
+[ "$(dpkg-deb -f "$deb" Package)" = "$package" ] || { echo "FAIL: the package is not named $package"; exit 1; }
+for field in Conflicts Replaces; do
+    [ "$(dpkg-deb -f "$deb" "$field")" = "$other" ] || { echo "FAIL: $package's $field is not $other"; exit 1; }
 done
 dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/tarn/TarnSrv.cfg \
     || { echo "FAIL: TarnSrv.cfg is not a conffile"; exit 1; }
 
 root=$work/root
 dpkg-deb -x "$deb" "$root"
-for f in usr/share/applications/tarn-manager.desktop usr/lib/systemd/system/tarn-manager.service \
-         usr/share/man/man1/tarn.1 usr/share/icons/hicolor/32x32/apps/tarn.png; do
+for f in usr/lib/systemd/system/tarn-manager.service usr/share/man/man1/tarn.1; do
     [ -e "$root/$f" ] || { echo "FAIL: $f not in the package"; exit 1; }
+done
+# The window's entry and icon come with the window only.
+for f in usr/share/applications/tarn-manager.desktop usr/share/icons/hicolor/32x32/apps/tarn.png; do
+    if [ -e "$root/$f" ]; then found=present; else found=absent; fi
+    [ "$found" = "$desktop_files" ] || { echo "FAIL: $f is $found in $package"; exit 1; }
 done
 
 unit=$root/usr/lib/systemd/system/tarn-manager.service
 read -r program unit_args <<<"$(sed -n 's/^ExecStart=//p' "$unit")"
 [ -x "$root$program" ] || { echo "FAIL: the unit starts $program, which is not in the package"; exit 1; }
+# A GUI library the program links would be loaded at start, window or not.
+linked=$(ldd "$root$program" | grep -Eic "$desktop_libs" || true)
+echo "Qt GUI, X11 and GL libraries $program links: $linked"
+if [ "$gui" = OFF ] && [ "$linked" != 0 ]; then ldd "$root$program"; echo "FAIL: the server's TarnSrv links them"; exit 1; fi
 # Headless, the log reaches the journal; an explicit start that fails fails the unit.
 [[ " $unit_args " == *" --headless "* && " $unit_args " == *" --start "* ]] \
     || { echo "FAIL: the unit runs '$program $unit_args', not headless with --start"; exit 1; }
@@ -75,6 +101,10 @@ while [ $SECONDS -lt $deadline ]; do
             || { cat "$work/srv.log"; echo "FAIL: the log lines do not reach stderr, so not the journal"; exit 1; }
         [ "$(stat -c %a "$state/identity.key")" = 600 ] \
             || { echo "FAIL: no owner-only TLS key in the state directory"; ls -la "$state"; exit 1; }
+        # What the running server has loaded: /proc/PID/maps names every library mapped.
+        mapped=$(grep -Eio "/[^ ]*($desktop_libs)[^ ]*" "/proc/$job/maps" | sort -u || true)
+        echo "Qt GUI, X11 and GL libraries mapped by the headless run: $(grep -c . <<<"$mapped" || true)"
+        if [ "$gui" = OFF ] && [ -n "$mapped" ]; then echo "$mapped"; echo "FAIL: the server maps them"; exit 1; fi
         fingerprint=$(openssl x509 -in "$state/identity.crt" -noout -fingerprint -sha256 | sed 's/.*=//')
         grep -q "TLS certificate SHA-256 fingerprint: $fingerprint" "$work/log/TarnSrvSvc.html" \
             || { echo "FAIL: the log does not show the fingerprint $fingerprint"; exit 1; }

@@ -221,7 +221,7 @@ private slots:
         QVERIFY(testsupport::WriteFile(
             cfgPath, QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(temp.filePath(QStringLiteral("logs"))).toUtf8()));
         QDir().mkpath(temp.filePath(QStringLiteral("logs")));
-        // No display at all: the host must give its child the offscreen platform.
+        // No display at all: the child must still serve (it runs headless).
         for (const char *var : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
             qunsetenv(var);
         const QString child = QFileInfo(host).absolutePath() + QLatin1String("/TarnSrv");
