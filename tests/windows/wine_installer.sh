@@ -135,10 +135,12 @@ check "its account may change what is in the log folder, and only list and add t
     ran 'icacls "C:\ProgramData\Tarn" /grant "NT SERVICE\TarnSvc:(OI)(CI)(IO)M" "NT SERVICE\TarnSvc:(RX,WD,AD)"'
 check "the identity moved to the service's profile" cmp -s "$WORK/identity-before" "$SERVICE_IDENTITY/identity.crt"
 check "with its key" [ -s "$SERVICE_IDENTITY/identity.key" ]
-check "and gone from LocalSystem's" [ ! -e "$SYSTEM_IDENTITY/identity.key" ] && [ ! -e "$SYSTEM_IDENTITY/identity.crt" ]
+check "and gone from LocalSystem's" [ ! -e "$SYSTEM_IDENTITY/identity.key" ]
+check "and gone from LocalSystem's" [ ! -e "$SYSTEM_IDENTITY/identity.crt" ]
 check "the service runs again" wait_state TarnSvc $RUNNING
 check "the old manager is gone" gone "${OLD_MANAGER:-0}"
-check "a new manager process" [ -n "$(manager_pid)" ] && [ "$(manager_pid)" != "$OLD_MANAGER" ]
+check "a new manager process" [ -n "$(manager_pid)" ]
+check "a new manager process" [ "$(manager_pid)" != "$OLD_MANAGER" ]
 check "the upgraded manager serves the pinned identity on the same port" serving
 check "the identity is unchanged" cmp -s "$WORK/identity-before" <(identity)
 check "TarnSrv.cfg is kept byte for byte" cmp -s "$WORK/cfg-before" "$PROGRAMS/TarnSrv.cfg"
@@ -155,7 +157,8 @@ check "a new manager answers after the kill" serving
 SECONDS_TO_SERVE=$(( ($(date +%s%N) - KILLED_AT) / 1000000000 ))
 echo "served again ${SECONDS_TO_SERVE} s after the kill"
 check "within 10 s of the kill" [ "$SECONDS_TO_SERVE" -lt 10 ]
-check "in a new process" [ -n "$(manager_pid)" ] && [ "$(manager_pid)" != "$KILLED" ]
+check "in a new process" [ -n "$(manager_pid)" ]
+check "in a new process" [ "$(manager_pid)" != "$KILLED" ]
 check "the service still runs" in_state TarnSvc $RUNNING
 
 step "4. refusals: a clear message and their own exit code"
