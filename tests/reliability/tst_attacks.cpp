@@ -1,4 +1,5 @@
 #include "../testsupport.h"
+#include "connectionbudget.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
 #include "tlslistener.h"
@@ -131,24 +132,24 @@ private slots:
         QVERIFY2(longestSilenceMs < MaxSilenceMs, qPrintable(QString::number(longestSilenceMs)));
     }
 
-    // Connections that never finish their handshake: an address keeps at most
-    // its share and all together at most the budget, the oldest making room
-    // (the newcomer shares the first address), and no TLS state exists for a
-    // hello that has not arrived whole. What is not TLS, or announces more
-    // than a hello may be, is refused at once.
+    // Connections that never finish their handshake, from networks of their
+    // own: a network keeps at most its share and all together at most the
+    // budget, the biggest making room with its oldest, and no TLS state
+    // exists for a hello that has not arrived whole. What is not TLS, or
+    // announces more than a hello may be, is refused at once.
     void halfOpenHandshakes_data()
     {
         QTest::addColumn<int>("connections");
         QTest::addColumn<int>("addresses");
         QTest::addColumn<QByteArray>("opening");
         QTest::addColumn<int>("held");
-        const int share = TlsListener::MaxPendingPerAddress;
-        const int budget = TlsListener::MaxPending;
+        const int share = ConnectionBudget::MaxPendingPerNetwork;
+        const int budget = ConnectionBudget::MaxPending;
         const int many = 3000 * scale;
         const int spread = 12 * scale;
 
-        QTest::newRow("silent, one address at its share") << share << 1 << QByteArray() << share;
-        QTest::newRow("silent, one address one past its share") << share + 1 << 1 << QByteArray() << share;
+        QTest::newRow("silent, one network at its share") << share << 1 << QByteArray() << share;
+        QTest::newRow("silent, one network one past its share") << share + 1 << 1 << QByteArray() << share;
         QTest::newRow("silent, at the budget") << budget << 4 << QByteArray() << budget;
         QTest::newRow("silent, one past the budget") << budget + 1 << 4 << QByteArray() << budget;
         QTest::newRow("silent, many") << many << spread << QByteArray() << budget;
@@ -170,11 +171,11 @@ private slots:
         for (int i = 0; i < connections; ++i) {
             attackers.push_back(std::make_unique<QSslSocket>());
             QSslSocket *socket = attackers.back().get();
-            const int address = i % addresses;
-            socket->bind(QHostAddress(QStringLiteral("127.0.%1.%2").arg(address / 250).arg(1 + address % 250)));
+            socket->bind(QHostAddress(QStringLiteral("127.1.%1.1").arg(nextNetwork + i % addresses)));
             connect(socket, &QAbstractSocket::connected, socket, [socket, opening] { socket->write(opening); });
             socket->connectToHost(QHostAddress::LocalHost, port);
         }
+        nextNetwork += addresses;
         QTRY_VERIFY_WITH_TIMEOUT(Settled(attackers), 30000);
         QTest::qWait(500);
         const qint64 grown = RssKb() - before;
@@ -269,12 +270,14 @@ private slots:
 
     void rapidConnectClose()
     {
-        // Plain connects that close at once, in batches, then full sessions.
+        // Plain connects that close at once, in batches, from a network of
+        // their own (they are faster than its rate), then full sessions.
         const int cycles = 10000 * scale;
         for (int done = 0; done < cycles; done += 100) {
             std::vector<std::unique_ptr<QTcpSocket>> batch;
             for (int i = 0; i < 100; ++i) {
                 batch.push_back(std::make_unique<QTcpSocket>());
+                batch.back()->bind(QHostAddress(QStringLiteral("127.2.0.1")));
                 batch.back()->connectToHost(QHostAddress::LocalHost, port);
             }
             QTRY_VERIFY(std::all_of(batch.begin(), batch.end(), [](const auto &s) {
@@ -530,6 +533,8 @@ private:
     int scale = 1;
     qint64 baselineRssKb = 0;
     int baselineFds = 0;
+    // The next 127.1.x.0/24 an attack may use, fresh for each.
+    int nextNetwork = 0;
     static constexpr qint64 MaxSilenceMs = 10000;
 };
 
