@@ -1,0 +1,363 @@
+#include "attacksupport.h"
+#include "connectionbudget.h"
+#include "tarnclt.h"
+
+#include <QtTest>
+
+#include <openssl/ssl.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <vector>
+
+// Attacks on the connection budgets of the real manager, from several
+// loopback source addresses at the scale of a real attack: a good client
+// from another address is served throughout, and the manager's CPU and
+// memory are reported.
+using namespace attacks;
+using namespace testsupport;
+
+namespace {
+
+using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
+
+constexpr int ChurnPerSecond = 4000;
+constexpr int ListedWithinMs = 2000;
+
+QHostAddress Address(int second, int third, int fourth)
+{
+    return QHostAddress(QStringLiteral("127.%1.%2.%3").arg(second).arg(third).arg(fourth));
+}
+
+// A client's first flight, as OpenSSL sends it.
+QByteArray ClientHello()
+{
+    SSL_CTX *context = SSL_CTX_new(TLS_client_method());
+    SSL *ssl = SSL_new(context);
+    BIO *out = BIO_new(BIO_s_mem());
+    SSL_set_bio(ssl, BIO_new(BIO_s_mem()), out);
+    SSL_connect(ssl);
+    char *data = nullptr;
+    const long size = BIO_get_mem_data(out, &data);
+    const QByteArray hello(data, int(size));
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+    return hello;
+}
+
+sockaddr_in Ipv4(const QHostAddress &address, quint16 port)
+{
+    sockaddr_in socketAddress{};
+    socketAddress.sin_family = AF_INET;
+    socketAddress.sin_port = htons(port);
+    socketAddress.sin_addr.s_addr = htonl(address.toIPv4Address());
+    return socketAddress;
+}
+
+// Connects from the sources in turn at a steady rate on a thread of its own,
+// sends the opening if any and holds each connection until MaxHeld newer ones
+// exist (or the server closes it), as a flood that never reads does.
+class Churn
+{
+public:
+    Churn(quint16 port, const QList<QHostAddress> &sources, const QByteArray &opening)
+    {
+        std::vector<sockaddr_in> from;
+        for (const QHostAddress &source : sources)
+            from.push_back(Ipv4(source, 0));
+        thread = std::thread([this, port, from, opening] { Run(Ipv4(QHostAddress::LocalHost, port), from, opening); });
+    }
+
+    ~Churn()
+    {
+        stop = true;
+        thread.join();
+    }
+
+    long Made() const { return made; }
+
+private:
+    static constexpr size_t MaxHeld = 2000;
+
+    void Run(const sockaddr_in &server, const std::vector<sockaddr_in> &sources, const QByteArray &opening)
+    {
+        std::deque<int> held;
+        const auto start = std::chrono::steady_clock::now();
+        while (!stop) {
+            std::this_thread::sleep_until(start + std::chrono::microseconds(1000000LL * made / ChurnPerSecond));
+            const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (descriptor >= 0) {
+                // A reset on close: no TIME_WAIT left behind for thousands of ports.
+                const linger reset{1, 0};
+                const timeval wait{0, 200000};
+                ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+                ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+                const sockaddr_in &source = sources[size_t(made) % sources.size()];
+                ::bind(descriptor, reinterpret_cast<const sockaddr *>(&source), sizeof source);
+                if (::connect(descriptor, reinterpret_cast<const sockaddr *>(&server), sizeof server) == 0
+                    && !opening.isEmpty())
+                    ::send(descriptor, opening.constData(), size_t(opening.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+                held.push_back(descriptor);
+            }
+            while (held.size() > MaxHeld || (descriptor < 0 && !held.empty())) {
+                ::close(held.front());
+                held.pop_front();
+            }
+            ++made;
+        }
+        for (const int descriptor : held)
+            ::close(descriptor);
+    }
+
+    std::atomic<bool> stop{false};
+    std::atomic<long> made{0};
+    std::thread thread;
+};
+
+// A client delayMs away: each step after the connect starts that much later,
+// as over a slow link. The time from its connect to the client list in hand,
+// or -1 when it had no list within ListedWithinMs.
+qint64 ListedAfterMs(quint16 port, const QHostAddress &source, int delayMs)
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const auto left = [&elapsed] { return int(qMax<qint64>(0, ListedWithinMs - elapsed.elapsed())); };
+    QSslSocket socket;
+    socket.setPeerVerifyMode(QSslSocket::VerifyNone);
+    socket.bind(source);
+    socket.connectToHost(QHostAddress::LocalHost, port);
+    const auto connected = [&socket] { return socket.state() == QAbstractSocket::ConnectedState; };
+    if (!WaitFor(connected, left()))
+        return -1;
+    QTest::qWait(delayMs); // the link's delay, not a wait for the server
+    socket.startClientEncryption();
+    if (!WaitFor([&] { return socket.isEncrypted() || !connected(); }, left()) || !socket.isEncrypted())
+        return -1;
+    QTest::qWait(delayMs);
+    socket.write(UpgradeRequest(port, Origin("Good")));
+    QByteArray reply;
+    const auto received = [&](const QByteArray &what) {
+        return WaitFor([&] { return (reply += socket.readAll()).contains(what) || !connected(); }, left())
+            && reply.contains(what);
+    };
+    if (!received("\r\n\r\n") || !reply.startsWith("HTTP/1.1 101"))
+        return -1;
+    socket.write(Frame(0x1, "Get active clients", 18));
+    return received("Active clients,") ? elapsed.elapsed() : -1;
+}
+
+// Upgraded sessions from source, opened batch by batch; those the server
+// refused or closed are gone from the list.
+Sockets OpenSessions(quint16 port, const QHostAddress &source, int attempts)
+{
+    constexpr int Batch = 100;
+    Sockets sessions;
+    for (int first = 0; first < attempts; first += Batch) {
+        Sockets batch;
+        for (int i = first; i < qMin(attempts, first + Batch); ++i) {
+            auto socket = std::make_unique<QSslSocket>();
+            QSslSocket *raw = socket.get();
+            raw->setPeerVerifyMode(QSslSocket::VerifyNone);
+            raw->bind(source);
+            QObject::connect(raw, &QSslSocket::encrypted, raw,
+                             [raw, port, i] { raw->write(UpgradeRequest(port, Origin("Filler" + QByteArray::number(i)))); });
+            raw->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+            batch.push_back(std::move(socket));
+        }
+        const auto settled = [](const auto &s) {
+            return s->state() == QAbstractSocket::UnconnectedState || s->peek(4096).contains("\r\n\r\n");
+        };
+        WaitFor([&] { return std::all_of(batch.begin(), batch.end(), settled); }, 30000);
+        for (auto &socket : batch) {
+            if (socket->state() == QAbstractSocket::ConnectedState && socket->peek(16).startsWith("HTTP/1.1 101"))
+                sessions.push_back(std::move(socket));
+        }
+    }
+    return sessions;
+}
+
+int CountConnected(const Sockets &sockets)
+{
+    return int(std::count_if(sockets.begin(), sockets.end(),
+                             [](const auto &s) { return s->state() == QAbstractSocket::ConnectedState; }));
+}
+
+} // namespace
+
+class TestBudgets : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        // Every descriptor the system allows, for the attackers.
+        rlimit limit{};
+        QCOMPARE(getrlimit(RLIMIT_NOFILE, &limit), 0);
+        limit.rlim_cur = limit.rlim_max;
+        QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        QVERIFY2(limit.rlim_cur > 8000, "too few descriptors for these attacks");
+    }
+
+    void cleanup()
+    {
+        good.Close();
+        if (manager)
+            manager->Stop();
+        manager.reset();
+    }
+
+    // Connections churned from four /24 networks at thousands a second, kept
+    // open or sent a ClientHello: a good client from another network, near
+    // or 150 ms away, is served every time.
+    void churn_data()
+    {
+        QTest::addColumn<QByteArray>("opening");
+        QTest::addColumn<int>("delayMs");
+
+        QTest::newRow("bare connects, near") << QByteArray() << 0;
+        QTest::newRow("bare connects, 150 ms away") << QByteArray() << 150;
+        QTest::newRow("ClientHello, near") << ClientHello() << 0;
+        QTest::newRow("ClientHello, 150 ms away") << ClientHello() << 150;
+    }
+
+    void churn()
+    {
+        QFETCH(QByteArray, opening);
+        QFETCH(int, delayMs);
+        constexpr int Tries = 12;
+        StartManager();
+        QList<QHostAddress> sources;
+        for (int network = 1; network <= 4; ++network) {
+            for (int host = 1; host <= 4; ++host)
+                sources.append(Address(10, network, host));
+        }
+        Churn churn(port, sources, opening);
+        QVERIFY(WaitFor([&] { return churn.Made() > ChurnPerSecond; }, 5000));
+        const long madeBefore = churn.Made();
+        const qint64 cpuBefore = manager->CpuMs();
+        QElapsedTimer elapsed;
+        elapsed.start();
+        QList<qint64> times;
+        for (int i = 0; i < Tries; ++i)
+            times.append(ListedAfterMs(port, QHostAddress::LocalHost, delayMs));
+        const double seconds = double(elapsed.elapsed()) / 1000;
+        qInfo("%.0f connects/s, manager CPU %.0f %% of a core, RSS %lld KiB; listed after (ms): %s",
+              double(churn.Made() - madeBefore) / seconds, double(manager->CpuMs() - cpuBefore) / seconds / 10,
+              manager->RssKb(), qPrintable(Join(times)));
+        QVERIFY2(!times.contains(-1), qPrintable(Join(times)));
+        QVERIFY2(double(churn.Made() - madeBefore) / seconds > ChurnPerSecond / 2, "the churn fell behind");
+    }
+
+    // One address and then several open sessions until refused: each keeps
+    // its share, and a good client from another address, connected before
+    // the attack or arriving during it, is served.
+    void sessionShare_data()
+    {
+        QTest::addColumn<int>("addresses");
+        QTest::addColumn<int>("attempts");
+
+        const int share = ConnectionBudget::MaxPerHost;
+        QTest::newRow("one address at its share") << 1 << share;
+        QTest::newRow("one address one past its share") << 1 << share + 1;
+        QTest::newRow("three addresses past their share") << 3 << share + 100;
+    }
+
+    void sessionShare()
+    {
+        QFETCH(int, addresses);
+        QFETCH(int, attempts);
+        StartManager();
+        OpenGoodClient();
+        const qint64 before = manager->RssKb();
+        std::vector<Sockets> attackers;
+        for (int i = 0; i < addresses; ++i) {
+            attackers.push_back(OpenSessions(port, Address(20, 1 + i, 1), attempts));
+            QCOMPARE(CountConnected(attackers.back()), qMin(attempts, ConnectionBudget::MaxPerHost));
+        }
+        qInfo("%d addresses, %d sessions each: manager grew by %lld KiB", addresses,
+              CountConnected(attackers.front()), manager->RssKb() - before);
+        ExpectServed();
+        for (const Sockets &held : attackers)
+            QCOMPARE(CountConnected(held), qMin(attempts, ConnectionBudget::MaxPerHost));
+    }
+
+    // A manager with 1,024 descriptors, sessions from several addresses until
+    // none are left: it stays calm, and a good client from another address is
+    // served at the cost of the busiest address.
+    void descriptorLimit()
+    {
+        constexpr int Limit = 1024;
+        constexpr int Addresses = 4;
+        constexpr int Attempts = 300;
+        StartManager({QStringLiteral("prlimit"), QStringLiteral("--nofile=%1:%1").arg(Limit), QStringLiteral("--")});
+        OpenGoodClient();
+        std::vector<Sockets> attackers;
+        for (int i = 0; i < Addresses; ++i)
+            attackers.push_back(OpenSessions(port, Address(30, 1 + i, 1), Attempts));
+        const qint64 cpuBefore = manager->CpuMs();
+        QElapsedTimer elapsed;
+        elapsed.start();
+        // More attempts at the limit, while the newcomer arrives.
+        for (int i = 0; i < Addresses; ++i)
+            attackers.push_back(OpenSessions(port, Address(30, 1 + i, 1), Attempts / 3));
+        ExpectServed();
+        const double coreShare = double(manager->CpuMs() - cpuBefore) / double(elapsed.elapsed());
+        int held = 0;
+        for (const Sockets &sockets : attackers)
+            held += CountConnected(sockets);
+        qInfo("%d sessions held by %d addresses, %d descriptors open; manager CPU %.0f %% of a core, RSS %lld KiB",
+              held, Addresses, manager->OpenFds(), coreShare * 100, manager->RssKb());
+        QVERIFY(held + 2 <= Limit - 32); // within the client room, with the good clients
+        QVERIFY2(coreShare < 0.5, qPrintable(QString::number(coreShare)));
+    }
+
+private:
+    void StartManager(const QStringList &prefix = {})
+    {
+        port = FreePort();
+        manager = std::make_unique<Manager>();
+        QVERIFY(manager->Start(port, prefix));
+        QVERIFY(WaitFor([this] { return ListedAfterMs(port, QHostAddress::LocalHost, 0) >= 0; }, 15000));
+    }
+
+    void OpenGoodClient()
+    {
+        goodRecord.sessionUuid = QUuid::createUuid();
+        goodRecord.guestName = QStringLiteral("Good");
+        QVERIFY(good.Open(LocalUrl(port), &goodRecord));
+    }
+
+    // The newcomer from an address of its own, and the client from before.
+    void ExpectServed()
+    {
+        const qint64 newcomer = ListedAfterMs(port, QHostAddress(QStringLiteral("127.0.0.2")), 0);
+        qInfo("newcomer listed after %lld ms", newcomer);
+        QVERIFY(newcomer >= 0);
+        QString body;
+        QCOMPARE(good.RequestActiveClients(body), 0);
+        QVERIFY2(body.contains(goodRecord.sessionUuid.toString()), qPrintable(body.left(200)));
+    }
+
+    static QString Join(const QList<qint64> &values)
+    {
+        QStringList texts;
+        for (const qint64 value : values)
+            texts.append(QString::number(value));
+        return texts.join(QLatin1Char(' '));
+    }
+
+    std::unique_ptr<Manager> manager;
+    quint16 port = 0;
+    TarnClt good;
+    ClientRecord goodRecord;
+};
+
+QTEST_MAIN(TestBudgets)
+#include "tst_budgets.moc"
