@@ -13,10 +13,20 @@
 #include <QTest>
 #include <QUuid>
 
+#include <algorithm>
 #include <memory>
+#include <vector>
 #include <unistd.h>
 
 namespace attacks {
+
+using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
+
+inline int CountConnected(const Sockets &sockets)
+{
+    return int(std::count_if(sockets.begin(), sockets.end(),
+                             [](const auto &s) { return s->state() == QAbstractSocket::ConnectedState; }));
+}
 
 // The manager, headless as a service runs it, in a private folder whose log
 // the checks read. prefix runs it under another program (prlimit, say),

@@ -25,8 +25,6 @@ using namespace testsupport;
 
 namespace {
 
-using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
-
 constexpr int ChurnPerSecond = 4000;
 constexpr int ListedWithinMs = 2000;
 
@@ -180,12 +178,6 @@ Sockets OpenSessions(quint16 port, const QHostAddress &source, int attempts)
         }
     }
     return sessions;
-}
-
-int CountConnected(const Sockets &sockets)
-{
-    return int(std::count_if(sockets.begin(), sockets.end(),
-                             [](const auto &s) { return s->state() == QAbstractSocket::ConnectedState; }));
 }
 
 } // namespace
