@@ -28,7 +28,7 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 // advanced connection (ties: the oldest): a newcomer from a lighter group is
 // never the one refused. The numbers:
 // - MaxPerHost 512: a terminal server with hundreds of users fits; one host
-//   then holds about 11 MB of sessions (about 22 kB each).
+//   then holds about 14 MB of idle sessions (about 27 kB each).
 // - MaxPending 1,000 and MaxPendingPerNetwork 512: a handshake is a few
 //   kilobytes, and no real network has hundreds in flight for seconds.
 // - Rate 200 a second, burst 1,000 per network: a burst as large as the
