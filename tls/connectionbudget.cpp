@@ -30,17 +30,12 @@ ConnectionBudget::Groups ConnectionBudget::GroupsOf(const QHostAddress &address)
 
 ConnectionBudget::ConnectionBudget(ProgressOf progressOf) : progressOf(std::move(progressOf)) {}
 
-ConnectionBudget::Outcome ConnectionBudget::Admit(Id id, const Groups &groups, qint64 nowMs)
+ConnectionBudget::Outcome ConnectionBudget::Admit(Id id, const Groups &groups)
 {
     Outcome outcome;
-    if (!TakeToken(groups.network, nowMs)) {
-        outcome.verdict = Verdict::Throttled;
+    outcome.admitted = MakeHostRoom(groups, outcome);
+    if (!outcome.admitted)
         return outcome;
-    }
-    if (!MakeHostRoom(groups, outcome)) {
-        outcome.verdict = Verdict::OverShare;
-        return outcome;
-    }
     MakePendingRoom(groups, outcome);
     const Entry entry{groups, ConnectionProgress::Connected, nextOrder++};
     entries.emplace(id, entry);
@@ -76,7 +71,7 @@ void ConnectionBudget::ForgetQuietNetworks(qint64 nowMs)
     }
 }
 
-bool ConnectionBudget::TakeToken(quint64 network, qint64 nowMs)
+bool ConnectionBudget::WithinRate(quint64 network, qint64 nowMs)
 {
     Bucket &bucket = buckets.emplace(network, Bucket{double(Burst), nowMs}).first->second;
     const double elapsedMs = double(qMax<qint64>(0, nowMs - bucket.lastMs));

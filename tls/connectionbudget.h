@@ -34,7 +34,8 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 // - Rate 200 a second, burst 1,000 per network: a burst as large as the
 //   whole pending budget lets a classroom start at once; a handshake costs
 //   about 1 ms of CPU, so one network's churn costs at most a fifth of a core.
-//   Past it, the newcomer is closed at once, before any TLS work.
+//   Past it, the newcomer is closed at once, before any TLS work (the caller
+//   asks WithinRate before it makes anything for the connection).
 //
 // Every operation is O(log n): no walk over the connections per accept. A
 // connection's progress is looked at only when it is a candidate for closing
@@ -58,11 +59,11 @@ public:
     };
     static Groups GroupsOf(const QHostAddress &address);
 
-    enum class Verdict { Admitted, Throttled, OverShare };
     // What Admit decided, and whom it closed to make room: Abort them.
     struct Outcome
     {
-        Verdict verdict = Verdict::Admitted;
+        // False: refused, its host holding its share or the most at the total.
+        bool admitted = true;
         // For the pending budgets, and for the newcomer's own host share.
         std::vector<Id> displaced;
         // For the total: from the host that holds the most.
@@ -74,9 +75,12 @@ public:
     // -1: no limit on all connections together (sessions and unfinished).
     void SetTotalLimit(int limit) { totalLimit = limit; }
 
-    // A new connection at nowMs (a steady clock); when refused, it was not
+    // Takes one of the network's new connections at nowMs (a steady clock);
+    // false when it has none left.
+    bool WithinRate(quint64 network, qint64 nowMs);
+    // A new connection, within its network's rate; when refused, it was not
     // counted.
-    Outcome Admit(Id id, const Groups &groups, qint64 nowMs);
+    Outcome Admit(Id id, const Groups &groups);
     // It reached a stage the listener sees (Ready, or Session on takeover).
     void Advance(Id id, ConnectionProgress progress);
     // It ended; unknown ones are ignored.
@@ -124,7 +128,6 @@ private:
         qint64 lastMs;
     };
 
-    bool TakeToken(quint64 network, qint64 nowMs);
     bool MakeHostRoom(const Groups &groups, Outcome &outcome);
     void MakePendingRoom(const Groups &groups, Outcome &outcome);
     Id LeastAdvanced(Ledger &ledger, quint64 group);

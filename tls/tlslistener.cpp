@@ -1,5 +1,6 @@
 #include "tlslistener.h"
 
+#include "socketio.h"
 #include "tlscontext.h"
 #include "tlsserversocket.h"
 
@@ -97,8 +98,15 @@ TlsListener::Drops TlsListener::TakeDrops()
 
 void TlsListener::incomingConnection(qintptr descriptor)
 {
+    const ConnectionBudget::Groups groups = ConnectionBudget::GroupsOf(SocketIo::Peer(descriptor).address);
+    // Churn past the rate costs a system call or two, no objects.
+    if (!budget.WithinRate(groups.network, clock.elapsed())) {
+        ++drops.throttled;
+        SocketIo::Close(descriptor);
+        return;
+    }
     auto *socket = new TlsServerSocket(context, descriptor, unsentPool, this);
-    if (!Admit(socket)) {
+    if (!Admit(socket, groups)) {
         // Closed before its first read: no TLS work, nobody else's room.
         socket->Abort();
         delete socket;
@@ -110,27 +118,18 @@ void TlsListener::incomingConnection(qintptr descriptor)
 
 // Counts the newcomer, or the reason it is refused, and closes whom the
 // budget chose to make room.
-bool TlsListener::Admit(TlsServerSocket *socket)
+bool TlsListener::Admit(TlsServerSocket *socket, const ConnectionBudget::Groups &groups)
 {
-    const ConnectionBudget::Outcome outcome =
-        budget.Admit(IdOf(socket), ConnectionBudget::GroupsOf(socket->peerAddress()), clock.elapsed());
+    const ConnectionBudget::Outcome outcome = budget.Admit(IdOf(socket), groups);
     drops.displaced += int(outcome.displaced.size());
     drops.evicted += int(outcome.evicted.size());
     for (const ConnectionBudget::Id id : outcome.displaced)
         Drop(id);
     for (const ConnectionBudget::Id id : outcome.evicted)
         Drop(id);
-    switch (outcome.verdict) {
-    case ConnectionBudget::Verdict::Admitted:
-        return true;
-    case ConnectionBudget::Verdict::Throttled:
-        ++drops.throttled;
-        return false;
-    case ConnectionBudget::Verdict::OverShare:
+    if (!outcome.admitted)
         ++drops.overShare;
-        return false;
-    }
-    return false;
+    return outcome.admitted;
 }
 
 void TlsListener::Watch(TlsServerSocket *socket)

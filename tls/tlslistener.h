@@ -83,7 +83,7 @@ private:
     };
     using PendingList = std::list<Pending>;
 
-    bool Admit(TlsServerSocket *socket);
+    bool Admit(TlsServerSocket *socket, const ConnectionBudget::Groups &groups);
     void Watch(TlsServerSocket *socket);
     void Drop(ConnectionBudget::Id id);
     void Forget(TlsServerSocket *socket);

@@ -2,6 +2,8 @@
 #include "connectionbudget.h"
 #include "tarnclt.h"
 
+#include <QScopeGuard>
+#include <QStandardPaths>
 #include <QtTest>
 
 #include <openssl/ssl.h>
@@ -10,7 +12,9 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
@@ -60,16 +64,21 @@ sockaddr_in Ipv4(const QHostAddress &address, quint16 port)
 
 // Connects from the sources in turn at a steady rate on a thread of its own,
 // sends the opening if any and holds each connection until MaxHeld newer ones
-// exist (or the server closes it), as a flood that never reads does.
+// exist (or the server closes it), as a flood that never reads does. With a
+// network namespace named, the thread's sockets live there.
 class Churn
 {
 public:
-    Churn(quint16 port, const QList<QHostAddress> &sources, const QByteArray &opening)
+    Churn(quint16 port, const QList<QHostAddress> &sources, const QByteArray &opening, const QString &netns = {})
     {
         std::vector<sockaddr_in> from;
         for (const QHostAddress &source : sources)
             from.push_back(Ipv4(source, 0));
-        thread = std::thread([this, port, from, opening] { Run(Ipv4(QHostAddress::LocalHost, port), from, opening); });
+        const QByteArray space = netns.isEmpty() ? QByteArray() : "/run/netns/" + netns.toLocal8Bit();
+        thread = std::thread([this, port, from, opening, space] {
+            if (space.isEmpty() || Enter(space))
+                Run(Ipv4(QHostAddress::LocalHost, port), from, opening);
+        });
     }
 
     ~Churn()
@@ -82,6 +91,15 @@ public:
 
 private:
     static constexpr size_t MaxHeld = 2000;
+
+    static bool Enter(const QByteArray &netns)
+    {
+        const int space = ::open(netns.constData(), O_RDONLY | O_CLOEXEC);
+        const bool entered = space >= 0 && ::setns(space, CLONE_NEWNET) == 0;
+        if (space >= 0)
+            ::close(space);
+        return entered;
+    }
 
     void Run(const sockaddr_in &server, const std::vector<sockaddr_in> &sources, const QByteArray &opening)
     {
@@ -180,6 +198,29 @@ Sockets OpenSessions(quint16 port, const QHostAddress &source, int attempts)
     return sessions;
 }
 
+bool Ip(const QStringList &arguments)
+{
+    return QProcess::execute(QStringLiteral("ip"), arguments) == 0;
+}
+
+// One end of the link: its address, up, with lo.
+bool ConfigureEnd(const QString &netns, const QString &device, const QString &address)
+{
+    return Ip({QStringLiteral("-n"), netns, QStringLiteral("addr"), QStringLiteral("add"), address,
+               QStringLiteral("dev"), device})
+        && Ip({QStringLiteral("-n"), netns, QStringLiteral("link"), QStringLiteral("set"), device, QStringLiteral("up")})
+        && Ip({QStringLiteral("-n"), netns, QStringLiteral("link"), QStringLiteral("set"), QStringLiteral("lo"),
+               QStringLiteral("up")});
+}
+
+// 150 ms of delay on what leaves the device; false where the kernel has no netem.
+bool AddDelay(const QString &netns, const QString &device)
+{
+    return Ip({QStringLiteral("netns"), QStringLiteral("exec"), netns, QStringLiteral("tc"), QStringLiteral("qdisc"),
+               QStringLiteral("add"), QStringLiteral("dev"), device, QStringLiteral("root"), QStringLiteral("netem"),
+               QStringLiteral("delay"), QStringLiteral("150ms")});
+}
+
 } // namespace
 
 class TestBudgets : public QObject
@@ -225,12 +266,7 @@ private slots:
         QFETCH(int, delayMs);
         constexpr int Tries = 12;
         StartManager();
-        QList<QHostAddress> sources;
-        for (int network = 1; network <= 4; ++network) {
-            for (int host = 1; host <= 4; ++host)
-                sources.append(Address(10, network, host));
-        }
-        Churn churn(port, sources, opening);
+        Churn churn(port, ChurnSources(), opening);
         QVERIFY(WaitFor([&] { return churn.Made() > ChurnPerSecond; }, 5000));
         const long madeBefore = churn.Made();
         const qint64 cpuBefore = manager->CpuMs();
@@ -245,6 +281,61 @@ private slots:
               manager->RssKb(), qPrintable(Join(times)));
         QVERIFY2(!times.contains(-1), qPrintable(Join(times)));
         QVERIFY2(double(churn.Made() - madeBefore) / seconds > ChurnPerSecond / 2, "the churn fell behind");
+    }
+
+    // The churn inside a private network namespace, while the good client, in
+    // another joined to it by a veth pair with 150 ms of delay each way, asks
+    // the tarn tool for the list. Nothing leaves the two namespaces.
+    void churnOverLink_data()
+    {
+        QTest::addColumn<QByteArray>("opening");
+
+        QTest::newRow("bare connects") << QByteArray();
+        QTest::newRow("ClientHello") << ClientHello();
+    }
+
+    void churnOverLink()
+    {
+        QFETCH(QByteArray, opening);
+        constexpr int Tries = 10;
+        if (geteuid() != 0)
+            QSKIP("creating network namespaces needs root");
+        if (QStandardPaths::findExecutable(QStringLiteral("ip")).isEmpty()
+            || QStandardPaths::findExecutable(QStringLiteral("tc")).isEmpty())
+            QSKIP("iproute2 (ip and tc) is not installed");
+        const QString tag = QString::number(QCoreApplication::applicationPid());
+        const QString server = QStringLiteral("tarn-budgets-%1-s").arg(tag);
+        const QString client = QStringLiteral("tarn-budgets-%1-c").arg(tag);
+        const auto removeHosts = qScopeGuard([&] {
+            cleanup();
+            Ip({QStringLiteral("netns"), QStringLiteral("del"), server});
+            Ip({QStringLiteral("netns"), QStringLiteral("del"), client});
+        });
+        QVERIFY(Ip({QStringLiteral("netns"), QStringLiteral("add"), server}));
+        QVERIFY(Ip({QStringLiteral("netns"), QStringLiteral("add"), client}));
+        const QString serverEnd = QStringLiteral("tbg%1s").arg(tag);
+        const QString clientEnd = QStringLiteral("tbg%1c").arg(tag);
+        QVERIFY(Ip({QStringLiteral("link"), QStringLiteral("add"), serverEnd, QStringLiteral("netns"), server,
+                    QStringLiteral("type"), QStringLiteral("veth"), QStringLiteral("peer"), QStringLiteral("name"),
+                    clientEnd, QStringLiteral("netns"), client}));
+        QVERIFY(ConfigureEnd(server, serverEnd, QStringLiteral("10.78.0.1/24")));
+        QVERIFY(ConfigureEnd(client, clientEnd, QStringLiteral("10.78.0.2/24")));
+        if (!AddDelay(server, serverEnd) || !AddDelay(client, clientEnd))
+            QSKIP("the kernel has no netem queueing discipline (sch_netem) to delay the link");
+
+        port = FreePort();
+        manager = std::make_unique<Manager>();
+        QVERIFY(manager->Start(port, {QStringLiteral("ip"), QStringLiteral("netns"), QStringLiteral("exec"), server}));
+        const QString url = QStringLiteral("wss://10.78.0.1:%1").arg(port);
+        QVERIFY(WaitFor([&] { return ToolListedAfterMs(client, url) >= 0; }, 15000));
+        Churn churn(port, ChurnSources(), opening, server);
+        QVERIFY(WaitFor([&] { return churn.Made() > ChurnPerSecond; }, 5000));
+        QList<qint64> times;
+        for (int i = 0; i < Tries; ++i)
+            times.append(ToolListedAfterMs(client, url));
+        qInfo("manager RSS %lld KiB; listed after (ms, the tool's start included): %s", manager->RssKb(),
+              qPrintable(Join(times)));
+        QVERIFY2(!times.contains(-1), qPrintable(Join(times)));
     }
 
     // One address and then several open sessions until refused: each keeps
@@ -311,6 +402,41 @@ private slots:
     }
 
 private:
+    // Four hosts in each of four /24 networks.
+    static QList<QHostAddress> ChurnSources()
+    {
+        QList<QHostAddress> sources;
+        for (int network = 1; network <= 4; ++network) {
+            for (int host = 1; host <= 4; ++host)
+                sources.append(Address(10, network, host));
+        }
+        return sources;
+    }
+
+    // `tarn clients` run in the client's namespace: the time to its list, or
+    // -1 when it failed or took more than ListedWithinMs.
+    qint64 ToolListedAfterMs(const QString &netns, const QString &url) const
+    {
+        QProcess tool;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), manager->dir.filePath(QStringLiteral("tool")));
+        tool.setProcessEnvironment(env);
+        tool.setStandardOutputFile(QProcess::nullDevice());
+        QElapsedTimer elapsed;
+        elapsed.start();
+        tool.start(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("exec"), netns,
+                                          QStringLiteral(TARN_TOOL_PATH), QStringLiteral("clients"),
+                                          QStringLiteral("--insecure"), url});
+        const bool finished = tool.waitForFinished(ListedWithinMs + 5000);
+        const qint64 took = elapsed.elapsed();
+        if (!finished) {
+            tool.kill();
+            tool.waitForFinished();
+        }
+        const bool listed = finished && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
+        return listed && took <= ListedWithinMs ? took : -1;
+    }
+
     void StartManager(const QStringList &prefix = {})
     {
         port = FreePort();
