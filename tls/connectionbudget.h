@@ -31,9 +31,9 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //   then holds about 14 MB of idle sessions (about 27 kB each).
 // - MaxPending 1,000 and MaxPendingPerNetwork 512: a handshake is a few
 //   kilobytes, and no real network has hundreds in flight for seconds.
-// - Rate 200 a second, burst 1,000 per network: a burst as large as the
+// - Rate 100 a second, burst 1,000 per network: a burst as large as the
 //   whole pending budget lets a classroom start at once; a handshake costs
-//   about 1 ms of CPU, so one network's churn costs at most a fifth of a core.
+//   about 1 ms of CPU, so one network's churn costs at most a tenth of a core.
 //   Past it, the newcomer is closed at once, before any TLS work (the caller
 //   asks WithinRate before it makes anything for the connection).
 //
@@ -49,7 +49,7 @@ public:
     static constexpr int MaxPerHost = 512;
     static constexpr int MaxPending = 1000;
     static constexpr int MaxPendingPerNetwork = 512;
-    static constexpr int RatePerSecond = 200;
+    static constexpr int RatePerSecond = 100;
     static constexpr int Burst = 1000;
 
     struct Groups
