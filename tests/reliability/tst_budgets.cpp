@@ -1,6 +1,7 @@
 #include "attacksupport.h"
 #include "connectionbudget.h"
 #include "tarnclt.h"
+#include "tarnsrv.h"
 
 #include <QScopeGuard>
 #include <QStandardPaths>
@@ -281,6 +282,7 @@ private slots:
               manager->RssKb(), qPrintable(Join(times)));
         QVERIFY2(!times.contains(-1), qPrintable(Join(times)));
         QVERIFY2(double(churn.Made() - madeBefore) / seconds > ChurnPerSecond / 2, "the churn fell behind");
+        ExpectSummary("connections were closed at once: their network connected faster than");
     }
 
     // The churn inside a private network namespace, while the good client, in
@@ -345,17 +347,23 @@ private slots:
     {
         QTest::addColumn<int>("addresses");
         QTest::addColumn<int>("attempts");
+        QTest::addColumn<QByteArray>("summary"); // of the closes, in the log
 
         const int share = ConnectionBudget::MaxPerHost;
-        QTest::newRow("one address at its share") << 1 << share;
-        QTest::newRow("one address one past its share") << 1 << share + 1;
-        QTest::newRow("three addresses past their share") << 3 << share + 100;
+        QTest::newRow("one address at its share") << 1 << share << QByteArray();
+        // The last batch is in flight together: the newest makes room with
+        // an unfinished one of its own.
+        QTest::newRow("one address one past its share")
+            << 1 << share + 1 << QByteArray("unfinished handshakes were closed to make room for newer ones.");
+        QTest::newRow("three addresses past their share")
+            << 3 << share + 100 << QByteArray("connections were refused: their address held its share of the server.");
     }
 
     void sessionShare()
     {
         QFETCH(int, addresses);
         QFETCH(int, attempts);
+        QFETCH(QByteArray, summary);
         StartManager();
         OpenGoodClient();
         const qint64 before = manager->RssKb();
@@ -369,6 +377,8 @@ private slots:
         ExpectServed();
         for (const Sockets &held : attackers)
             QCOMPARE(CountConnected(held), qMin(attempts, ConnectionBudget::MaxPerHost));
+        if (!summary.isEmpty())
+            ExpectSummary(summary);
     }
 
     // A manager with 1,024 descriptors, sessions from several addresses until
@@ -399,6 +409,7 @@ private slots:
               held, Addresses, manager->OpenFds(), coreShare * 100, manager->RssKb());
         QVERIFY(held + 2 <= Limit - 32); // within the client room, with the good clients
         QVERIFY2(coreShare < 0.5, qPrintable(QString::number(coreShare)));
+        ExpectSummary("connections of the busiest address were closed to make room for other addresses.");
     }
 
 private:
@@ -461,6 +472,15 @@ private:
         QString body;
         QCOMPARE(good.RequestActiveClients(body), 0);
         QVERIFY2(body.contains(goodRecord.sessionUuid.toString()), qPrintable(body.left(200)));
+    }
+
+    // The manager counts what it closed in a line per period, not one per
+    // connection.
+    void ExpectSummary(const QByteArray &text)
+    {
+        QTRY_VERIFY_WITH_TIMEOUT(manager->Log().contains(text), TarnSrv::LogSummaryPeriodMs + 5000);
+        const int lines = int(manager->Log().count(text));
+        QVERIFY2(lines <= 3, qPrintable(QString::number(lines)));
     }
 
     static QString Join(const QList<qint64> &values)
