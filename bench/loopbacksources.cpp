@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr quint32 LoopbackNetworks = 64;
+constexpr quint32 LoopbackNetworks = 250;
 constexpr quint32 HostsPerNetwork = 250;
 
 bool ToLoopback(const sockaddr *address, socklen_t length)

@@ -17,7 +17,7 @@ const OPEN_TIMEOUT_MS = 30000;
 const OPENS_IN_FLIGHT = 200;
 // The Qt server gives one address 512 connections and one /24 network a rate
 // of new ones; Linux answers on all of 127/8, so each connection leaves from
-// an address of its own, over 64 networks, as tarn-load's do.
+// an address of its own, over 64 networks, as tarn-load's connections do.
 function sourceAddress(i) {
   return `127.101.${i % 64}.${1 + (Math.floor(i / 64) % 250)}`;
 }
