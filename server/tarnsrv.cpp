@@ -118,6 +118,7 @@ int TarnSrv::Start(int port)
     connect(endpoint, &QWebSocketServer::newConnection, this, &TarnSrv::cltConnection);
     LogInfo(QStringLiteral("Tarn server started on port %1.\n").arg(listener->serverPort()));
     const int room = ClientRoom();
+    listener->SetClientRoom(room);
     if (room >= 0)
         LogInfo(QStringLiteral("The descriptor limit leaves room for %1 clients.").arg(room));
 
@@ -384,5 +385,15 @@ void TarnSrv::SummarizeRepeatedLines()
                     .arg(drops.displaced));
     if (drops.refused > 0)
         emit Log(QStringLiteral("%1 connections were refused: the server is out of descriptors.").arg(drops.refused),
+                 LogLevel::Warning, false);
+    if (drops.throttled > 0)
+        LogInfo(QStringLiteral("%1 connections were closed at once: their network connected faster than %2 a second.")
+                    .arg(drops.throttled).arg(ConnectionBudget::RatePerSecond));
+    if (drops.overShare > 0)
+        LogInfo(QStringLiteral("%1 connections were refused: their address held its share of the server.")
+                    .arg(drops.overShare));
+    if (drops.evicted > 0)
+        emit Log(QStringLiteral("%1 connections of the busiest address were closed to make room for other addresses.")
+                     .arg(drops.evicted),
                  LogLevel::Warning, false);
 }

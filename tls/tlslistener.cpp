@@ -1,5 +1,6 @@
 #include "tlslistener.h"
 
+#include "socketio.h"
 #include "tlscontext.h"
 #include "tlsserversocket.h"
 
@@ -16,10 +17,21 @@ constexpr int AcceptRetryMs = 1000;
 #endif
 constexpr int DeadlineCheckMs = 1000;
 
+TlsServerSocket *SocketOf(ConnectionBudget::Id id)
+{
+    return reinterpret_cast<TlsServerSocket *>(id);
+}
+
+ConnectionBudget::Id IdOf(TlsServerSocket *socket)
+{
+    return reinterpret_cast<ConnectionBudget::Id>(socket);
+}
+
 } // namespace
 
 TlsListener::TlsListener(const TlsIdentity &identity, QObject *parent)
-    : QTcpServer(parent), context(MakeServerContext(identity)), unsentPool(std::make_shared<UnsentPool>())
+    : QTcpServer(parent), context(MakeServerContext(identity)), unsentPool(std::make_shared<UnsentPool>()),
+      budget([](ConnectionBudget::Id id) { return SocketOf(id)->Progress(); })
 {
 #ifndef Q_OS_UNIX
     // Where Qt accepts, it stops for good when an accept fails, out of
@@ -67,6 +79,11 @@ TlsServerSocket *TlsListener::TakeOver(const QHostAddress &address, quint16 port
         return nullptr;
     Forget(socket);
     disconnect(socket, nullptr, this, nullptr);
+    budget.Advance(IdOf(socket), ConnectionProgress::Session);
+    // Counted until it ends; deleted without ending, when the server stops.
+    const ConnectionBudget::Id id = IdOf(socket);
+    connect(socket, &TlsServerSocket::Ended, this, [this, id] { budget.Remove(id); });
+    connect(socket, &QObject::destroyed, this, [this, id] { budget.Remove(id); });
     // Once the caller has connected to the session's signals.
     QMetaObject::invokeMethod(socket, &TlsServerSocket::StartSession, Qt::QueuedConnection);
     return socket;
@@ -81,45 +98,63 @@ TlsListener::Drops TlsListener::TakeDrops()
 
 void TlsListener::incomingConnection(qintptr descriptor)
 {
+    const ConnectionBudget::Groups groups = ConnectionBudget::GroupsOf(SocketIo::Peer(descriptor).address);
+    // Churn past the rate costs a system call or two, no objects.
+    if (!budget.WithinRate(groups.network, clock.elapsed())) {
+        ++drops.throttled;
+        SocketIo::Close(descriptor);
+        return;
+    }
     auto *socket = new TlsServerSocket(context, descriptor, unsentPool, this);
-    const QHostAddress address = socket->peerAddress();
-    MakeRoomFor(address);
+    if (!Admit(socket, groups)) {
+        // Closed before its first read: no TLS work, nobody else's room.
+        socket->Abort();
+        delete socket;
+        return;
+    }
     pendingOf.insert(socket, pending.insert(pending.end(), Pending{socket, clock.elapsed()}));
-    ++pendingFrom[address];
+    Watch(socket);
+}
+
+// Counts the newcomer, or the reason it is refused, and closes whom the
+// budget chose to make room.
+bool TlsListener::Admit(TlsServerSocket *socket, const ConnectionBudget::Groups &groups)
+{
+    const ConnectionBudget::Outcome outcome = budget.Admit(IdOf(socket), groups);
+    drops.displaced += int(outcome.displaced.size());
+    drops.evicted += int(outcome.evicted.size());
+    for (const ConnectionBudget::Id id : outcome.displaced)
+        Drop(id);
+    for (const ConnectionBudget::Id id : outcome.evicted)
+        Drop(id);
+    if (!outcome.admitted)
+        ++drops.overShare;
+    return outcome.admitted;
+}
+
+void TlsListener::Watch(TlsServerSocket *socket)
+{
     connect(socket, &TlsServerSocket::Ready, this, [this, socket] {
+        budget.Advance(IdOf(socket), ConnectionProgress::Ready);
         readyAt.insert(qMakePair(socket->peerAddress(), socket->peerPort()), socket);
         emit Ready(socket);
     });
     connect(socket, &TlsServerSocket::Ended, this, [this, socket] {
         Forget(socket);
+        budget.Remove(IdOf(socket));
         socket->deleteLater();
         emit Released();
     });
 }
 
-// A flood from one address displaces its own oldest connections first, and
-// only then anyone's.
-void TlsListener::MakeRoomFor(const QHostAddress &address)
+// Unfinished or a session: its end takes it out of the books too, unless it
+// had ended before.
+void TlsListener::Drop(ConnectionBudget::Id id)
 {
-    if (pendingFrom.value(address) >= MaxPendingPerAddress) {
-        for (const Pending &entry : pending) {
-            if (entry.socket->peerAddress() == address) {
-                ++drops.displaced;
-                Drop(entry.socket);
-                break;
-            }
-        }
-    }
-    if (int(pending.size()) >= MaxPending) {
-        ++drops.displaced;
-        Drop(pending.front().socket);
-    }
-}
-
-void TlsListener::Drop(TlsServerSocket *socket)
-{
+    TlsServerSocket *socket = SocketOf(id);
     socket->Abort();
-    Forget(socket); // already done by its end, unless it had ended before
+    Forget(socket);
+    budget.Remove(id);
 }
 
 void TlsListener::Forget(TlsServerSocket *socket)
@@ -127,19 +162,17 @@ void TlsListener::Forget(TlsServerSocket *socket)
     const auto it = pendingOf.constFind(socket);
     if (it == pendingOf.cend())
         return;
-    const QHostAddress address = socket->peerAddress();
-    if (--pendingFrom[address] <= 0)
-        pendingFrom.remove(address);
-    readyAt.remove(qMakePair(address, socket->peerPort()));
+    readyAt.remove(qMakePair(socket->peerAddress(), socket->peerPort()));
     pending.erase(*it);
     pendingOf.erase(it);
 }
 
 void TlsListener::CloseLate()
 {
-    const qint64 cutoff = clock.elapsed() - DeadlineMs;
-    while (!pending.empty() && pending.front().acceptedMs <= cutoff) {
+    const qint64 now = clock.elapsed();
+    while (!pending.empty() && pending.front().acceptedMs <= now - DeadlineMs) {
         ++drops.late;
-        Drop(pending.front().socket);
+        Drop(IdOf(pending.front().socket));
     }
+    budget.ForgetQuietNetworks(now);
 }

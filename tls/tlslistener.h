@@ -1,5 +1,7 @@
 #pragma once
 
+#include "connectionbudget.h"
+
 #include <QElapsedTimer>
 #include <QHash>
 #include <QHostAddress>
@@ -17,9 +19,10 @@ struct UnsentPool;
 
 // The server's listening socket. It owns every connection from accept until
 // the session server takes it over: their TLS runs with one OpenSSL context
-// made from the identity, under one deadline from accept to takeover and a
-// budget of connections in that phase, overall and per peer address. When
-// the budget is spent, the oldest connection makes room for the new one.
+// made from the identity, under one deadline from accept to takeover. It
+// counts every connection until it ends, sessions too, in a ConnectionBudget
+// per address group: when a budget is spent, the group that holds the most
+// makes room with its least advanced connection.
 class TlsListener : public QTcpServer
 {
     Q_OBJECT
@@ -36,24 +39,32 @@ public:
     bool Listen(const QHostAddress &address, quint16 port);
     void Close();
 
+    // How many connections all together may hold, at most (-1: no limit):
+    // fewer than the descriptors left.
+    void SetClientRoom(int room) { budget.SetTotalLimit(room); }
+
     // The connection from this peer endpoint that was Ready, now the caller's
     // to parent and end; its session starts when the event loop next runs.
     // Null when there is none.
     TlsServerSocket *TakeOver(const QHostAddress &address, quint16 port);
 
-    // Connections closed since the last call, for not being taken over in
-    // time, to make room for newer ones, and for want of descriptors.
+    // Connections closed since the last call: not taken over in time; to make
+    // room for newer ones of their own group or of the biggest; for want of
+    // descriptors; new ones over their network's rate; new ones from a host
+    // at its share; and any connection of the biggest host, for a newcomer
+    // from another when all together hold the client room.
     struct Drops
     {
         int late = 0;
         int displaced = 0;
         int refused = 0;
+        int throttled = 0;
+        int overShare = 0;
+        int evicted = 0;
     };
     Drops TakeDrops();
 
     static constexpr int DeadlineMs = 10000;
-    static constexpr int MaxPending = 1000;
-    static constexpr int MaxPendingPerAddress = 512;
 
 signals:
     // TLS is up and the request head is there: over to the WebSocket layer.
@@ -72,8 +83,9 @@ private:
     };
     using PendingList = std::list<Pending>;
 
-    void MakeRoomFor(const QHostAddress &address);
-    void Drop(TlsServerSocket *socket);
+    bool Admit(TlsServerSocket *socket, const ConnectionBudget::Groups &groups);
+    void Watch(TlsServerSocket *socket);
+    void Drop(ConnectionBudget::Id id);
     void Forget(TlsServerSocket *socket);
     void CloseLate();
 
@@ -88,7 +100,8 @@ private:
     // Oldest first; the indexes find an entry without a walk.
     PendingList pending;
     QHash<TlsServerSocket *, PendingList::iterator> pendingOf;
-    QHash<QHostAddress, int> pendingFrom;
+    // Every connection until it ends, sessions included.
+    ConnectionBudget budget;
     QHash<QPair<QHostAddress, quint16>, TlsServerSocket *> readyAt;
     Drops drops;
 };

@@ -89,6 +89,17 @@ TlsServerSocket::~TlsServerSocket()
     setSocketState(UnconnectedState);
 }
 
+ConnectionProgress TlsServerSocket::Progress() const
+{
+    if (started)
+        return ConnectionProgress::Session;
+    if (ready)
+        return ConnectionProgress::Ready;
+    if (secure)
+        return ConnectionProgress::Secure;
+    return ssl ? ConnectionProgress::HelloReceived : ConnectionProgress::Connected;
+}
+
 void TlsServerSocket::Abort()
 {
     Finish();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "connectionbudget.h"
 #include "streambio.h"
 
 #include <QByteArray>
@@ -42,6 +43,8 @@ public:
     // bytesToWrite(), or more than OwnUnsentBytes when the pool is spent,
     // ends the connection; UnsentOverrun is emitted first.
     void SetUnsentLimit(qint64 bytes) { unsentLimit = bytes; }
+    // How far it has come, for a budget that must close one.
+    ConnectionProgress Progress() const;
 
     // Everything that waits to be sent: written but not encrypted yet, and
     // encrypted but not taken by the system.

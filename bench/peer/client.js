@@ -13,8 +13,14 @@ const seconds = Number(process.argv[3] || 5);
 const COUNTS = [1, 100, 1000];
 const OPEN_TIMEOUT_MS = 30000;
 // Handshakes in flight at once, as tarn-load has: the Qt server keeps at most
-// 512 unfinished connections per address and closes the oldest past that.
+// 512 unfinished connections per /24 network.
 const OPENS_IN_FLIGHT = 200;
+// The Qt server gives one address 512 connections and one /24 network a rate
+// of new ones; Linux answers on all of 127/8, so each connection leaves from
+// an address of its own, over 64 networks, as tarn-load's connections do.
+function sourceAddress(i) {
+  return `127.101.${i % 64}.${1 + (Math.floor(i / 64) % 250)}`;
+}
 
 function origin(i) {
   return `{${randomUUID()}},{${randomUUID()}},{${randomUUID()}},node-${i}`;
@@ -22,7 +28,8 @@ function origin(i) {
 
 function open(i) {
   return new Promise((resolve, reject) => {
-    const ws = new WebSocket(`wss://127.0.0.1:${port}`, { rejectUnauthorized: false, origin: origin(i) });
+    const ws = new WebSocket(`wss://127.0.0.1:${port}`,
+      { rejectUnauthorized: false, origin: origin(i), localAddress: sourceAddress(i) });
     const timer = setTimeout(() => reject(new Error('open timed out')), OPEN_TIMEOUT_MS);
     ws.once('open', () => { clearTimeout(timer); resolve(ws); });
     ws.once('error', (e) => { clearTimeout(timer); reject(e); });

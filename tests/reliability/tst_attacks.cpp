@@ -1,13 +1,10 @@
-#include "../testsupport.h"
+#include "attacksupport.h"
+#include "connectionbudget.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
 #include "tlslistener.h"
 #include "tlsserversocket.h"
 
-#include <QDir>
-#include <QProcess>
-#include <QSslSocket>
-#include <QTemporaryDir>
 #include <QTimer>
 #include <QWebSocket>
 #include <QtTest>
@@ -20,48 +17,18 @@
 // this process at the scale of a real attack, over loopback only, while a
 // well-behaved client pings it every 100 ms. The attacks measure what the
 // manager holds and expect a newcomer still served.
+using namespace attacks;
 using namespace testsupport;
 
 namespace {
 
-using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
-
 constexpr qint64 MaxGrowthKb = 64 * 1024;
-
-int CountConnected(const Sockets &sockets)
-{
-    return int(std::count_if(sockets.begin(), sockets.end(), [](const auto &s) {
-        return s->state() == QAbstractSocket::ConnectedState;
-    }));
-}
 
 bool Settled(const Sockets &sockets)
 {
     return std::none_of(sockets.begin(), sockets.end(), [](const auto &s) {
         return s->state() == QAbstractSocket::ConnectingState || s->state() == QAbstractSocket::HostLookupState;
     });
-}
-
-// A session of its own, so that every such peer is listed.
-QByteArray Origin(const QByteArray &name)
-{
-    return "," + QUuid::createUuid().toByteArray() + ",," + name;
-}
-
-// A masked client frame whose header may declare more payload than follows.
-QByteArray Frame(quint8 opcode, const QByteArray &payload, quint64 declared, bool last = true)
-{
-    QByteArray frame;
-    frame.append(char((last ? 0x80 : 0) | opcode));
-    const int lengthBytes = declared < 126 ? 0 : declared < 65536 ? 2 : 8;
-    frame.append(char(0x80 | (lengthBytes == 0 ? int(declared) : lengthBytes == 2 ? 126 : 127)));
-    for (int shift = 8 * (lengthBytes - 1); shift >= 0; shift -= 8)
-        frame.append(char((declared >> shift) & 0xff));
-    const QByteArray mask("\x11\x22\x33\x44", 4);
-    frame.append(mask);
-    for (int i = 0; i < payload.size(); ++i)
-        frame.append(char(payload.at(i) ^ mask.at(i % 4)));
-    return frame;
 }
 
 } // namespace
@@ -84,20 +51,8 @@ private slots:
 
         port = FreePort();
         url = LocalUrl(port);
-        const QString program = dir.filePath(QStringLiteral("TarnSrv"));
-        QVERIFY(QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program));
-        QVERIFY(WriteFile(dir.filePath(QStringLiteral("TarnSrv.cfg")),
-                          QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(dir.path()).toUtf8()));
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), dir.filePath(QStringLiteral("instance.lock")));
-        manager.setProcessEnvironment(env);
-        // The log file holds what the checks read; nothing may block on a full pipe.
-        manager.setStandardOutputFile(QProcess::nullDevice());
-        manager.setStandardErrorFile(QProcess::nullDevice());
         // Headless, as a service runs it: on the event loop built for many connections.
-        manager.start(program, {QStringLiteral("--headless"), QStringLiteral("--start")});
-        QVERIFY(manager.waitForStarted());
+        QVERIFY(manager.Start(port));
 
         goodRecord.sessionUuid = QUuid::createUuid();
         goodRecord.guestName = QStringLiteral("Good");
@@ -107,8 +62,8 @@ private slots:
         pinger.start(100);
         QTRY_VERIFY(pings >= 3);
         longestSilenceMs = 0;
-        baselineRssKb = RssKb();
-        baselineFds = OpenFds();
+        baselineRssKb = manager.RssKb();
+        baselineFds = manager.OpenFds();
         qInfo("baseline: RSS %lld KiB, %d descriptors", baselineRssKb, baselineFds);
     }
 
@@ -116,8 +71,7 @@ private slots:
     {
         pinger.stop();
         good.Close();
-        manager.terminate();
-        manager.waitForFinished(5000);
+        manager.Stop();
     }
 
     // Every attack leaves the well-behaved client answered throughout: a pong may
@@ -131,24 +85,24 @@ private slots:
         QVERIFY2(longestSilenceMs < MaxSilenceMs, qPrintable(QString::number(longestSilenceMs)));
     }
 
-    // Connections that never finish their handshake: an address keeps at most
-    // its share and all together at most the budget, the oldest making room
-    // (the newcomer shares the first address), and no TLS state exists for a
-    // hello that has not arrived whole. What is not TLS, or announces more
-    // than a hello may be, is refused at once.
+    // Connections that never finish their handshake, from networks of their
+    // own: a network keeps at most its share and all together at most the
+    // budget, the biggest making room with its oldest, and no TLS state
+    // exists for a hello that has not arrived whole. What is not TLS, or
+    // announces more than a hello may be, is refused at once.
     void halfOpenHandshakes_data()
     {
         QTest::addColumn<int>("connections");
         QTest::addColumn<int>("addresses");
         QTest::addColumn<QByteArray>("opening");
         QTest::addColumn<int>("held");
-        const int share = TlsListener::MaxPendingPerAddress;
-        const int budget = TlsListener::MaxPending;
+        const int share = ConnectionBudget::MaxPendingPerNetwork;
+        const int budget = ConnectionBudget::MaxPending;
         const int many = 3000 * scale;
         const int spread = 12 * scale;
 
-        QTest::newRow("silent, one address at its share") << share << 1 << QByteArray() << share;
-        QTest::newRow("silent, one address one past its share") << share + 1 << 1 << QByteArray() << share;
+        QTest::newRow("silent, one network at its share") << share << 1 << QByteArray() << share;
+        QTest::newRow("silent, one network one past its share") << share + 1 << 1 << QByteArray() << share;
         QTest::newRow("silent, at the budget") << budget << 4 << QByteArray() << budget;
         QTest::newRow("silent, one past the budget") << budget + 1 << 4 << QByteArray() << budget;
         QTest::newRow("silent, many") << many << spread << QByteArray() << budget;
@@ -164,20 +118,20 @@ private slots:
         QFETCH(int, addresses);
         QFETCH(QByteArray, opening);
         QFETCH(int, held);
-        const qint64 before = RssKb();
+        const qint64 before = manager.RssKb();
 
         Sockets attackers;
         for (int i = 0; i < connections; ++i) {
             attackers.push_back(std::make_unique<QSslSocket>());
             QSslSocket *socket = attackers.back().get();
-            const int address = i % addresses;
-            socket->bind(QHostAddress(QStringLiteral("127.0.%1.%2").arg(address / 250).arg(1 + address % 250)));
+            socket->bind(QHostAddress(QStringLiteral("127.1.%1.1").arg(nextNetwork + i % addresses)));
             connect(socket, &QAbstractSocket::connected, socket, [socket, opening] { socket->write(opening); });
             socket->connectToHost(QHostAddress::LocalHost, port);
         }
+        nextNetwork += addresses;
         QTRY_VERIFY_WITH_TIMEOUT(Settled(attackers), 30000);
         QTest::qWait(500);
-        const qint64 grown = RssKb() - before;
+        const qint64 grown = manager.RssKb() - before;
         QTRY_COMPARE(CountConnected(attackers), held);
         QTRY_COMPARE(attackers.front()->state() == QAbstractSocket::ConnectedState, held == connections);
         qInfo("%d connections: %d held, manager grew by %lld KiB", connections, CountConnected(attackers), grown);
@@ -202,7 +156,7 @@ private slots:
         QFETCH(int, bytesPerRecord);
         QFETCH(int, closedWithinMs);
         const int count = 40 * scale;
-        const qint64 before = RssKb();
+        const qint64 before = manager.RssKb();
 
         Sockets peers;
         for (int i = 0; i < count; ++i) {
@@ -222,7 +176,7 @@ private slots:
                 peer->write(head.mid(sent % head.size(), bytesPerRecord));
             sent += bytesPerRecord;
             QTest::qWait(20);
-            peak = qMax(peak, RssKb());
+            peak = qMax(peak, manager.RssKb());
         }
         qInfo("%d bytes sent per peer, closed after %lld ms, manager grew by %lld KiB at most", sent,
               elapsed.elapsed(), peak - before);
@@ -269,12 +223,14 @@ private slots:
 
     void rapidConnectClose()
     {
-        // Plain connects that close at once, in batches, then full sessions.
+        // Plain connects that close at once, in batches, from a network of
+        // their own (they are faster than its rate), then full sessions.
         const int cycles = 10000 * scale;
         for (int done = 0; done < cycles; done += 100) {
             std::vector<std::unique_ptr<QTcpSocket>> batch;
             for (int i = 0; i < 100; ++i) {
                 batch.push_back(std::make_unique<QTcpSocket>());
+                batch.back()->bind(QHostAddress(QStringLiteral("127.2.0.1")));
                 batch.back()->connectToHost(QHostAddress::LocalHost, port);
             }
             QTRY_VERIFY(std::all_of(batch.begin(), batch.end(), [](const auto &s) {
@@ -297,16 +253,16 @@ private slots:
         constexpr int Pings = 20000;
         constexpr qint64 MaxLogGrowth = 64 * 1024;
         constexpr qint64 MaxFloodGrowthKb = 8 * 1024;
-        const qint64 rssBefore = RssKb();
-        const qint64 logBefore = LogFile().size();
+        const qint64 rssBefore = manager.RssKb();
+        const qint64 logBefore = manager.Log().size();
 
         auto flood = RawWebSocket(Origin("PingFlood"));
         QVERIFY(flood);
         flood->write(Frame(0x1, "Server ping", 11).repeated(Pings));
         QByteArray replies;
         QTRY_COMPARE_WITH_TIMEOUT(int((replies += flood->readAll()).count("Server pong")), Pings, 60000);
-        const qint64 rssAfter = RssKb();
-        const qint64 logGrowth = LogFile().size() - logBefore;
+        const qint64 rssAfter = manager.RssKb();
+        const qint64 logGrowth = manager.Log().size() - logBefore;
         qInfo("ping flood: log grew %lld bytes, RSS %lld KiB before, %lld KiB after", logGrowth, rssBefore, rssAfter);
         QVERIFY2(logGrowth < MaxLogGrowth, qPrintable(QString::number(logGrowth)));
         QVERIFY2(rssAfter - rssBefore < MaxFloodGrowthKb, qPrintable(QString::number(rssAfter - rssBefore)));
@@ -314,8 +270,8 @@ private slots:
         // Leaving writes out the count of this period.
         flood->abort();
         const QByteArray summaryStart = "Client PingFlood: ";
-        QTRY_VERIFY(LogFile().contains(summaryStart));
-        const QByteArray log = LogFile();
+        QTRY_VERIFY(manager.Log().contains(summaryStart));
+        const QByteArray log = manager.Log();
         int answered = log.count("Received ping request from client PingFlood, replied.");
         for (int at = log.indexOf(summaryStart); at >= 0; at = log.indexOf(summaryStart, at + 1))
             answered += log.mid(at + summaryStart.size(), 12).split(' ').value(0).toInt();
@@ -328,8 +284,8 @@ private slots:
     {
         const int flooders = 100 * scale;
         constexpr int PingsEach = 40000;
-        const qint64 before = RssKb();
-        const int fdsBefore = OpenFds();
+        const qint64 before = manager.RssKb();
+        const int fdsBefore = manager.OpenFds();
 
         const Sockets raw = NonReaders(flooders, "Flooder");
         QCOMPARE(int(raw.size()), flooders);
@@ -337,7 +293,7 @@ private slots:
         for (const auto &flooder : raw)
             flooder->write(pings);
         qint64 peak = before;
-        QTRY_VERIFY_WITH_TIMEOUT((peak = qMax(peak, RssKb()), OpenFds() <= fdsBefore), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT((peak = qMax(peak, manager.RssKb()), manager.OpenFds() <= fdsBefore), 60000);
         qInfo("%d flooders, %d pings each: manager grew by %lld KiB at most", flooders, PingsEach, peak - before);
         ExpectNewcomerServed();
         QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
@@ -365,8 +321,8 @@ private slots:
         QFETCH(int, readers);
         QFETCH(int, requests);
         QFETCH(qint64, maxGrowthKb);
-        const qint64 before = RssKb();
-        const int dropsBefore = int(LogFile().count("did not read what the server sent"));
+        const qint64 before = manager.RssKb();
+        const int dropsBefore = int(manager.Log().count("did not read what the server sent"));
 
         std::vector<std::unique_ptr<QWebSocket>> listed;
         for (int i = 0; i < listedIdle; ++i) {
@@ -389,11 +345,11 @@ private slots:
                     reader->write(batch);
             }
             QTest::qWait(50);
-            peak = qMax(peak, RssKb());
+            peak = qMax(peak, manager.RssKb());
         }
         for (int i = 0; i < 40; ++i) {
             QTest::qWait(100);
-            peak = qMax(peak, RssKb());
+            peak = qMax(peak, manager.RssKb());
         }
         ExpectNewcomerServed();
 
@@ -401,7 +357,7 @@ private slots:
         int dropped = 0;
         const QString cut = QString(256, QLatin1Char('n')) + QLatin1Char(',');
         QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body),
-                                  dropped = int(LogFile().count("did not read what the server sent")) - dropsBefore,
+                                  dropped = int(manager.Log().count("did not read what the server sent")) - dropsBefore,
                                   dropped > 0 && body.count(cut) == listedIdle + readers - dropped), 15000);
         QVERIFY(!body.contains(QString(257, QLatin1Char('n'))));
         qInfo("%d readers: manager grew by %lld KiB at most, %d dropped", readers, peak - before, dropped);
@@ -416,18 +372,18 @@ private slots:
         QString body;
         QTRY_VERIFY_WITH_TIMEOUT((good.RequestActiveClients(body),
                                   body == QStringLiteral("Good,%1,").arg(goodRecord.sessionUuid.toString())), 15000);
-        QTRY_VERIFY_WITH_TIMEOUT(OpenFds() <= baselineFds, 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(manager.OpenFds() <= baselineFds, 15000);
         QTest::qWait(2000);
-        const qint64 rss = RssKb();
+        const qint64 rss = manager.RssKb();
         qInfo("afterwards: RSS %lld KiB (baseline %lld KiB), %d descriptors (baseline %d), %d pings answered, "
               "%d late, longest silence %lld ms",
-              rss, baselineRssKb, OpenFds(), baselineFds, pings, latePings, longestSilenceMs);
+              rss, baselineRssKb, manager.OpenFds(), baselineFds, pings, latePings, longestSilenceMs);
         QVERIFY2(rss < baselineRssKb + 16 * 1024, "the manager kept memory after the attacks");
 
         const QByteArray late = "connections did not complete their handshake within 10 s and were closed.";
         const QByteArray displaced = "unfinished handshakes were closed to make room for newer ones.";
-        QTRY_VERIFY_WITH_TIMEOUT(LogFile().contains(late) && LogFile().contains(displaced), 12000);
-        const QByteArray html = LogFile();
+        QTRY_VERIFY_WITH_TIMEOUT(manager.Log().contains(late) && manager.Log().contains(displaced), 12000);
+        const QByteArray html = manager.Log();
         QVERIFY(html.count(late) + html.count(displaced) < 10);
         for (const char *markup : {"<script", "<b>", "<hr>", "<img"})
             QVERIFY2(!html.contains(markup), markup);
@@ -451,21 +407,6 @@ private:
         pinging = false;
     }
 
-    qint64 RssKb() const
-    {
-        const QByteArray status = FileBytes(QStringLiteral("/proc/%1/status").arg(manager.processId()));
-        const int at = status.indexOf("\nVmRSS:");
-        return at < 0 ? -1 : status.mid(at + 7, 20).simplified().split(' ').value(0).toLongLong();
-    }
-
-    int OpenFds() const
-    {
-        const QDir fds(QStringLiteral("/proc/%1/fd").arg(manager.processId()));
-        return int(fds.entryList(QDir::NoDotAndDotDot | QDir::System).size());
-    }
-
-    QByteArray LogFile() const { return FileBytes(dir.filePath(QStringLiteral("TarnSrvSvc.html"))); }
-
     // A TLS connection upgraded by hand, for frames no well-made client sends.
     std::unique_ptr<QSslSocket> RawWebSocket(const QByteArray &origin) const
     {
@@ -475,10 +416,7 @@ private:
         QSignalSpy encrypted(socket.get(), &QSslSocket::encrypted);
         if (!encrypted.wait(5000))
             return nullptr;
-        socket->write("GET / HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
-                      + "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
-                        "Origin: " + origin + "\r\n\r\n");
+        socket->write(UpgradeRequest(port, origin));
         QByteArray response;
         QElapsedTimer elapsed;
         elapsed.start();
@@ -515,8 +453,7 @@ private:
         qInfo("newcomer connected and pinged in %lld ms", elapsed.elapsed());
     }
 
-    QTemporaryDir dir;
-    QProcess manager;
+    Manager manager;
     quint16 port = 0;
     QUrl url;
     TarnClt good;
@@ -530,6 +467,8 @@ private:
     int scale = 1;
     qint64 baselineRssKb = 0;
     int baselineFds = 0;
+    // The next 127.1.x.0/24 an attack may use, fresh for each.
+    int nextNetwork = 0;
     static constexpr qint64 MaxSilenceMs = 10000;
 };
 

@@ -1,0 +1,284 @@
+#include "connectionbudget.h"
+
+#include <QHostAddress>
+#include <QtTest>
+
+#include <unordered_map>
+
+using Id = ConnectionBudget::Id;
+using Progress = ConnectionProgress;
+
+Q_DECLARE_METATYPE(Progress)
+
+namespace {
+
+ConnectionBudget::Groups Host(int network, int host)
+{
+    return ConnectionBudget::GroupsOf(QHostAddress(QStringLiteral("10.0.%1.%2").arg(network).arg(host)));
+}
+
+// A budget whose connections advance as the test says, behind its back: the
+// budget looks only when it chooses whom to close.
+struct Fixture
+{
+    std::unordered_map<Id, Progress> progress;
+    ConnectionBudget budget{[this](Id id) { return progress[id]; }};
+    Id next = 1;
+
+    ConnectionBudget::Outcome Admit(const ConnectionBudget::Groups &groups) { return budget.Admit(next++, groups); }
+
+    // count connections from the host, admitted without closing anyone.
+    bool Fill(const ConnectionBudget::Groups &groups, int count)
+    {
+        for (int i = 0; i < count; ++i) {
+            const auto outcome = Admit(groups);
+            if (!outcome.admitted || !outcome.displaced.empty() || !outcome.evicted.empty())
+                return false;
+        }
+        return true;
+    }
+
+    void Session(Id id)
+    {
+        progress[id] = Progress::Session;
+        budget.Advance(id, Progress::Session);
+    }
+};
+
+} // namespace
+
+class TestConnectionBudget : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void groups_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<bool>("sameHost");
+        QTest::addColumn<bool>("sameNetwork");
+
+        QTest::newRow("one /24") << "10.0.0.1" << "10.0.0.254" << false << true;
+        QTest::newRow("next /24") << "10.0.0.1" << "10.0.1.1" << false << false;
+        QTest::newRow("IPv4-mapped") << "::ffff:10.0.0.1" << "10.0.0.1" << true << true;
+        QTest::newRow("one /64") << "2001:db8::1" << "2001:db8::ffff:2" << true << true;
+        QTest::newRow("next /64") << "2001:db8::1" << "2001:db8:0:1::1" << false << false;
+        QTest::newRow("IPv4 against an IPv6 look-alike") << "0.0.0.1" << "::1" << false << false;
+    }
+
+    void groups()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(bool, sameHost);
+        QFETCH(bool, sameNetwork);
+        const auto first = ConnectionBudget::GroupsOf(QHostAddress(a));
+        const auto second = ConnectionBudget::GroupsOf(QHostAddress(b));
+        QCOMPARE(first.host == second.host, sameHost);
+        QCOMPARE(first.network == second.network, sameNetwork);
+    }
+
+    // A host at its share displaces its own least advanced unfinished
+    // connection; with sessions only, the newcomer is refused.
+    void hostShare_data()
+    {
+        QTest::addColumn<int>("held");
+        QTest::addColumn<bool>("sessions");
+        QTest::addColumn<bool>("admitted");
+        QTest::addColumn<int>("displaced");
+
+        const int share = ConnectionBudget::MaxPerHost;
+        QTest::newRow("one below the share") << share - 1 << false << true << 0;
+        QTest::newRow("at the share, unfinished") << share << false << true << 1;
+        QTest::newRow("one below the share, sessions") << share - 1 << true << true << 0;
+        QTest::newRow("at the share, sessions") << share << true << false << 0;
+    }
+
+    void hostShare()
+    {
+        QFETCH(int, held);
+        QFETCH(bool, sessions);
+        QFETCH(bool, admitted);
+        QFETCH(int, displaced);
+        Fixture f;
+        for (int i = 0; i < held; ++i) {
+            QVERIFY(f.Admit(Host(0, 1)).admitted);
+            if (sessions)
+                f.Session(f.next - 1);
+        }
+        const auto outcome = f.Admit(Host(0, 1));
+        QCOMPARE(outcome.admitted, admitted);
+        QCOMPARE(int(outcome.displaced.size()), displaced);
+        if (displaced)
+            QCOMPARE(outcome.displaced.front(), Id(1)); // the oldest
+        QVERIFY(f.budget.HeldBy(Host(0, 1).host) <= ConnectionBudget::MaxPerHost);
+    }
+
+    // Everyone together at the total: a newcomer from a host that holds less
+    // than the biggest costs the biggest its least advanced connection, a
+    // session if it has nothing else; one from the biggest pays itself.
+    void total_data()
+    {
+        QTest::addColumn<int>("limit");
+        QTest::addColumn<int>("newcomerHost");
+        QTest::addColumn<bool>("admitted");
+        QTest::addColumn<int>("evicted");
+        QTest::addColumn<int>("displaced");
+
+        // Host 1 holds 6 sessions, host 2 three unfinished connections.
+        QTest::newRow("below the total") << 10 << 3 << true << 0 << 0;
+        QTest::newRow("at the total, light newcomer") << 9 << 3 << true << 1 << 0;
+        QTest::newRow("at the total, from the second") << 9 << 2 << true << 1 << 0;
+        QTest::newRow("at the total, from the biggest") << 9 << 1 << false << 0 << 0;
+        QTest::newRow("no room at all") << 0 << 3 << false << 0 << 0;
+    }
+
+    void total()
+    {
+        QFETCH(int, limit);
+        QFETCH(int, newcomerHost);
+        QFETCH(bool, admitted);
+        QFETCH(int, evicted);
+        QFETCH(int, displaced);
+        Fixture f;
+        f.budget.SetTotalLimit(limit);
+        for (int i = 0; i < 6; ++i) {
+            f.Admit(Host(0, 1));
+            f.Session(f.next - 1);
+        }
+        for (int i = 0; i < 3; ++i)
+            f.Admit(Host(1, 2));
+        const int before = f.budget.Total();
+        const auto outcome = f.Admit(Host(newcomerHost - 1, newcomerHost));
+        QCOMPARE(outcome.admitted, admitted);
+        QCOMPARE(int(outcome.evicted.size()), evicted);
+        QCOMPARE(int(outcome.displaced.size()), displaced);
+        if (evicted)
+            QCOMPARE(outcome.evicted.front(), Id(1)); // host 1's oldest session
+        QVERIFY(f.budget.Total() <= qMax(limit, before));
+    }
+
+    // At the pending budget the network with the most unfinished connections
+    // gives up its least advanced one, as far as it has come by now; the
+    // oldest among equals, and one past TLS only when none in that network
+    // is short of it.
+    void pendingVictim_data()
+    {
+        QTest::addColumn<QList<Progress>>("heavy"); // the heavy network's first connections, oldest first
+        QTest::addColumn<Progress>("rest"); // of the heavy network
+        QTest::addColumn<int>("newcomerNetwork");
+        QTest::addColumn<int>("victim"); // index into heavy, -1: the first of the rest
+
+        using P = Progress;
+        QTest::newRow("no hello before hello") << QList<P>{P::HelloReceived, P::Connected} << P::Ready << 9 << 1;
+        QTest::newRow("hello before TLS up") << QList<P>{P::Secure, P::HelloReceived} << P::Ready << 9 << 1;
+        QTest::newRow("TLS up before ready") << QList<P>{P::Ready, P::Secure} << P::Ready << 9 << 1;
+        QTest::newRow("equals: the oldest") << QList<P>{P::Connected, P::Connected} << P::Connected << 9 << 0;
+        QTest::newRow("past TLS last") << QList<P>{P::Secure, P::Ready} << P::Connected << 9 << -1;
+        QTest::newRow("from the heavy network itself")
+            << QList<P>{P::HelloReceived, P::Connected} << P::Ready << 0 << 1;
+    }
+
+    void pendingVictim()
+    {
+        QFETCH(QList<Progress>, heavy);
+        QFETCH(Progress, rest);
+        QFETCH(int, newcomerNetwork);
+        QFETCH(int, victim);
+        Fixture f;
+        // Network 0 holds the most: its marked connections, then fillers.
+        const int perLight = 150;
+        const int heavyCount = ConnectionBudget::MaxPending - 4 * perLight;
+        QVERIFY(f.Fill(Host(0, 1), heavyCount));
+        for (int i = 0; i < heavyCount; ++i)
+            f.progress[Id(1 + i)] = heavy.value(i, rest);
+        for (int n = 1; n <= 4; ++n)
+            QVERIFY(f.Fill(Host(n, 1), perLight));
+        const auto outcome = f.Admit(Host(newcomerNetwork, 2));
+        QVERIFY(outcome.admitted);
+        QCOMPARE(int(outcome.displaced.size()), 1);
+        QCOMPARE(outcome.displaced.front(), Id(victim < 0 ? 1 + heavy.size() : 1 + victim));
+        QCOMPARE(f.budget.PendingIn(Host(0, 1).network), heavyCount - 1 + (newcomerNetwork == 0));
+        QCOMPARE(f.budget.Pending(), ConnectionBudget::MaxPending);
+    }
+
+    // One network at its share of the pending budget displaces its own, even
+    // when the budget has room; sessions no longer count against it.
+    void networkShare_data()
+    {
+        QTest::addColumn<int>("held");
+        QTest::addColumn<int>("sessions");
+        QTest::addColumn<int>("displaced");
+
+        const int share = ConnectionBudget::MaxPendingPerNetwork;
+        QTest::newRow("one below") << share - 1 << 0 << 0;
+        QTest::newRow("at the share") << share << 0 << 1;
+        QTest::newRow("at the share, one a session") << share << 1 << 0;
+    }
+
+    void networkShare()
+    {
+        QFETCH(int, held);
+        QFETCH(int, sessions);
+        QFETCH(int, displaced);
+        Fixture f;
+        for (int i = 0; i < held; ++i)
+            QVERIFY(f.Fill(Host(0, 1 + i % 250), 1));
+        for (int i = 0; i < sessions; ++i)
+            f.Session(Id(1 + i));
+        const auto outcome = f.Admit(Host(0, 251));
+        QCOMPARE(int(outcome.displaced.size()), displaced);
+        QVERIFY(f.budget.PendingIn(Host(0, 1).network) <= ConnectionBudget::MaxPendingPerNetwork);
+    }
+
+    // A network's burst, then its rate: past either its newcomer is refused,
+    // and another network is not affected.
+    void rate_data()
+    {
+        QTest::addColumn<int>("connects");
+        QTest::addColumn<int>("afterMs");
+        QTest::addColumn<bool>("admitted");
+
+        const int burst = ConnectionBudget::Burst;
+        const int tokenMs = 1000 / ConnectionBudget::RatePerSecond;
+        QTest::newRow("the burst") << burst - 1 << 0 << true;
+        QTest::newRow("one past the burst") << burst << 0 << false;
+        QTest::newRow("one token later") << burst << tokenMs << true;
+        QTest::newRow("just short of a token") << burst << tokenMs - 1 << false;
+    }
+
+    void rate()
+    {
+        QFETCH(int, connects);
+        QFETCH(int, afterMs);
+        QFETCH(bool, admitted);
+        ConnectionBudget budget([](Id) { return Progress::Connected; });
+        const quint64 network = Host(0, 1).network;
+        for (int i = 0; i < connects; ++i)
+            QVERIFY(budget.WithinRate(network, 0));
+        QCOMPARE(budget.WithinRate(network, afterMs), admitted);
+        QVERIFY(budget.WithinRate(Host(1, 1).network, afterMs));
+    }
+
+    // A network quiet for a whole burst's refill starts afresh; the forgetting
+    // does not hand anyone a second burst early.
+    void forgetQuietNetworks()
+    {
+        ConnectionBudget budget([](Id) { return Progress::Connected; });
+        const quint64 network = Host(0, 1).network;
+        for (int i = 0; i < ConnectionBudget::Burst; ++i)
+            budget.WithinRate(network, 0);
+        budget.ForgetQuietNetworks(500);
+        for (int i = 0; i < 500 * ConnectionBudget::RatePerSecond / 1000; ++i)
+            QVERIFY(budget.WithinRate(network, 500));
+        QVERIFY(!budget.WithinRate(network, 500));
+        const qint64 refilledMs = 500 + 1000 * ConnectionBudget::Burst / ConnectionBudget::RatePerSecond;
+        budget.ForgetQuietNetworks(refilledMs);
+        for (int i = 0; i < ConnectionBudget::Burst; ++i)
+            QVERIFY(budget.WithinRate(network, refilledMs));
+    }
+};
+
+QTEST_APPLESS_MAIN(TestConnectionBudget)
+#include "tst_connectionbudget.moc"

@@ -1,0 +1,177 @@
+#include "connectionbudget.h"
+
+#include <QHostAddress>
+
+namespace {
+
+// IPv4 groups get a prefix no IPv6 peer can have: ff00::/8 is multicast,
+// never the source of a connection.
+constexpr quint64 Ipv4Tag = Q_UINT64_C(0xffffffff00000000);
+
+bool IsPending(ConnectionProgress progress)
+{
+    return progress != ConnectionProgress::Session;
+}
+
+} // namespace
+
+ConnectionBudget::Groups ConnectionBudget::GroupsOf(const QHostAddress &address)
+{
+    bool isIpv4 = false;
+    const quint32 ipv4 = address.toIPv4Address(&isIpv4);
+    if (isIpv4)
+        return {Ipv4Tag | ipv4, Ipv4Tag | (ipv4 & 0xffffff00u)};
+    const Q_IPV6ADDR ipv6 = address.toIPv6Address();
+    quint64 prefix = 0;
+    for (int i = 0; i < 8; ++i)
+        prefix = (prefix << 8) | ipv6[i];
+    return {prefix, prefix};
+}
+
+ConnectionBudget::ConnectionBudget(ProgressOf progressOf) : progressOf(std::move(progressOf)) {}
+
+ConnectionBudget::Outcome ConnectionBudget::Admit(Id id, const Groups &groups)
+{
+    Outcome outcome;
+    outcome.admitted = MakeHostRoom(groups, outcome);
+    if (!outcome.admitted)
+        return outcome;
+    MakePendingRoom(groups, outcome);
+    const Entry entry{groups, ConnectionProgress::Connected, nextOrder++};
+    entries.emplace(id, entry);
+    hosts.Add(groups.host, RankOf(id, entry));
+    networks.Add(groups.network, RankOf(id, entry));
+    return outcome;
+}
+
+void ConnectionBudget::Advance(Id id, ConnectionProgress progress)
+{
+    const auto it = entries.find(id);
+    if (it != entries.end() && progress > it->second.progress)
+        Rerank(id, progress);
+}
+
+void ConnectionBudget::Remove(Id id)
+{
+    const auto it = entries.find(id);
+    if (it == entries.end())
+        return;
+    const Entry &entry = it->second;
+    hosts.Remove(entry.groups.host, RankOf(id, entry));
+    if (IsPending(entry.progress))
+        networks.Remove(entry.groups.network, RankOf(id, entry));
+    entries.erase(it);
+}
+
+void ConnectionBudget::ForgetQuietNetworks(qint64 nowMs)
+{
+    for (auto it = buckets.begin(); it != buckets.end();) {
+        const double refilled = it->second.tokens + double(nowMs - it->second.lastMs) * RatePerSecond / 1000;
+        it = refilled >= Burst ? buckets.erase(it) : std::next(it);
+    }
+}
+
+bool ConnectionBudget::WithinRate(quint64 network, qint64 nowMs)
+{
+    Bucket &bucket = buckets.emplace(network, Bucket{double(Burst), nowMs}).first->second;
+    const double elapsedMs = double(qMax<qint64>(0, nowMs - bucket.lastMs));
+    bucket.tokens = qMin<double>(Burst, bucket.tokens + elapsedMs * RatePerSecond / 1000);
+    bucket.lastMs = nowMs;
+    if (bucket.tokens < 1)
+        return false;
+    bucket.tokens -= 1;
+    return true;
+}
+
+// The newcomer's host at its share, or everyone together at the total: the
+// host that holds the most gives up its least advanced connection, unless
+// that is the newcomer's own and the connection a session, which is worth
+// more than a newcomer.
+bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
+{
+    const int own = hosts.Size(groups.host);
+    if (own >= MaxPerHost || (totalLimit >= 0 && hosts.Count() >= totalLimit)) {
+        const bool ownPays = own >= hosts.BiggestSize();
+        if (own == 0 && ownPays) // a total of nothing, where no one can pay
+            return false;
+        const quint64 payer = ownPays ? groups.host : hosts.Biggest();
+        const Id victim = LeastAdvanced(hosts, payer);
+        if (ownPays && !IsPending(entries.at(victim).progress))
+            return false;
+        (ownPays ? outcome.displaced : outcome.evicted).push_back(victim);
+        Remove(victim);
+    }
+    return true;
+}
+
+// The newcomer's network at its share pays itself; at the overall budget,
+// the network with the most unfinished connections pays, the newcomer's own
+// on a tie.
+void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
+{
+    quint64 payer = groups.network;
+    if (networks.Size(groups.network) < MaxPendingPerNetwork) {
+        if (networks.Count() < MaxPending)
+            return;
+        if (networks.Size(groups.network) < networks.BiggestSize())
+            payer = networks.Biggest();
+    }
+    const Id victim = LeastAdvanced(networks, payer);
+    outcome.displaced.push_back(victim);
+    Remove(victim);
+}
+
+// The group's least advanced connection, by the progress it has now.
+ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, quint64 group)
+{
+    for (;;) {
+        const Rank least = ledger.Least(group);
+        const Id id = std::get<2>(least);
+        const ConnectionProgress now = progressOf(id);
+        if (now <= std::get<0>(least))
+            return id;
+        Rerank(id, now);
+    }
+}
+
+void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)
+{
+    Entry &entry = entries.at(id);
+    hosts.Remove(entry.groups.host, RankOf(id, entry));
+    if (IsPending(entry.progress))
+        networks.Remove(entry.groups.network, RankOf(id, entry));
+    entry.progress = progress;
+    hosts.Add(entry.groups.host, RankOf(id, entry));
+    if (IsPending(progress))
+        networks.Add(entry.groups.network, RankOf(id, entry));
+}
+
+void ConnectionBudget::Ledger::Add(quint64 group, const Rank &rank)
+{
+    std::set<Rank> &set = members[group];
+    if (!set.empty())
+        bySize.erase({int(set.size()), group});
+    set.insert(rank);
+    bySize.insert({int(set.size()), group});
+    ++count;
+}
+
+void ConnectionBudget::Ledger::Remove(quint64 group, const Rank &rank)
+{
+    const auto it = members.find(group);
+    if (it == members.end() || it->second.erase(rank) == 0)
+        return;
+    const int size = int(it->second.size());
+    bySize.erase({size + 1, group});
+    if (size > 0)
+        bySize.insert({size, group});
+    else
+        members.erase(it);
+    --count;
+}
+
+int ConnectionBudget::Ledger::Size(quint64 group) const
+{
+    const auto it = members.find(group);
+    return it == members.end() ? 0 : int(it->second.size());
+}

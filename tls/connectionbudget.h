@@ -1,0 +1,145 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <functional>
+#include <set>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+class QHostAddress;
+
+// How far a connection has come; a budget that must close one closes the
+// least advanced.
+enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session };
+
+// The listener's bookkeeping of who holds which connections, so that a peer
+// with a few addresses cannot take the room of everyone else.
+//
+// Two kinds of address group:
+// - the host (IPv4 /32, IPv6 /64): a machine may run hundreds of clients, so
+//   it gets MaxPerHost connections, sessions and unfinished ones together;
+// - the network (IPv4 /24, IPv6 /64): what one peer can cheaply claim to be.
+//   Unfinished connections (accepted, not taken over yet) are counted per
+//   network, and each network has its own rate of new connections.
+//
+// When a budget is full, whoever holds the most pays, with its least
+// advanced connection (ties: the oldest): a newcomer from a lighter group is
+// never the one refused. The numbers:
+// - MaxPerHost 512: a terminal server with hundreds of users fits; one host
+//   then holds about 14 MB of idle sessions (about 27 kB each).
+// - MaxPending 1,000 and MaxPendingPerNetwork 512: a handshake is a few
+//   kilobytes, and no real network has hundreds in flight for seconds.
+// - Rate 100 a second, burst 1,000 per network: a burst as large as the
+//   whole pending budget lets a classroom start at once; a handshake costs
+//   about 1 ms of CPU, so one network's churn costs at most a tenth of a core.
+//   Past it, the newcomer is closed at once, before any TLS work (the caller
+//   asks WithinRate before it makes anything for the connection).
+//
+// Every operation is O(log n): no walk over the connections per accept. A
+// connection's progress is looked at only when it is a candidate for closing
+// (it only ever grows, so a stale rank is fixed on the way).
+class ConnectionBudget
+{
+public:
+    using Id = quintptr;
+    using ProgressOf = std::function<ConnectionProgress(Id)>;
+
+    static constexpr int MaxPerHost = 512;
+    static constexpr int MaxPending = 1000;
+    static constexpr int MaxPendingPerNetwork = 512;
+    static constexpr int RatePerSecond = 100;
+    static constexpr int Burst = 1000;
+
+    struct Groups
+    {
+        quint64 host;
+        quint64 network;
+    };
+    static Groups GroupsOf(const QHostAddress &address);
+
+    // What Admit decided, and whom it closed to make room: Abort them.
+    struct Outcome
+    {
+        // False: refused, its host holding its share or the most at the total.
+        bool admitted = true;
+        // For the pending budgets, and for the newcomer's own host share.
+        std::vector<Id> displaced;
+        // For the total: from the host that holds the most.
+        std::vector<Id> evicted;
+    };
+
+    explicit ConnectionBudget(ProgressOf progressOf);
+
+    // -1: no limit on all connections together (sessions and unfinished).
+    void SetTotalLimit(int limit) { totalLimit = limit; }
+
+    // Takes one of the network's new connections at nowMs (a steady clock);
+    // false when it has none left.
+    bool WithinRate(quint64 network, qint64 nowMs);
+    // A new connection, within its network's rate; when refused, it was not
+    // counted.
+    Outcome Admit(Id id, const Groups &groups);
+    // It reached a stage the listener sees (Ready, or Session on takeover).
+    void Advance(Id id, ConnectionProgress progress);
+    // It ended; unknown ones are ignored.
+    void Remove(Id id);
+    // Forgets the rate of networks that have been quiet long enough to have
+    // their whole burst again; call now and then.
+    void ForgetQuietNetworks(qint64 nowMs);
+
+    int Total() const { return hosts.Count(); }
+    int Pending() const { return networks.Count(); }
+    int HeldBy(quint64 host) const { return hosts.Size(host); }
+    int PendingIn(quint64 network) const { return networks.Size(network); }
+
+private:
+    struct Entry
+    {
+        Groups groups;
+        ConnectionProgress progress;
+        quint64 order;
+    };
+    using Rank = std::tuple<ConnectionProgress, quint64, Id>;
+
+    // Members of each group by rank, and the groups by size.
+    class Ledger
+    {
+    public:
+        void Add(quint64 group, const Rank &rank);
+        void Remove(quint64 group, const Rank &rank);
+        int Size(quint64 group) const;
+        int Count() const { return count; }
+        // The group with the most members; the empty ledger has none.
+        quint64 Biggest() const { return bySize.rbegin()->second; }
+        int BiggestSize() const { return bySize.empty() ? 0 : bySize.rbegin()->first; }
+        const Rank &Least(quint64 group) const { return *members.at(group).begin(); }
+
+    private:
+        std::unordered_map<quint64, std::set<Rank>> members;
+        std::set<std::pair<int, quint64>> bySize;
+        int count = 0;
+    };
+
+    struct Bucket
+    {
+        double tokens;
+        qint64 lastMs;
+    };
+
+    bool MakeHostRoom(const Groups &groups, Outcome &outcome);
+    void MakePendingRoom(const Groups &groups, Outcome &outcome);
+    Id LeastAdvanced(Ledger &ledger, quint64 group);
+    void Rerank(Id id, ConnectionProgress progress);
+    Rank RankOf(Id id, const Entry &entry) const { return Rank(entry.progress, entry.order, id); }
+
+    ProgressOf progressOf;
+    int totalLimit = -1;
+    quint64 nextOrder = 0;
+    std::unordered_map<Id, Entry> entries;
+    Ledger hosts;
+    // Unfinished connections only.
+    Ledger networks;
+    std::unordered_map<quint64, Bucket> buckets;
+};
