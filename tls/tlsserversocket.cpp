@@ -3,6 +3,7 @@
 #include "clienthello.h"
 #include "socketio.h"
 
+#include <QElapsedTimer>
 #include <QEvent>
 #include <QSocketNotifier>
 #include <QTimer>
@@ -10,6 +11,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -19,9 +21,9 @@ namespace {
 // one busy peer cannot keep the others waiting.
 constexpr int ChunkBytes = 16 * 1024;
 constexpr int ReadsPerWake = 4;
-// Reading stops while this much waits for a peer that does not read (alerts
-// and key updates are answered without the application), or while this much
-// decrypted input waits for the application.
+// Reading stops while this much encrypted output waits for a peer that does
+// not read (alerts and key updates are answered without the application), or
+// while this much decrypted input waits for the application.
 constexpr qint64 MaxQueuedOutput = 256 * 1024;
 constexpr qint64 MaxUnreadPlaintext = 256 * 1024;
 // A closing connection whose peer does not take its last bytes is dropped then.
@@ -30,6 +32,14 @@ constexpr int CloseDeadlineMs = 10000;
 bool WantsMore(int error)
 {
     return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+}
+
+qint64 NowMs()
+{
+    static QElapsedTimer clock;
+    if (!clock.isValid())
+        clock.start();
+    return clock.elapsed();
 }
 
 // Calls its socket straight from the event: a connection to activated()
@@ -84,7 +94,9 @@ TlsServerSocket::~TlsServerSocket()
         SocketIo::Close(descriptor);
     }
     SSL_free(ssl);
-    pool->used -= pooled;
+    queue.Clear();
+    pool->Charge(-pooled);
+    pool->SetHolding(this, false);
     // The base destructor would otherwise close an open socket through its own code.
     setSocketState(UnconnectedState);
 }
@@ -101,8 +113,13 @@ void TlsServerSocket::StartSession()
     started = true;
     // The handshake's peek at the request head went through QIODevice's
     // buffer even so, which kept its 16 kB block; opening afresh drops it.
-    if (QIODevice::bytesAvailable() == 0)
+    // What it holds past the head is the start of the first frames.
+    if (QIODevice::bytesAvailable() == 0) {
         QIODevice::open(openMode());
+    } else {
+        const QByteArray ahead = QIODevice::peek(QIODevice::bytesAvailable());
+        frames.Consume(ahead.constData(), ahead.size());
+    }
     UpdateReading();
     if (!plaintext.isEmpty())
         emit readyRead();
@@ -110,12 +127,12 @@ void TlsServerSocket::StartSession()
 
 qint64 TlsServerSocket::bytesToWrite() const
 {
-    return unencrypted.size() + encrypted.size();
+    return queue.Size() + encrypted.size();
 }
 
 qint64 TlsServerSocket::bytesAvailable() const
 {
-    return isOpen() ? QTcpSocket::bytesAvailable() + plaintext.size() : 0;
+    return isOpen() ? QTcpSocket::bytesAvailable() + Offered() : 0;
 }
 
 bool TlsServerSocket::canReadLine() const
@@ -135,15 +152,12 @@ void TlsServerSocket::disconnectFromHost()
 {
     if (descriptor < 0 || closing)
         return;
-    if (!ready) {
+    if (!ready || evicted) {
         Finish();
         return;
     }
-    EncryptPending();
     closing = true;
     readNotifier->setEnabled(false);
-    ERR_clear_error();
-    SSL_shutdown(ssl);
     WriteToPeer();
     if (descriptor >= 0)
         QTimer::singleShot(CloseDeadlineMs, this, &TlsServerSocket::Abort);
@@ -151,10 +165,12 @@ void TlsServerSocket::disconnectFromHost()
 
 qint64 TlsServerSocket::readData(char *data, qint64 maxSize)
 {
-    const qint64 size = qMin(maxSize, qint64(plaintext.size()));
+    const qint64 size = qMin(maxSize, Offered());
     if (size == 0)
         return descriptor >= 0 ? 0 : -1;
     std::memcpy(data, plaintext.constData(), size_t(size));
+    if (started)
+        frames.Consume(data, size);
     if (size == plaintext.size())
         plaintext.clear(); // gives the memory back, which remove() keeps
     else
@@ -167,20 +183,121 @@ qint64 TlsServerSocket::readData(char *data, qint64 maxSize)
 // then goes out in a few full records instead of one record each.
 qint64 TlsServerSocket::writeData(const char *data, qint64 size)
 {
-    if (!ready || closing || descriptor < 0)
+    if (!ready || closing || evicted || descriptor < 0 || !Admit(size, nullptr))
         return -1;
-    const qint64 after = bytesToWrite() + size;
-    const qint64 fromPool = qMax<qint64>(0, after - OwnUnsentBytes) - pooled;
-    if (after > unsentLimit || pool->used + fromPool > UnsentPool::Capacity) {
-        emit UnsentOverrun();
-        Finish();
-        return -1;
-    }
-    if (unencrypted.isEmpty() && size > 0)
+    if (queue.IsEmpty() && size > 0)
         QMetaObject::invokeMethod(this, &TlsServerSocket::EncryptPending, Qt::QueuedConnection);
-    unencrypted.append(data, int(size));
+    queue.Append(data, size);
     AccountUnsent();
     return size;
+}
+
+bool TlsServerSocket::SendText(const QByteArray &utf8, quint64 frameSize)
+{
+    const qint64 total = utf8.size();
+    const qint64 step = qint64(qBound<quint64>(1, frameSize, quint64(total > 0 ? total : 1)));
+    // A server frame's header takes at most 10 bytes.
+    const qint64 headers = qMax<qint64>(1, (total + step - 1) / step) * 10;
+    if (!ready || closing || evicted || descriptor < 0 || !Admit(headers, &utf8))
+        return false;
+    if (queue.IsEmpty())
+        QMetaObject::invokeMethod(this, &TlsServerSocket::EncryptPending, Qt::QueuedConnection);
+    qint64 begin = 0;
+    do {
+        const qint64 end = qMin(total, begin + step);
+        const QByteArray header =
+            WsFrames::ServerHeader(begin == 0 ? WsFrames::Text : WsFrames::Continuation, end == total, quint64(end - begin));
+        queue.Append(header.constData(), header.size());
+        queue.AppendShared(utf8, begin, end);
+        begin = end;
+    } while (begin < total);
+    AccountUnsent();
+    return true;
+}
+
+// What the WebSocket layer may take: all the input, except while this
+// connection is backlogged, when the frame it has begun is the last.
+qint64 TlsServerSocket::Offered() const
+{
+    if (!started || !Backlogged())
+        return plaintext.size();
+    return frames.RestOfFrame(plaintext.constData(), plaintext.size());
+}
+
+void TlsServerSocket::Resume()
+{
+    if (descriptor >= 0 && !closing && !evicted && Offered() > 0)
+        emit readyRead();
+}
+
+// Whether ownBytes more of this connection's own, and shared if it is given,
+// may wait; when they may not, the connection has ended.
+bool TlsServerSocket::Admit(qint64 ownBytes, const QByteArray *shared)
+{
+    const qint64 sharedBytes = shared ? shared->size() : 0;
+    if (bytesToWrite() + ownBytes + sharedBytes > unsentLimit)
+        return Overrun(false);
+    const qint64 own = queue.OwnBytes() + encrypted.size() + ownBytes;
+    qint64 needed = qMax<qint64>(0, own - OwnUnsentBytes) - pooled;
+    if (shared && !pool->Holds(*shared))
+        needed += sharedBytes;
+    if (pool->Used() + needed <= UnsentPool::Capacity || MakeRoom(needed))
+        return true;
+    return Overrun(true);
+}
+
+// Ends the connections that have held the most for the longest until needed
+// bytes fit; false when this one would have been next. Only an overflow walks
+// the holders, and each one it walks past ends.
+bool TlsServerSocket::MakeRoom(qint64 needed)
+{
+    QList<TlsServerSocket *> holders = pool->Holders();
+    std::sort(holders.begin(), holders.end(),
+              [](const TlsServerSocket *a, const TlsServerSocket *b) { return a->Stuck() > b->Stuck(); });
+    for (TlsServerSocket *holder : qAsConst(holders)) {
+        if (pool->Used() + needed <= UnsentPool::Capacity)
+            return true;
+        if (holder == this)
+            return false;
+        holder->Evict();
+    }
+    return pool->Used() + needed <= UnsentPool::Capacity;
+}
+
+bool TlsServerSocket::Overrun(bool poolFull)
+{
+    emit UnsentOverrun(bytesToWrite(), poolFull);
+    Finish();
+    return false;
+}
+
+// Gives back at once what another connection's write needs, and ends once the
+// event loop runs: the writer may be walking the very list this one is in.
+void TlsServerSocket::Evict()
+{
+    const qint64 held = bytesToWrite();
+    evicted = true;
+    readNotifier->setEnabled(false);
+    if (writeNotifier)
+        writeNotifier->setEnabled(false);
+    queue.Clear();
+    encrypted.clear();
+    plaintext.clear();
+    AccountUnsent();
+    QMetaObject::invokeMethod(
+        this,
+        [this, held] {
+            emit UnsentOverrun(held, true);
+            Finish();
+        },
+        Qt::QueuedConnection);
+}
+
+// Bytes held times the milliseconds since the peer last took any: a peer that
+// reads has little of either, one that never reads gains both.
+qint64 TlsServerSocket::Stuck() const
+{
+    return bytesToWrite() * (1 + NowMs() - progressMs);
 }
 
 void TlsServerSocket::ReadFromPeer()
@@ -302,69 +419,107 @@ void TlsServerSocket::CheckRequestHead(qint64 before)
 
 void TlsServerSocket::EncryptPending()
 {
-    if (!secure || unencrypted.isEmpty() || descriptor < 0)
-        return;
-    // The BIO never pushes back, so everything is taken at once.
-    ERR_clear_error();
-    const bool taken = SSL_write(ssl, unencrypted.constData(), unencrypted.size()) > 0;
-    unencrypted.clear();
-    if (!taken) {
-        Finish();
-        return;
-    }
-    WriteToPeer();
+    if (secure && !evicted)
+        WriteToPeer();
 }
 
-// Straight to the system; what it does not take waits for the write notifier.
+// Straight to the system, encrypting as it takes; what it does not take
+// waits for the write notifier.
 void TlsServerSocket::WriteToPeer()
 {
     if (descriptor < 0)
         return;
-    // Until the system has no room: Windows signals room again only after a
-    // send that found none.
-    while (!encrypted.isEmpty()) {
-        const qint64 sent = SocketIo::Send(descriptor, encrypted.constData(), encrypted.size());
-        if (sent == SocketIo::WouldBlock)
-            break;
-        if (sent <= 0) {
-            // The caller may still be working on this connection: end it afterwards.
-            encrypted.clear();
-            AccountUnsent();
-            QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
-            return;
-        }
-        if (sent == encrypted.size())
-            encrypted.clear();
-        else
-            encrypted.remove(0, int(sent));
-    }
+    do
+        TopUp();
+    while (descriptor >= 0 && SendEncrypted() && !queue.IsEmpty());
+    if (descriptor < 0)
+        return;
     AccountUnsent();
     const bool waiting = !encrypted.isEmpty();
     if (waiting && !writeNotifier)
         writeNotifier = new DirectNotifier(descriptor, QSocketNotifier::Write, this, &TlsServerSocket::WriteToPeer);
     if (writeNotifier)
         writeNotifier->setEnabled(waiting);
-    if (!waiting && closing)
+    if (!waiting && shutDown)
         Finish();
     else
         UpdateReading();
 }
 
+// Encrypts what waits until about a share is ahead of the system; the
+// close_notify goes once nothing waits any more.
+void TlsServerSocket::TopUp()
+{
+    if (!secure || shutDown)
+        return;
+    char record[ChunkBytes];
+    while (!queue.IsEmpty() && encrypted.size() < OwnUnsentBytes) {
+        const qint64 size = queue.Take(record, sizeof record);
+        ERR_clear_error();
+        // The BIO never pushes back, so every record is taken whole.
+        if (SSL_write(ssl, record, int(size)) <= 0) {
+            Finish();
+            return;
+        }
+    }
+    if (closing && queue.IsEmpty()) {
+        shutDown = true;
+        ERR_clear_error();
+        SSL_shutdown(ssl);
+    }
+}
+
+// True when the system took everything encrypted. Until it has no room:
+// Windows signals room again only after a send that found none.
+bool TlsServerSocket::SendEncrypted()
+{
+    while (!encrypted.isEmpty()) {
+        const qint64 taken = SocketIo::Send(descriptor, encrypted.constData(), encrypted.size());
+        if (taken == SocketIo::WouldBlock)
+            return false;
+        if (taken <= 0) {
+            // The caller may still be working on this connection: end it afterwards.
+            encrypted.clear();
+            queue.Clear();
+            QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
+            return false;
+        }
+        sent += taken;
+        progressMs = NowMs();
+        if (taken == encrypted.size())
+            encrypted.clear();
+        else
+            encrypted.remove(0, int(taken));
+    }
+    return true;
+}
+
 void TlsServerSocket::UpdateReading()
 {
-    if (descriptor < 0 || closing)
+    if (descriptor < 0 || closing || evicted)
         return;
     const bool waitingForSession = ready && !started;
     readNotifier->setEnabled(!waitingForSession && encrypted.size() <= MaxQueuedOutput
                              && plaintext.size() <= MaxUnreadPlaintext);
 }
 
-// Keeps the pool's count of what this connection holds beyond its own share.
+// Keeps the pool's count of what this connection holds of its own beyond
+// its share, and its list of holders; input held back resumes once the
+// backlog is gone.
 void TlsServerSocket::AccountUnsent()
 {
-    const qint64 beyondShare = qMax<qint64>(0, bytesToWrite() - OwnUnsentBytes);
-    pool->used += beyondShare - pooled;
+    const qint64 beyondShare = qMax<qint64>(0, queue.OwnBytes() + encrypted.size() - OwnUnsentBytes);
+    pool->Charge(beyondShare - pooled);
     pooled = beyondShare;
+    const bool nowHolding = bytesToWrite() > 0;
+    if (nowHolding != holding) {
+        holding = nowHolding;
+        pool->SetHolding(this, holding);
+        progressMs = NowMs();
+    }
+    const bool wasBacklogged = std::exchange(backlogged, Backlogged());
+    if (wasBacklogged && !backlogged && started && !plaintext.isEmpty())
+        QMetaObject::invokeMethod(this, &TlsServerSocket::Resume, Qt::QueuedConnection);
 }
 
 void TlsServerSocket::Finish()
@@ -377,7 +532,7 @@ void TlsServerSocket::Finish()
     SocketIo::Close(descriptor);
     descriptor = -1;
     hello.clear();
-    unencrypted.clear();
+    queue.Clear();
     encrypted.clear();
     AccountUnsent();
     if (state() != UnconnectedState) {
