@@ -1,0 +1,161 @@
+#pragma once
+
+// What the reliability tests share: the real manager in a private folder, and
+// peers that speak WebSocket by hand, for frames and habits no well-made
+// client has. Loopback only.
+#include "../testsupport.h"
+
+#include <QDir>
+#include <QHostAddress>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QSslSocket>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <arpa/inet.h>
+#include <memory>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace attackpeers {
+
+// Every descriptor the system allows, for this process and the manager it starts.
+inline rlim_t RaiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 0;
+    limit.rlim_cur = limit.rlim_max;
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+}
+
+#ifdef TARN_MANAGER_PATH
+// The headless manager, as a service runs it, logging into folder.
+inline bool StartManager(QProcess &manager, const QTemporaryDir &folder, quint16 port)
+{
+    const QString program = folder.filePath(QStringLiteral("TarnSrv"));
+    if (!QFile::copy(QStringLiteral(TARN_MANAGER_PATH), program)
+        || !testsupport::WriteFile(folder.filePath(QStringLiteral("TarnSrv.cfg")),
+                                   QStringLiteral("PortNr = %1\nLoggingFolder = %2\n").arg(port).arg(folder.path()).toUtf8()))
+        return false;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), folder.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("TARN_INSTANCE_LOCK"), folder.filePath(QStringLiteral("instance.lock")));
+    manager.setProcessEnvironment(env);
+    // The log file holds what the checks read; nothing may block on a full pipe.
+    manager.setStandardOutputFile(QProcess::nullDevice());
+    manager.setStandardErrorFile(QProcess::nullDevice());
+    manager.start(program, {QStringLiteral("--headless"), QStringLiteral("--start")});
+    return manager.waitForStarted();
+}
+#endif
+
+inline QByteArray ManagerLog(const QTemporaryDir &folder)
+{
+    return testsupport::FileBytes(folder.filePath(QStringLiteral("TarnSrvSvc.html")));
+}
+
+inline qint64 RssKb(const QProcess &process)
+{
+    const QByteArray status = testsupport::FileBytes(QStringLiteral("/proc/%1/status").arg(process.processId()));
+    const int at = status.indexOf("\nVmRSS:");
+    return at < 0 ? -1 : status.mid(at + 7, 20).simplified().split(' ').value(0).toLongLong();
+}
+
+inline int OpenFds(const QProcess &process)
+{
+    const QDir fds(QStringLiteral("/proc/%1/fd").arg(process.processId()));
+    return int(fds.entryList(QDir::NoDotAndDotDot | QDir::System).size());
+}
+
+// A session of its own, so that every such peer is listed.
+inline QByteArray Origin(const QByteArray &name)
+{
+    return "," + QUuid::createUuid().toByteArray() + ",," + name;
+}
+
+// A masked client frame whose header may declare more payload than follows.
+inline QByteArray Frame(quint8 opcode, const QByteArray &payload, quint64 declared, bool last = true)
+{
+    QByteArray frame;
+    frame.append(char((last ? 0x80 : 0) | opcode));
+    const int lengthBytes = declared < 126 ? 0 : declared < 65536 ? 2 : 8;
+    frame.append(char(0x80 | (lengthBytes == 0 ? int(declared) : lengthBytes == 2 ? 126 : 127)));
+    for (int shift = 8 * (lengthBytes - 1); shift >= 0; shift -= 8)
+        frame.append(char((declared >> shift) & 0xff));
+    const QByteArray mask("\x11\x22\x33\x44", 4);
+    frame.append(mask);
+    for (int i = 0; i < payload.size(); ++i)
+        frame.append(char(payload.at(i) ^ mask.at(i % 4)));
+    return frame;
+}
+
+inline QByteArray TextFrame(const QByteArray &text)
+{
+    return Frame(0x1, text, quint64(text.size()));
+}
+
+// A loopback connection to port, from the given address when there is one,
+// with that receive buffer when it is not 0; -1 when it failed.
+inline int ConnectedDescriptor(quint16 port, const QHostAddress &from, int receiveBuffer)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(from.isNull() ? INADDR_LOOPBACK : from.toIPv4Address());
+    sockaddr_in remote{};
+    remote.sin_family = AF_INET;
+    remote.sin_port = htons(port);
+    remote.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool ready = (receiveBuffer == 0
+                        || ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer) == 0)
+        && ::bind(fd, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0
+        && ::connect(fd, reinterpret_cast<const sockaddr *>(&remote), sizeof remote) == 0;
+    if (!ready) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A TLS connection upgraded by hand, from the given loopback address when
+// there is one, with a receive buffer of that many bytes when it is not 0
+// (set before connecting, so that the window the peer announces is small).
+inline std::unique_ptr<QSslSocket> RawWebSocket(quint16 port, const QByteArray &origin,
+                                                const QHostAddress &from = QHostAddress(), int receiveBuffer = 0)
+{
+    auto socket = std::make_unique<QSslSocket>();
+    socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+    QSignalSpy encrypted(socket.get(), &QSslSocket::encrypted);
+    if (from.isNull() && receiveBuffer == 0) {
+        socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+    } else {
+        // QSslSocket binds and sets options on a socket of its own, not on
+        // the one it connects with: the descriptor is made here instead.
+        const int fd = ConnectedDescriptor(port, from, receiveBuffer);
+        if (fd < 0 || !socket->setSocketDescriptor(fd))
+            return nullptr;
+        socket->startClientEncryption();
+    }
+    if (!encrypted.wait(5000))
+        return nullptr;
+    socket->write("GET / HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port)
+                  + "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                    "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
+                    "Origin: " + origin + "\r\n\r\n");
+    QByteArray response;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (!response.contains("\r\n\r\n") && elapsed.elapsed() < 5000) {
+        QTest::qWait(10);
+        response += socket->readAll();
+    }
+    return response.startsWith("HTTP/1.1 101") ? std::move(socket) : nullptr;
+}
+
+} // namespace attackpeers
