@@ -241,7 +241,7 @@ bool TlsServerSocket::Admit(qint64 ownBytes, const QByteArray *shared)
     qint64 needed = qMax<qint64>(0, own - OwnUnsentBytes) - pooled;
     if (shared && !pool->Holds(*shared))
         needed += sharedBytes;
-    if (pool->Used() + needed <= UnsentPool::Capacity || MakeRoom(needed))
+    if (pool->Used() + needed <= pool->Capacity() || MakeRoom(needed))
         return true;
     return Overrun(true);
 }
@@ -255,13 +255,13 @@ bool TlsServerSocket::MakeRoom(qint64 needed)
     std::sort(holders.begin(), holders.end(),
               [](const TlsServerSocket *a, const TlsServerSocket *b) { return a->Stuck() > b->Stuck(); });
     for (TlsServerSocket *holder : qAsConst(holders)) {
-        if (pool->Used() + needed <= UnsentPool::Capacity)
+        if (pool->Used() + needed <= pool->Capacity())
             return true;
         if (holder == this)
             return false;
         holder->Evict();
     }
-    return pool->Used() + needed <= UnsentPool::Capacity;
+    return pool->Used() + needed <= pool->Capacity();
 }
 
 bool TlsServerSocket::Overrun(bool poolFull)

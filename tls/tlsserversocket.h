@@ -119,7 +119,7 @@ private:
     qint64 progressMs = 0;
     // What this connection takes from the pool now.
     qint64 pooled = 0;
-    qint64 unsentLimit = OwnUnsentBytes + UnsentPool::Capacity;
+    qint64 unsentLimit = OwnUnsentBytes + UnsentPool::DefaultCapacity;
     bool secure = false;
     bool ready = false;
     bool started = false;

@@ -16,14 +16,17 @@ class TlsServerSocket;
 // (TlsServerSocket::OwnUnsentBytes, all of it encrypted), the record being
 // encrypted past it, and whatever one request's answer is: it is not read
 // from while more than its share waits. What all of them hold beyond their
-// shares, shared answers included, stays under Capacity; when a write would
+// shares, shared answers included, stays under its capacity; when a write would
 // pass it, the connections that have held the most for the longest are
 // dropped to make room.
 class UnsentPool
 {
 public:
-    static constexpr qint64 Capacity = 32 * 1024 * 1024;
+    static constexpr qint64 DefaultCapacity = 32 * 1024 * 1024;
 
+    explicit UnsentPool(qint64 capacity = DefaultCapacity) : capacity(capacity) {}
+
+    qint64 Capacity() const { return capacity; }
     qint64 Used() const { return owned + sharedBytes; }
     // What one connection holds of its own beyond its share changed by delta.
     void Charge(qint64 delta) { owned += delta; }
@@ -43,6 +46,7 @@ private:
         qint64 size = 0;
         int parts = 0;
     };
+    qint64 capacity;
     qint64 owned = 0;
     qint64 sharedBytes = 0;
     // Keyed by the buffer's data, which stays put while any part of it waits.
