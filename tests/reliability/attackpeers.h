@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 #include <memory>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -99,7 +100,10 @@ inline QByteArray TextFrame(const QByteArray &text)
 }
 
 // A loopback connection to port, from the given address when there is one,
-// with that receive buffer when it is not 0; -1 when it failed.
+// with that receive buffer when it is not 0; -1 when it failed. A peer with
+// a small buffer also gets Ethernet's segment size: over loopback's 64 KiB
+// segments the system would queue megabytes for it, where a LAN queues tens
+// of kilobytes, and the server would hold nothing itself.
 inline int ConnectedDescriptor(quint16 port, const QHostAddress &from, int receiveBuffer)
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -112,8 +116,10 @@ inline int ConnectedDescriptor(quint16 port, const QHostAddress &from, int recei
     remote.sin_family = AF_INET;
     remote.sin_port = htons(port);
     remote.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int ethernetSegment = 1460;
     const bool ready = (receiveBuffer == 0
-                        || ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer) == 0)
+                        || (::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer) == 0
+                            && ::setsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &ethernetSegment, sizeof ethernetSegment) == 0))
         && ::bind(fd, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0
         && ::connect(fd, reinterpret_cast<const sockaddr *>(&remote), sizeof remote) == 0;
     if (!ready) {

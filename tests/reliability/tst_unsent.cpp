@@ -1,6 +1,7 @@
 #include "attackpeers.h"
 #include "tarnclt.h"
 #include "tarnsrv.h"
+#include "unsentpool.h"
 
 #include <QScopeGuard>
 #include <QTimer>
@@ -22,14 +23,13 @@ using Sockets = std::vector<std::unique_ptr<QSslSocket>>;
 
 constexpr int ListedSessions = 1000;
 constexpr int SessionsPerAddress = 250;
-constexpr int NonReaders = 96;
+constexpr int NonReaders = 128;
+// Each round, every non-reader asks once more: one request each, so that
+// together they fill the pool rather than each its own limit.
 constexpr int Rounds = 3;
-// Each non-reader asks this often, once: under what one connection may hold
-// on its own, so that together they fill the pool rather than each its limit.
-constexpr int RequestsEach = 3;
 constexpr int AnswerWithinMs = 2000;
-// The pool, what the non-readers hold of their own and their TLS state.
-constexpr qint64 MaxGrowthKb = 48 * 1024;
+// The pool, and what each non-reader holds of its own with its TLS state.
+constexpr qint64 MaxGrowthKb = UnsentPool::DefaultCapacity / 1024 + NonReaders * 128;
 const QByteArray Request = TextFrame("Get active clients");
 
 // 127.0.0.2 and up, SessionsPerAddress to each.
@@ -106,18 +106,23 @@ private slots:
         const qint64 before = RssKb(manager);
         const int dropsBefore = int(ManagerLog(dir).count("did not read what the server sent"));
 
+        // All connected first: each is listed, and would change the list.
         Sockets nonReaders;
         for (int i = 0; i < NonReaders; ++i) {
-            if (newListEach)
-                AddSession(churn, Origin("Churn"), SourceAddress(i, 20));
             auto peer = RawWebSocket(port, Origin("NonReader" + QByteArray::number(i)), SourceAddress(i, 10), 4096);
             QVERIFY(peer);
             peer->setReadBufferSize(4096);
-            peer->write(Request.repeated(RequestsEach));
             nonReaders.push_back(std::move(peer));
+        }
+        for (int i = 0; i < NonReaders; ++i) {
+            if (newListEach)
+                AddSession(churn, Origin("Churn"), SourceAddress(i, 20));
+            nonReaders[size_t(i)]->write(Request);
         }
         qint64 peak = RssKb(manager);
         for (int round = 0; round < Rounds; ++round) {
+            for (const auto &peer : nonReaders)
+                peer->write(Request);
             TarnClt newcomer;
             ClientRecord newcomerRecord;
             newcomerRecord.guestName = QStringLiteral("Newcomer");

@@ -144,6 +144,42 @@ private slots:
         QCOMPARE(ReadThrough(*client, "after"), expected);
     }
 
+    // A peer asks, then pings, without reading: the ping frame waits unread
+    // while the answer is queued beyond the connection's share (more than the
+    // system takes on its own), and is read once the peer has taken it.
+    void readingPausesBetweenFrames()
+    {
+        QWebSocketServer endpoint(QStringLiteral("paused"), QWebSocketServer::NonSecureMode);
+        TlsListener listener(identity, &endpoint);
+        QVERIFY(listener.IsValid() && listener.Listen(QHostAddress::LocalHost, 0));
+        connect(&listener, &TlsListener::Ready, &endpoint, &QWebSocketServer::handleConnection);
+        auto client = RawWebSocket(listener.serverPort(), "origin", QHostAddress::LocalHost, 4096);
+        QVERIFY(client);
+        QTRY_VERIFY(endpoint.hasPendingConnections());
+        std::unique_ptr<QWebSocket> socket(endpoint.nextPendingConnection());
+        TlsServerSocket *transport = listener.TakeOver(socket->peerAddress(), socket->peerPort());
+        QVERIFY(transport);
+        transport->setParent(socket.get());
+        const QByteArray answer = Reply(16 * 1024 * 1024, 'a');
+        QStringList received;
+        connect(socket.get(), &QWebSocket::textMessageReceived, this, [&](const QString &text) {
+            received.append(text);
+            transport->SendText(answer, socket->outgoingFrameSize());
+        });
+
+        client->setReadBufferSize(4096);
+        client->write(TextFrame("ask") + TextFrame("again"));
+        QTRY_COMPARE(received, QStringList{QStringLiteral("ask")});
+        QTest::qWait(300);
+        QCOMPARE(received.size(), 1);
+        QVERIFY(transport->Backlogged());
+
+        client->setReadBufferSize(0);
+        qint64 taken = 0;
+        QTRY_VERIFY_WITH_TIMEOUT((taken += client->readAll().size(), received.size() == 2), 20000);
+        QVERIFY(taken > answer.size() - 8 * 1024 * 1024);
+    }
+
     // Non-readers hold replies of their own (a small send buffer on the
     // server's side keeps them out of the system), then a reader asks: at the
     // capacity nothing is dropped, past it the non-readers that held the most
