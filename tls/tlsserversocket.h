@@ -86,11 +86,13 @@ private:
     void CheckRequestHead(qint64 before);
     qint64 Offered() const;
     void Resume();
+    bool Accept(qint64 ownBytes, const QByteArray *shared);
     bool Admit(qint64 ownBytes, const QByteArray *shared);
     bool MakeRoom(qint64 needed);
     bool Overrun(bool poolFull);
     void Evict();
     qint64 Stuck() const;
+    static qint64 NowMs();
     void EncryptPending();
     void WriteToPeer();
     void TopUp();
