@@ -383,8 +383,11 @@ void TlsServerSocket::UpdateReading()
     if (descriptor < 0 || closing || evicted)
         return;
     const bool waitingForSession = ready && !started;
+    // A backlogged peer's further frames wait in the system's buffers, not
+    // here: past one record of input, it is read no more until it catches up.
+    const qint64 unreadLimit = Backlogged() ? ChunkBytes : MaxUnreadPlaintext;
     readNotifier->setEnabled(!waitingForSession && encrypted.size() <= MaxQueuedOutput
-                             && plaintext.size() <= MaxUnreadPlaintext);
+                             && plaintext.size() <= unreadLimit);
 }
 
 void TlsServerSocket::Finish()
