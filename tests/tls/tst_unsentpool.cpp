@@ -5,6 +5,7 @@
 #include "tlsserversocket.h"
 #include "unsentpool.h"
 
+#include <QScopeGuard>
 #include <QTcpServer>
 #include <QWebSocket>
 #include <QWebSocketServer>
@@ -211,11 +212,17 @@ private slots:
         auto pool = std::make_shared<UnsentPool>(Capacity);
         QList<TlsServerSocket *> dropped;
         std::vector<Connection> peers;
+        // The connections go with the row, and with them what they would report.
+        const auto endAll = qScopeGuard([&peers] {
+            for (const Connection &peer : peers)
+                delete peer.transport;
+        });
         for (int i = 0; i <= nonReaders; ++i) {
             peers.push_back(Connect(pool, i < nonReaders));
             QVERIFY(peers.back().transport);
-            connect(peers.back().transport, &TlsServerSocket::UnsentOverrun, this,
-                    [&dropped, transport = peers.back().transport] { dropped.append(transport); });
+            TlsServerSocket *transport = peers.back().transport;
+            connect(transport, &TlsServerSocket::UnsentOverrun, transport,
+                    [&dropped, transport] { dropped.append(transport); });
         }
         // Each a list of its own, the oldest first.
         for (int i = 0; i < nonReaders; ++i) {
