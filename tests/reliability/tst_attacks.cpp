@@ -295,8 +295,10 @@ private slots:
         ExpectNewcomerServed();
         QElapsedTimer held;
         held.start();
+        // The first tick may still see a flooder's connection take bytes, the
+        // next ones count its misses: up to five periods, and the flood's own.
         QTRY_VERIFY_WITH_TIMEOUT((peak = qMax(peak, RssKb()), OpenFds() <= fdsBefore),
-                                 (Tarn::MaxMissedBeats + 3) * Tarn::HeartBeatIntervalMs);
+                                 (Tarn::MaxMissedBeats + 4) * Tarn::HeartBeatIntervalMs);
         qInfo("%d flooders, %d pings each: manager grew by %lld KiB at most, all gone after %lld s", flooders,
               PingsEach, peak - before, held.elapsed() / 1000);
         QVERIFY2(peak - before < MaxGrowthKb, qPrintable(QString::number(peak - before)));
