@@ -239,7 +239,8 @@ void TarnSrv::cltConnection()
     }
     rec.transport->setParent(socket);
     rec.transport->SetUnsentLimit(UnsentFloorBytes);
-    connect(rec.transport, &TlsServerSocket::UnsentOverrun, this, [this, socket] { DropSlowReader(socket); });
+    connect(rec.transport, &TlsServerSocket::UnsentOverrun, this,
+            [this, socket](qint64 held, bool poolFull) { DropSlowReader(socket, held, poolFull); });
     connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &msg) {
         const QScopedValueRollback<QWebSocket *> handling(senderSocket, socket);
         RcvdMessage(msg);
@@ -276,6 +277,7 @@ qint64 TarnSrv::SendHeartBeat()
 {
     // Nothing in this walk processes events, so erasing while iterating is safe.
     for (auto it = registry.begin(); it != registry.end();) {
+        it->heartBeatSeen = it->heartBeatSeen || Draining(*it);
         if (CountHeartBeat(it->heartBeatSeen, it->missedBeats)) {
             QWebSocket *socket = it->socket;
             ++it; // the send may drop this client

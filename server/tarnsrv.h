@@ -56,8 +56,12 @@ public:
     // their memory, long enough for the deferred deletions to have run.
     static constexpr int MemoryTrimDelayMs = 1000;
     // A client may leave this much unread, plus two active-clients replies; one
-    // request at a time never comes near it. Past it the client is dropped, and
-    // past its connection's own share when the connections' shared pool is spent.
+    // request at a time never comes near it. Past it the client is dropped.
+    // The reply is one buffer that every connection sending it shares, and a
+    // client is not read from while more than its connection's share waits,
+    // so one that never reads holds about that share and a reference; when the
+    // connections' shared pool runs out, those that held the most for the
+    // longest are dropped.
     static constexpr qint64 UnsentFloorBytes = 256 * 1024;
     // Per client and period, the first repeats of a log line are written as
     // they are; the rest are counted into one summary line.
@@ -93,13 +97,16 @@ private:
         // The connection under the WebSocket, which holds what waits to be sent.
         QPointer<TlsServerSocket> transport;
         LineBudget pingLines;
+        // What its connection had sent at the last heartbeat tick.
+        qint64 sentAtBeat = 0;
     };
     using Registry = std::list<Client>;
 
     bool ReplyToSender(const QString &text);
     bool SendTo(QWebSocket *socket, const QString &text);
     qint64 UnsentLimit();
-    void DropSlowReader(QWebSocket *socket);
+    void DropSlowReader(QWebSocket *socket, qint64 held, bool poolFull);
+    static bool Draining(Client &client);
     QUrl ListeningUrl() const;
     QString ClientName(QWebSocket *socket) const;
     Client *FindClient(QWebSocket *socket);
@@ -109,7 +116,7 @@ private:
     void ReplyPing();
     void MarkHeartBeat();
     void ReplyActiveClients();
-    const QString &ActiveClientsReply();
+    QByteArray ActiveClientsReply();
     void LogInfo(const QString &text);
     void LogPingSummary(const QString &name, LineBudget &budget);
     void Pause();
@@ -130,8 +137,9 @@ private:
     QTimer summaryTimer;
     // Pings from sockets without a record share one budget.
     LineBudget unknownPingLines;
-    // Built on the first request after the registry changed; null until then.
-    QString activeClientsReply;
+    // Built on the first request after the registry changed, in UTF-8 as it
+    // goes out, and shared by every connection sending it; null until then.
+    QByteArray activeClientsReply;
     // The client whose signal is being handled. QObject::sender() would find it
     // by walking every connection made to this object, two per client, which
     // made each message cost time in proportion to the number of clients.

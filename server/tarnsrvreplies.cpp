@@ -3,6 +3,8 @@
 
 #include <QWebSocket>
 
+#include <utility>
+
 using namespace Tarn;
 
 // The server's answers to its clients' messages, and the bounds on what a
@@ -34,14 +36,24 @@ bool TarnSrv::SendTo(QWebSocket *socket, const QString &text)
     return socket->state() == QAbstractSocket::ConnectedState;
 }
 
-// Room for two full active-clients replies, whatever the size of the list:
-// UTF-8 takes at most three bytes per UTF-16 unit.
+// Room for two full active-clients replies, whatever the size of the list.
 qint64 TarnSrv::UnsentLimit()
 {
-    return UnsentFloorBytes + 2 * 3 * qint64(ActiveClientsReply().size());
+    return UnsentFloorBytes + 2 * qint64(ActiveClientsReply().size());
 }
 
-void TarnSrv::DropSlowReader(QWebSocket *socket)
+// A client that is not read from while its earlier answers wait cannot send
+// its heartbeats: one whose connection still takes bytes is alive, one that
+// takes nothing misses its beats and goes at the usual deadline.
+bool TarnSrv::Draining(Client &client)
+{
+    if (!client.transport)
+        return false;
+    const qint64 sent = std::exchange(client.sentAtBeat, client.transport->Sent());
+    return client.transport->Backlogged() && client.sentAtBeat != sent;
+}
+
+void TarnSrv::DropSlowReader(QWebSocket *socket, qint64 held, bool poolFull)
 {
     // Detached first: the connection reports its end at once, and nothing
     // more from this socket is to be handled.
@@ -49,7 +61,12 @@ void TarnSrv::DropSlowReader(QWebSocket *socket)
     const QString name = ClientName(socket);
     const bool known = RemoveClient(socket);
     socket->deleteLater();
-    emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected.").arg(name), LogLevel::Warning, false);
+    const QString why = poolFull ? QStringLiteral("the send pool all clients share was full")
+                                 : QStringLiteral("past its own limit");
+    emit Log(QStringLiteral("Client %1 did not read what the server sent and was disconnected "
+                            "(%2 KiB waited, %3).")
+                 .arg(name, QString::number((held + 1023) / 1024), why),
+             LogLevel::Warning, false);
     if (known) {
         WindDownIfEmpty();
         emit ClientsChanged();
@@ -92,23 +109,27 @@ void TarnSrv::MarkHeartBeat()
         rec->heartBeatSeen = true;
 }
 
+// Goes straight to the connection, which sends the one shared buffer as
+// QWebSocket would have framed it, instead of a copy per request.
 void TarnSrv::ReplyActiveClients()
 {
+    Client *client = FindClient(senderSocket);
+    if (!client || !client->transport || senderSocket->state() != QAbstractSocket::ConnectedState)
+        return;
     // The only reply that grows with the registry raises the sender's limit with it.
-    if (Client *client = FindClient(senderSocket); client && client->transport)
-        client->transport->SetUnsentLimit(UnsentLimit());
-    ReplyToSender(ActiveClientsReply());
+    client->transport->SetUnsentLimit(UnsentLimit());
+    client->transport->SendText(ActiveClientsReply(), senderSocket->outgoingFrameSize());
 }
 
 // A burst of requests gets one reply built once, until the registry changes.
-const QString &TarnSrv::ActiveClientsReply()
+QByteArray TarnSrv::ActiveClientsReply()
 {
     if (activeClientsReply.isNull()) {
         QString text = MsgActiveClients + QLatin1Char(',');
         const QList<ActiveClient> clients = GetActiveClients();
         for (const ActiveClient &client : clients)
             text += client.guestName + QLatin1Char(',') + UuidText(client.sessionUuid) + QLatin1Char(',');
-        activeClientsReply = text;
+        activeClientsReply = text.toUtf8();
     }
     return activeClientsReply;
 }

@@ -19,9 +19,9 @@ namespace {
 // one busy peer cannot keep the others waiting.
 constexpr int ChunkBytes = 16 * 1024;
 constexpr int ReadsPerWake = 4;
-// Reading stops while this much waits for a peer that does not read (alerts
-// and key updates are answered without the application), or while this much
-// decrypted input waits for the application.
+// Reading stops while this much encrypted output waits for a peer that does
+// not read (alerts and key updates are answered without the application), or
+// while this much decrypted input waits for the application.
 constexpr qint64 MaxQueuedOutput = 256 * 1024;
 constexpr qint64 MaxUnreadPlaintext = 256 * 1024;
 // A closing connection whose peer does not take its last bytes is dropped then.
@@ -84,7 +84,9 @@ TlsServerSocket::~TlsServerSocket()
         SocketIo::Close(descriptor);
     }
     SSL_free(ssl);
-    pool->used -= pooled;
+    queue.Clear();
+    pool->Charge(-pooled);
+    pool->SetHolding(this, false);
     // The base destructor would otherwise close an open socket through its own code.
     setSocketState(UnconnectedState);
 }
@@ -112,8 +114,13 @@ void TlsServerSocket::StartSession()
     started = true;
     // The handshake's peek at the request head went through QIODevice's
     // buffer even so, which kept its 16 kB block; opening afresh drops it.
-    if (QIODevice::bytesAvailable() == 0)
+    // What it holds past the head is the start of the first frames.
+    if (QIODevice::bytesAvailable() == 0) {
         QIODevice::open(openMode());
+    } else {
+        const QByteArray ahead = QIODevice::peek(QIODevice::bytesAvailable());
+        frames.Consume(ahead.constData(), ahead.size());
+    }
     UpdateReading();
     if (!plaintext.isEmpty())
         emit readyRead();
@@ -121,12 +128,12 @@ void TlsServerSocket::StartSession()
 
 qint64 TlsServerSocket::bytesToWrite() const
 {
-    return unencrypted.size() + encrypted.size();
+    return queue.Size() + encrypted.size();
 }
 
 qint64 TlsServerSocket::bytesAvailable() const
 {
-    return isOpen() ? QTcpSocket::bytesAvailable() + plaintext.size() : 0;
+    return isOpen() ? QTcpSocket::bytesAvailable() + Offered() : 0;
 }
 
 bool TlsServerSocket::canReadLine() const
@@ -146,15 +153,12 @@ void TlsServerSocket::disconnectFromHost()
 {
     if (descriptor < 0 || closing)
         return;
-    if (!ready) {
+    if (!ready || evicted) {
         Finish();
         return;
     }
-    EncryptPending();
     closing = true;
     readNotifier->setEnabled(false);
-    ERR_clear_error();
-    SSL_shutdown(ssl);
     WriteToPeer();
     if (descriptor >= 0)
         QTimer::singleShot(CloseDeadlineMs, this, &TlsServerSocket::Abort);
@@ -162,10 +166,12 @@ void TlsServerSocket::disconnectFromHost()
 
 qint64 TlsServerSocket::readData(char *data, qint64 maxSize)
 {
-    const qint64 size = qMin(maxSize, qint64(plaintext.size()));
+    const qint64 size = qMin(maxSize, Offered());
     if (size == 0)
         return descriptor >= 0 ? 0 : -1;
     std::memcpy(data, plaintext.constData(), size_t(size));
+    if (started)
+        frames.Consume(data, size);
     if (size == plaintext.size())
         plaintext.clear(); // gives the memory back, which remove() keeps
     else
@@ -174,24 +180,19 @@ qint64 TlsServerSocket::readData(char *data, qint64 maxSize)
     return size;
 }
 
-// Writes are gathered until the event loop runs: a burst of small replies
-// then goes out in a few full records instead of one record each.
-qint64 TlsServerSocket::writeData(const char *data, qint64 size)
+// What the WebSocket layer may take: all the input, except while this
+// connection is backlogged, when the frame it has begun is the last.
+qint64 TlsServerSocket::Offered() const
 {
-    if (!ready || closing || descriptor < 0)
-        return -1;
-    const qint64 after = bytesToWrite() + size;
-    const qint64 fromPool = qMax<qint64>(0, after - OwnUnsentBytes) - pooled;
-    if (after > unsentLimit || pool->used + fromPool > UnsentPool::Capacity) {
-        emit UnsentOverrun();
-        Finish();
-        return -1;
-    }
-    if (unencrypted.isEmpty() && size > 0)
-        QMetaObject::invokeMethod(this, &TlsServerSocket::EncryptPending, Qt::QueuedConnection);
-    unencrypted.append(data, int(size));
-    AccountUnsent();
-    return size;
+    if (!started || !Backlogged())
+        return plaintext.size();
+    return frames.RestOfFrame(plaintext.constData(), plaintext.size());
+}
+
+void TlsServerSocket::Resume()
+{
+    if (descriptor >= 0 && !closing && !evicted && Offered() > 0)
+        emit readyRead();
 }
 
 void TlsServerSocket::ReadFromPeer()
@@ -313,69 +314,91 @@ void TlsServerSocket::CheckRequestHead(qint64 before)
 
 void TlsServerSocket::EncryptPending()
 {
-    if (!secure || unencrypted.isEmpty() || descriptor < 0)
-        return;
-    // The BIO never pushes back, so everything is taken at once.
-    ERR_clear_error();
-    const bool taken = SSL_write(ssl, unencrypted.constData(), unencrypted.size()) > 0;
-    unencrypted.clear();
-    if (!taken) {
-        Finish();
-        return;
-    }
-    WriteToPeer();
+    if (secure && !evicted)
+        WriteToPeer();
 }
 
-// Straight to the system; what it does not take waits for the write notifier.
+// Straight to the system, encrypting as it takes; what it does not take
+// waits for the write notifier.
 void TlsServerSocket::WriteToPeer()
 {
     if (descriptor < 0)
         return;
-    // Until the system has no room: Windows signals room again only after a
-    // send that found none.
-    while (!encrypted.isEmpty()) {
-        const qint64 sent = SocketIo::Send(descriptor, encrypted.constData(), encrypted.size());
-        if (sent == SocketIo::WouldBlock)
-            break;
-        if (sent <= 0) {
-            // The caller may still be working on this connection: end it afterwards.
-            encrypted.clear();
-            AccountUnsent();
-            QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
-            return;
-        }
-        if (sent == encrypted.size())
-            encrypted.clear();
-        else
-            encrypted.remove(0, int(sent));
-    }
+    do
+        TopUp();
+    while (descriptor >= 0 && SendEncrypted() && !queue.IsEmpty());
+    if (descriptor < 0)
+        return;
     AccountUnsent();
     const bool waiting = !encrypted.isEmpty();
     if (waiting && !writeNotifier)
         writeNotifier = new DirectNotifier(descriptor, QSocketNotifier::Write, this, &TlsServerSocket::WriteToPeer);
     if (writeNotifier)
         writeNotifier->setEnabled(waiting);
-    if (!waiting && closing)
+    if (!waiting && shutDown)
         Finish();
     else
         UpdateReading();
 }
 
-void TlsServerSocket::UpdateReading()
+// Encrypts what waits until about a share is ahead of the system; the
+// close_notify goes once nothing waits any more.
+void TlsServerSocket::TopUp()
 {
-    if (descriptor < 0 || closing)
+    if (!secure || shutDown)
         return;
-    const bool waitingForSession = ready && !started;
-    readNotifier->setEnabled(!waitingForSession && encrypted.size() <= MaxQueuedOutput
-                             && plaintext.size() <= MaxUnreadPlaintext);
+    char record[ChunkBytes];
+    while (!queue.IsEmpty() && encrypted.size() < OwnUnsentBytes) {
+        const qint64 size = queue.Take(record, sizeof record);
+        ERR_clear_error();
+        // The BIO never pushes back, so every record is taken whole.
+        if (SSL_write(ssl, record, int(size)) <= 0) {
+            Finish();
+            return;
+        }
+    }
+    if (closing && queue.IsEmpty()) {
+        shutDown = true;
+        ERR_clear_error();
+        SSL_shutdown(ssl);
+    }
 }
 
-// Keeps the pool's count of what this connection holds beyond its own share.
-void TlsServerSocket::AccountUnsent()
+// True when the system took everything encrypted. Until it has no room:
+// Windows signals room again only after a send that found none.
+bool TlsServerSocket::SendEncrypted()
 {
-    const qint64 beyondShare = qMax<qint64>(0, bytesToWrite() - OwnUnsentBytes);
-    pool->used += beyondShare - pooled;
-    pooled = beyondShare;
+    while (!encrypted.isEmpty()) {
+        const qint64 taken = SocketIo::Send(descriptor, encrypted.constData(), encrypted.size());
+        if (taken == SocketIo::WouldBlock)
+            return false;
+        if (taken <= 0) {
+            // The caller may still be working on this connection: end it afterwards.
+            encrypted.clear();
+            queue.Clear();
+            QMetaObject::invokeMethod(this, &TlsServerSocket::Abort, Qt::QueuedConnection);
+            return false;
+        }
+        sent += taken;
+        progressMs = NowMs();
+        if (taken == encrypted.size())
+            encrypted.clear();
+        else
+            encrypted.remove(0, int(taken));
+    }
+    return true;
+}
+
+void TlsServerSocket::UpdateReading()
+{
+    if (descriptor < 0 || closing || evicted)
+        return;
+    const bool waitingForSession = ready && !started;
+    // A backlogged peer's further frames wait in the system's buffers, not
+    // here: past one record of input, it is read no more until it catches up.
+    const qint64 unreadLimit = Backlogged() ? ChunkBytes : MaxUnreadPlaintext;
+    readNotifier->setEnabled(!waitingForSession && encrypted.size() <= MaxQueuedOutput
+                             && plaintext.size() <= unreadLimit);
 }
 
 void TlsServerSocket::Finish()
@@ -388,7 +411,7 @@ void TlsServerSocket::Finish()
     SocketIo::Close(descriptor);
     descriptor = -1;
     hello.clear();
-    unencrypted.clear();
+    queue.Clear();
     encrypted.clear();
     AccountUnsent();
     if (state() != UnconnectedState) {

@@ -1,7 +1,10 @@
 #pragma once
 
 #include "connectionbudget.h"
+#include "sendqueue.h"
 #include "streambio.h"
+#include "unsentpool.h"
+#include "wsframes.h"
 
 #include <QByteArray>
 #include <QTcpSocket>
@@ -12,20 +15,16 @@ typedef struct ssl_st SSL;
 typedef struct ssl_ctx_st SSL_CTX;
 class QSocketNotifier;
 
-// What the connections of one listener may leave unsent beyond their own
-// share, together: with every connection allowed a large queue of its own, a
-// crowd that never reads would hold their number times that.
-struct UnsentPool
-{
-    qint64 used = 0;
-    static constexpr qint64 Capacity = 32 * 1024 * 1024;
-};
-
 // The server side of one TLS connection. It reads and writes its descriptor
 // itself and runs OpenSSL over memory buffers with a context that every
 // connection shares. Until the client's HTTP request head is complete it
 // shows nothing; the WebSocket layer then sees it as a plain TCP socket, and
 // gets what follows the head once the session has started.
+//
+// What is written waits unencrypted and is encrypted as the peer takes it,
+// about OwnUnsentBytes ahead of the system. While more than that waits, the
+// WebSocket layer gets no further frame from the peer: one that asks again
+// and again without reading is not read from until its answers have gone.
 class TlsServerSocket : public QTcpSocket
 {
     Q_OBJECT
@@ -40,11 +39,20 @@ public:
     // The session over this connection exists: input past the request head flows.
     void StartSession();
     // A write that would leave more than this waiting, counted in
-    // bytesToWrite(), or more than OwnUnsentBytes when the pool is spent,
-    // ends the connection; UnsentOverrun is emitted first.
+    // bytesToWrite(), ends the connection; UnsentOverrun is emitted first.
+    // One that would overfill the pool first ends the connections that have
+    // held the most for the longest, this one too if it is among them.
     void SetUnsentLimit(qint64 bytes) { unsentLimit = bytes; }
     // How far it has come, for a budget that must close one.
     ConnectionProgress Progress() const;
+    // Sends utf8 as one text message, framed as QWebSocket frames it, without
+    // copying it: connections sending the same buffer share it. False when
+    // the connection ended instead.
+    bool SendText(const QByteArray &utf8, quint64 frameSize);
+    // More than this connection's share waits: no further frame is read.
+    bool Backlogged() const { return bytesToWrite() > OwnUnsentBytes; }
+    // Bytes the system has taken so far: a backlogged peer that reads moves it.
+    qint64 Sent() const { return sent; }
 
     // Everything that waits to be sent: written but not encrypted yet, and
     // encrypted but not taken by the system.
@@ -61,7 +69,9 @@ public:
 signals:
     // TLS is established and the request head has arrived whole.
     void Ready();
-    void UnsentOverrun();
+    // held: what waited unsent; poolFull: the connections' shared pool ran
+    // out, rather than this connection's own limit.
+    void UnsentOverrun(qint64 held, bool poolFull);
     // The connection is over, whichever way and in whichever phase it ended.
     void Ended();
 
@@ -77,8 +87,19 @@ private:
     bool ContinueHandshake();
     bool Decrypt();
     void CheckRequestHead(qint64 before);
+    qint64 Offered() const;
+    void Resume();
+    bool Accept(qint64 ownBytes, const QByteArray *shared);
+    bool Admit(qint64 ownBytes, const QByteArray *shared);
+    bool MakeRoom(qint64 needed);
+    bool Overrun(bool poolFull);
+    void Evict();
+    qint64 Stuck() const;
+    static qint64 NowMs();
     void EncryptPending();
     void WriteToPeer();
+    void TopUp();
+    bool SendEncrypted();
     void UpdateReading();
     void AccountUnsent();
     void Finish();
@@ -91,16 +112,27 @@ private:
     // The first bytes, until they hold a whole ClientHello.
     QByteArray hello;
     QByteArray plaintext;
-    QByteArray unencrypted;
+    // Where the client's frames end in what the WebSocket layer takes.
+    WsFrames::Tracker frames;
     QByteArray encrypted;
     // OpenSSL reads what Feed lends it and writes to encrypted.
     StreamBio::Ends ends{nullptr, 0, &encrypted};
     std::shared_ptr<UnsentPool> pool;
+    SendQueue queue{pool.get()};
+    qint64 sent = 0;
+    // When the system last took bytes, or this connection last had nothing unsent.
+    qint64 progressMs = 0;
     // What this connection takes from the pool now.
     qint64 pooled = 0;
-    qint64 unsentLimit = OwnUnsentBytes + UnsentPool::Capacity;
+    qint64 unsentLimit = OwnUnsentBytes + UnsentPool::DefaultCapacity;
     bool secure = false;
     bool ready = false;
     bool started = false;
     bool closing = false;
+    // The close_notify is out; nothing more is encrypted.
+    bool shutDown = false;
+    // Dropped to make room in the pool: it ends as soon as the event loop runs.
+    bool evicted = false;
+    bool holding = false;
+    bool backlogged = false;
 };

@@ -8,15 +8,21 @@
 #include <QElapsedTimer>
 #include <QHostAddress>
 #include <QProcess>
+#include <QSignalSpy>
 #include <QSslSocket>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QUuid>
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <memory>
-#include <vector>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace attacks {
 
@@ -28,6 +34,17 @@ inline int CountConnected(const Sockets &sockets)
                              [](const auto &s) { return s->state() == QAbstractSocket::ConnectedState; }));
 }
 
+// Every descriptor the system allows, for this process and the manager it starts.
+inline rlim_t RaiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 0;
+    limit.rlim_cur = limit.rlim_max;
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+}
+
+#ifdef TARN_MANAGER_PATH
 // The manager, headless as a service runs it, in a private folder whose log
 // the checks read. prefix runs it under another program (prlimit, say),
 // which must exec it so that the process id stays its own.
@@ -95,6 +112,7 @@ private:
         return at < 0 ? -1 : status.mid(at + int(qstrlen(name)), 20).simplified().split(' ').value(0).toLongLong();
     }
 };
+#endif
 
 // A session of its own, so that every such peer is listed.
 inline QByteArray Origin(const QByteArray &name)
@@ -137,6 +155,68 @@ template <typename Condition> bool WaitFor(Condition condition, int timeoutMs)
         QTest::qWait(5);
     }
     return true;
+}
+
+inline QByteArray TextFrame(const QByteArray &text)
+{
+    return Frame(0x1, text, quint64(text.size()));
+}
+
+// A loopback connection to port, from the given address when there is one,
+// with that receive buffer when it is not 0; -1 when it failed. A peer with
+// a small buffer also gets Ethernet's segment size: over loopback's 64 KiB
+// segments the system would queue megabytes for it, where a LAN queues tens
+// of kilobytes, and the server would hold nothing itself.
+inline int ConnectedDescriptor(quint16 port, const QHostAddress &from, int receiveBuffer)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(from.isNull() ? INADDR_LOOPBACK : from.toIPv4Address());
+    sockaddr_in remote{};
+    remote.sin_family = AF_INET;
+    remote.sin_port = htons(port);
+    remote.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int ethernetSegment = 1460;
+    const bool ready = (receiveBuffer == 0
+                        || (::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer) == 0
+                            && ::setsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &ethernetSegment, sizeof ethernetSegment) == 0))
+        && ::bind(fd, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0
+        && ::connect(fd, reinterpret_cast<const sockaddr *>(&remote), sizeof remote) == 0;
+    if (!ready) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A TLS connection upgraded by hand, from the given loopback address when
+// there is one, with a receive buffer of that many bytes when it is not 0
+// (set before connecting, so that the window the peer announces is small).
+inline std::unique_ptr<QSslSocket> RawWebSocket(quint16 port, const QByteArray &origin,
+                                                const QHostAddress &from = QHostAddress(), int receiveBuffer = 0)
+{
+    auto socket = std::make_unique<QSslSocket>();
+    socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+    QSignalSpy encrypted(socket.get(), &QSslSocket::encrypted);
+    if (from.isNull() && receiveBuffer == 0) {
+        socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+    } else {
+        // QSslSocket binds and sets options on a socket of its own, not on
+        // the one it connects with: the descriptor is made here instead.
+        const int fd = ConnectedDescriptor(port, from, receiveBuffer);
+        if (fd < 0 || !socket->setSocketDescriptor(fd))
+            return nullptr;
+        socket->startClientEncryption();
+    }
+    if (!encrypted.wait(5000))
+        return nullptr;
+    socket->write(UpgradeRequest(port, origin));
+    QByteArray response;
+    WaitFor([&] { return (response += socket->readAll()).contains("\r\n\r\n"); }, 5000);
+    return response.startsWith("HTTP/1.1 101") ? std::move(socket) : nullptr;
 }
 
 } // namespace attacks
