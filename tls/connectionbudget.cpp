@@ -63,24 +63,38 @@ void ConnectionBudget::Remove(Id id)
     entries.erase(it);
 }
 
-void ConnectionBudget::ForgetQuietNetworks(qint64 nowMs)
+void ConnectionBudget::ForgetQuietGroups(qint64 nowMs)
 {
-    for (auto it = buckets.begin(); it != buckets.end();) {
-        const double refilled = it->second.tokens + double(nowMs - it->second.lastMs) * RatePerSecond / 1000;
-        it = refilled >= Burst ? buckets.erase(it) : std::next(it);
-    }
+    hostRate.ForgetQuiet(nowMs);
+    networkRate.ForgetQuiet(nowMs);
 }
 
-bool ConnectionBudget::WithinRate(quint64 network, qint64 nowMs)
+bool ConnectionBudget::WithinRate(const Groups &groups, qint64 nowMs)
 {
-    Bucket &bucket = buckets.emplace(network, Bucket{double(Burst), nowMs}).first->second;
-    const double elapsedMs = double(qMax<qint64>(0, nowMs - bucket.lastMs));
-    bucket.tokens = qMin<double>(Burst, bucket.tokens + elapsedMs * RatePerSecond / 1000);
-    bucket.lastMs = nowMs;
+    return hostRate.Take(groups.host, nowMs) && networkRate.Take(groups.network, nowMs);
+}
+
+bool ConnectionBudget::Allowance::Take(quint64 group, qint64 nowMs)
+{
+    Bucket &bucket = buckets.emplace(group, Bucket{double(burst), nowMs}).first->second;
+    bucket.tokens = Refilled(bucket, nowMs);
+    bucket.lastMs = qMax(bucket.lastMs, nowMs);
     if (bucket.tokens < 1)
         return false;
     bucket.tokens -= 1;
     return true;
+}
+
+void ConnectionBudget::Allowance::ForgetQuiet(qint64 nowMs)
+{
+    for (auto it = buckets.begin(); it != buckets.end();)
+        it = Refilled(it->second, nowMs) >= burst ? buckets.erase(it) : std::next(it);
+}
+
+double ConnectionBudget::Allowance::Refilled(const Bucket &bucket, qint64 nowMs) const
+{
+    const double elapsedMs = double(qMax<qint64>(0, nowMs - bucket.lastMs));
+    return qMin<double>(burst, bucket.tokens + elapsedMs * perSecond / 1000);
 }
 
 // The newcomer's host at its share, or everyone together at the total: the

@@ -36,6 +36,11 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //   about 1 ms of CPU, so one network's churn costs at most a tenth of a core.
 //   Past it, the newcomer is closed at once, before any TLS work (the caller
 //   asks WithinRate before it makes anything for the connection).
+// - Rate 25 a second, burst 512 per host, asked first: only what a host is
+//   allowed counts against its network, so a machine connecting in a loop
+//   leaves three quarters of its network's rate to its neighbours, and even
+//   its burst, as large as all it may hold (a terminal server's clients
+//   reconnecting at once), leaves them half the network's.
 //
 // Every operation is O(log n): no walk over the connections per accept. A
 // connection's progress is looked at only when it is a candidate for closing
@@ -51,6 +56,8 @@ public:
     static constexpr int MaxPendingPerNetwork = 512;
     static constexpr int RatePerSecond = 100;
     static constexpr int Burst = 1000;
+    static constexpr int HostRatePerSecond = 25;
+    static constexpr int HostBurst = MaxPerHost;
 
     struct Groups
     {
@@ -75,9 +82,9 @@ public:
     // -1: no limit on all connections together (sessions and unfinished).
     void SetTotalLimit(int limit) { totalLimit = limit; }
 
-    // Takes one of the network's new connections at nowMs (a steady clock);
-    // false when it has none left.
-    bool WithinRate(quint64 network, qint64 nowMs);
+    // Takes one of the host's new connections, then one of its network's, at
+    // nowMs (a steady clock); false when either has none left.
+    bool WithinRate(const Groups &groups, qint64 nowMs);
     // A new connection, within its network's rate; when refused, it was not
     // counted.
     Outcome Admit(Id id, const Groups &groups);
@@ -85,9 +92,9 @@ public:
     void Advance(Id id, ConnectionProgress progress);
     // It ended; unknown ones are ignored.
     void Remove(Id id);
-    // Forgets the rate of networks that have been quiet long enough to have
+    // Forgets the rate of groups that have been quiet long enough to have
     // their whole burst again; call now and then.
-    void ForgetQuietNetworks(qint64 nowMs);
+    void ForgetQuietGroups(qint64 nowMs);
 
     int Total() const { return hosts.Count(); }
     int Pending() const { return networks.Count(); }
@@ -122,10 +129,25 @@ private:
         int count = 0;
     };
 
-    struct Bucket
+    // New connections per group, a token bucket each.
+    class Allowance
     {
-        double tokens;
-        qint64 lastMs;
+    public:
+        Allowance(int perSecond, int burst) : perSecond(perSecond), burst(burst) {}
+        bool Take(quint64 group, qint64 nowMs);
+        void ForgetQuiet(qint64 nowMs);
+
+    private:
+        struct Bucket
+        {
+            double tokens;
+            qint64 lastMs;
+        };
+        double Refilled(const Bucket &bucket, qint64 nowMs) const;
+
+        int perSecond;
+        int burst;
+        std::unordered_map<quint64, Bucket> buckets;
     };
 
     bool MakeHostRoom(const Groups &groups, Outcome &outcome);
@@ -141,5 +163,7 @@ private:
     Ledger hosts;
     // Unfinished connections only.
     Ledger networks;
-    std::unordered_map<quint64, Bucket> buckets;
+    // Apart, since a host and a network can have the same value.
+    Allowance hostRate{HostRatePerSecond, HostBurst};
+    Allowance networkRate{RatePerSecond, Burst};
 };

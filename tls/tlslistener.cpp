@@ -100,7 +100,7 @@ void TlsListener::incomingConnection(qintptr descriptor)
 {
     const ConnectionBudget::Groups groups = ConnectionBudget::GroupsOf(SocketIo::Peer(descriptor).address);
     // Churn past the rate costs a system call or two, no objects.
-    if (!budget.WithinRate(groups.network, clock.elapsed())) {
+    if (!budget.WithinRate(groups, clock.elapsed())) {
         ++drops.throttled;
         SocketIo::Close(descriptor);
         return;
@@ -174,5 +174,5 @@ void TlsListener::CloseLate()
         ++drops.late;
         Drop(IdOf(pending.front().socket));
     }
-    budget.ForgetQuietNetworks(now);
+    budget.ForgetQuietGroups(now);
 }

@@ -232,51 +232,64 @@ private slots:
         QVERIFY(f.budget.PendingIn(Host(0, 1).network) <= ConnectionBudget::MaxPendingPerNetwork);
     }
 
-    // A network's burst, then its rate: past either its newcomer is refused,
-    // and another network is not affected.
+    // A network's burst, then its rate, and within it each machine's: past
+    // either the newcomer is refused, and another network is not affected.
+    // A machine past its own leaves its neighbours their share.
     void rate_data()
     {
+        QTest::addColumn<int>("machines"); // of network 0, connecting in turn
         QTest::addColumn<int>("connects");
         QTest::addColumn<int>("afterMs");
-        QTest::addColumn<bool>("admitted");
+        QTest::addColumn<bool>("admitted"); // the next machine's next connection
+        QTest::addColumn<bool>("neighbour"); // then one that has not connected yet
 
         const int burst = ConnectionBudget::Burst;
         const int tokenMs = 1000 / ConnectionBudget::RatePerSecond;
-        QTest::newRow("the burst") << burst - 1 << 0 << true;
-        QTest::newRow("one past the burst") << burst << 0 << false;
-        QTest::newRow("one token later") << burst << tokenMs << true;
-        QTest::newRow("just short of a token") << burst << tokenMs - 1 << false;
+        QTest::newRow("the burst") << 250 << burst - 1 << 0 << true << false;
+        QTest::newRow("one past the burst") << 250 << burst << 0 << false << false;
+        QTest::newRow("one token later") << 250 << burst << tokenMs << true << false;
+        QTest::newRow("just short of a token") << 250 << burst << tokenMs - 1 << false << false;
+
+        const int hostBurst = ConnectionBudget::HostBurst;
+        const int hostTokenMs = 1000 / ConnectionBudget::HostRatePerSecond;
+        QTest::newRow("a machine's burst") << 1 << hostBurst - 1 << 0 << true << true;
+        QTest::newRow("one past a machine's burst") << 1 << hostBurst << 0 << false << true;
+        QTest::newRow("a machine's token later") << 1 << hostBurst << hostTokenMs << true << true;
+        QTest::newRow("a machine in a loop") << 1 << 10 * burst << 0 << false << true;
     }
 
     void rate()
     {
+        QFETCH(int, machines);
         QFETCH(int, connects);
         QFETCH(int, afterMs);
         QFETCH(bool, admitted);
+        QFETCH(bool, neighbour);
         ConnectionBudget budget([](Id) { return Progress::Connected; });
-        const quint64 network = Host(0, 1).network;
+        const auto machine = [machines](int i) { return Host(0, 1 + i % machines); };
         for (int i = 0; i < connects; ++i)
-            QVERIFY(budget.WithinRate(network, 0));
-        QCOMPARE(budget.WithinRate(network, afterMs), admitted);
-        QVERIFY(budget.WithinRate(Host(1, 1).network, afterMs));
+            budget.WithinRate(machine(i), 0);
+        QCOMPARE(budget.WithinRate(machine(connects), afterMs), admitted);
+        QCOMPARE(budget.WithinRate(Host(0, 254), afterMs), neighbour);
+        QVERIFY(budget.WithinRate(Host(1, 1), afterMs));
     }
 
-    // A network quiet for a whole burst's refill starts afresh; the forgetting
+    // A group quiet for a whole burst's refill starts afresh; the forgetting
     // does not hand anyone a second burst early.
-    void forgetQuietNetworks()
+    void forgetQuietGroups()
     {
         ConnectionBudget budget([](Id) { return Progress::Connected; });
-        const quint64 network = Host(0, 1).network;
+        const auto machine = [](int i) { return Host(0, 1 + i % 250); };
         for (int i = 0; i < ConnectionBudget::Burst; ++i)
-            budget.WithinRate(network, 0);
-        budget.ForgetQuietNetworks(500);
+            QVERIFY(budget.WithinRate(machine(i), 0));
+        budget.ForgetQuietGroups(500);
         for (int i = 0; i < 500 * ConnectionBudget::RatePerSecond / 1000; ++i)
-            QVERIFY(budget.WithinRate(network, 500));
-        QVERIFY(!budget.WithinRate(network, 500));
+            QVERIFY(budget.WithinRate(machine(i), 500));
+        QVERIFY(!budget.WithinRate(machine(0), 500));
         const qint64 refilledMs = 500 + 1000 * ConnectionBudget::Burst / ConnectionBudget::RatePerSecond;
-        budget.ForgetQuietNetworks(refilledMs);
+        budget.ForgetQuietGroups(refilledMs);
         for (int i = 0; i < ConnectionBudget::Burst; ++i)
-            QVERIFY(budget.WithinRate(network, refilledMs));
+            QVERIFY(budget.WithinRate(machine(i), refilledMs));
     }
 };
 
