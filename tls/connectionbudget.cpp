@@ -4,9 +4,7 @@
 
 namespace {
 
-// IPv4 groups get a prefix no IPv6 peer can have: ff00::/8 is multicast,
-// never the source of a connection.
-constexpr quint64 Ipv4Tag = Q_UINT64_C(0xffffffff00000000);
+constexpr quint64 Ipv4Mapped = Q_UINT64_C(0x0000ffff00000000);
 
 bool IsPending(ConnectionProgress progress)
 {
@@ -20,12 +18,14 @@ ConnectionBudget::Groups ConnectionBudget::GroupsOf(const QHostAddress &address)
     bool isIpv4 = false;
     const quint32 ipv4 = address.toIPv4Address(&isIpv4);
     if (isIpv4)
-        return {Ipv4Tag | ipv4, Ipv4Tag | (ipv4 & 0xffffff00u)};
+        return {{0, Ipv4Mapped | ipv4}, {0, Ipv4Mapped | (ipv4 & 0xffffff00u)}};
     const Q_IPV6ADDR ipv6 = address.toIPv6Address();
-    quint64 prefix = 0;
-    for (int i = 0; i < 8; ++i)
-        prefix = (prefix << 8) | ipv6[i];
-    return {prefix, prefix};
+    Group host{0, 0};
+    for (int i = 0; i < 8; ++i) {
+        host.first = (host.first << 8) | ipv6[i];
+        host.second = (host.second << 8) | ipv6[8 + i];
+    }
+    return {host, {host.first, 0}};
 }
 
 ConnectionBudget::ConnectionBudget(ProgressOf progressOf) : progressOf(std::move(progressOf)) {}
@@ -74,7 +74,7 @@ bool ConnectionBudget::WithinRate(const Groups &groups, qint64 nowMs)
     return hostRate.Take(groups.host, nowMs) && networkRate.Take(groups.network, nowMs);
 }
 
-bool ConnectionBudget::Allowance::Take(quint64 group, qint64 nowMs)
+bool ConnectionBudget::Allowance::Take(const Group &group, qint64 nowMs)
 {
     Bucket &bucket = buckets.emplace(group, Bucket{double(burst), nowMs}).first->second;
     bucket.tokens = Refilled(bucket, nowMs);
@@ -108,7 +108,7 @@ bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
         const bool ownPays = own >= hosts.BiggestSize();
         if (own == 0 && ownPays) // a total of nothing, where no one can pay
             return false;
-        const quint64 payer = ownPays ? groups.host : hosts.Biggest();
+        const Group payer = ownPays ? groups.host : hosts.Biggest();
         const Id victim = LeastAdvanced(hosts, payer);
         if (ownPays && !IsPending(entries.at(victim).progress))
             return false;
@@ -123,7 +123,7 @@ bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
 // on a tie.
 void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
 {
-    quint64 payer = groups.network;
+    Group payer = groups.network;
     if (networks.Size(groups.network) < MaxPendingPerNetwork) {
         if (networks.Count() < MaxPending)
             return;
@@ -136,7 +136,7 @@ void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
 }
 
 // The group's least advanced connection, by the progress it has now.
-ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, quint64 group)
+ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, const Group &group)
 {
     for (;;) {
         const Rank least = ledger.Least(group);
@@ -160,7 +160,7 @@ void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)
         networks.Add(entry.groups.network, RankOf(id, entry));
 }
 
-void ConnectionBudget::Ledger::Add(quint64 group, const Rank &rank)
+void ConnectionBudget::Ledger::Add(const Group &group, const Rank &rank)
 {
     std::set<Rank> &set = members[group];
     if (!set.empty())
@@ -170,7 +170,7 @@ void ConnectionBudget::Ledger::Add(quint64 group, const Rank &rank)
     ++count;
 }
 
-void ConnectionBudget::Ledger::Remove(quint64 group, const Rank &rank)
+void ConnectionBudget::Ledger::Remove(const Group &group, const Rank &rank)
 {
     const auto it = members.find(group);
     if (it == members.end() || it->second.erase(rank) == 0)
@@ -184,7 +184,7 @@ void ConnectionBudget::Ledger::Remove(quint64 group, const Rank &rank)
     --count;
 }
 
-int ConnectionBudget::Ledger::Size(quint64 group) const
+int ConnectionBudget::Ledger::Size(const Group &group) const
 {
     const auto it = members.find(group);
     return it == members.end() ? 0 : int(it->second.size());

@@ -3,6 +3,7 @@
 #include <QtGlobal>
 
 #include <functional>
+#include <map>
 #include <set>
 #include <tuple>
 #include <unordered_map>
@@ -18,8 +19,9 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 // with a few addresses cannot take the room of everyone else.
 //
 // Two kinds of address group:
-// - the host (IPv4 /32, IPv6 /64): a machine may run hundreds of clients, so
-//   it gets MaxPerHost connections, sessions and unfinished ones together;
+// - the host (IPv4 /32, IPv6 /128): a machine may run hundreds of clients,
+//   so it gets MaxPerHost connections, sessions and unfinished ones together
+//   (an IPv6 /64 is a whole LAN of SLAAC or link-local machines);
 // - the network (IPv4 /24, IPv6 /64): what one peer can cheaply claim to be.
 //   Unfinished connections (accepted, not taken over yet) are counted per
 //   network, and each network has its own rate of new connections.
@@ -42,7 +44,8 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //   its burst, as large as all it may hold (a terminal server's clients
 //   reconnecting at once), leaves them half the network's.
 //
-// Every operation is O(log n): no walk over the connections per accept. A
+// Every operation is O(log n), in ordered maps, which peers who choose their
+// addresses cannot make collide as they could a hash: no walk over the connections per accept. A
 // connection's progress is looked at only when it is a candidate for closing
 // (it only ever grows, so a stale rank is fixed on the way).
 class ConnectionBudget
@@ -59,10 +62,12 @@ public:
     static constexpr int HostRatePerSecond = 25;
     static constexpr int HostBurst = MaxPerHost;
 
+    // An address or prefix as two 64-bit halves, IPv4 in its IPv6-mapped form.
+    using Group = std::pair<quint64, quint64>;
     struct Groups
     {
-        quint64 host;
-        quint64 network;
+        Group host;
+        Group network;
     };
     static Groups GroupsOf(const QHostAddress &address);
 
@@ -98,8 +103,8 @@ public:
 
     int Total() const { return hosts.Count(); }
     int Pending() const { return networks.Count(); }
-    int HeldBy(quint64 host) const { return hosts.Size(host); }
-    int PendingIn(quint64 network) const { return networks.Size(network); }
+    int HeldBy(const Group &host) const { return hosts.Size(host); }
+    int PendingIn(const Group &network) const { return networks.Size(network); }
 
 private:
     struct Entry
@@ -114,18 +119,18 @@ private:
     class Ledger
     {
     public:
-        void Add(quint64 group, const Rank &rank);
-        void Remove(quint64 group, const Rank &rank);
-        int Size(quint64 group) const;
+        void Add(const Group &group, const Rank &rank);
+        void Remove(const Group &group, const Rank &rank);
+        int Size(const Group &group) const;
         int Count() const { return count; }
         // The group with the most members; the empty ledger has none.
-        quint64 Biggest() const { return bySize.rbegin()->second; }
+        const Group &Biggest() const { return bySize.rbegin()->second; }
         int BiggestSize() const { return bySize.empty() ? 0 : bySize.rbegin()->first; }
-        const Rank &Least(quint64 group) const { return *members.at(group).begin(); }
+        const Rank &Least(const Group &group) const { return *members.at(group).begin(); }
 
     private:
-        std::unordered_map<quint64, std::set<Rank>> members;
-        std::set<std::pair<int, quint64>> bySize;
+        std::map<Group, std::set<Rank>> members;
+        std::set<std::pair<int, Group>> bySize;
         int count = 0;
     };
 
@@ -134,7 +139,7 @@ private:
     {
     public:
         Allowance(int perSecond, int burst) : perSecond(perSecond), burst(burst) {}
-        bool Take(quint64 group, qint64 nowMs);
+        bool Take(const Group &group, qint64 nowMs);
         void ForgetQuiet(qint64 nowMs);
 
     private:
@@ -147,12 +152,12 @@ private:
 
         int perSecond;
         int burst;
-        std::unordered_map<quint64, Bucket> buckets;
+        std::map<Group, Bucket> buckets;
     };
 
     bool MakeHostRoom(const Groups &groups, Outcome &outcome);
     void MakePendingRoom(const Groups &groups, Outcome &outcome);
-    Id LeastAdvanced(Ledger &ledger, quint64 group);
+    Id LeastAdvanced(Ledger &ledger, const Group &group);
     void Rerank(Id id, ConnectionProgress progress);
     Rank RankOf(Id id, const Entry &entry) const { return Rank(entry.progress, entry.order, id); }
 

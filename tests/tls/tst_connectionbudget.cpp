@@ -62,7 +62,9 @@ private slots:
         QTest::newRow("one /24") << "10.0.0.1" << "10.0.0.254" << false << true;
         QTest::newRow("next /24") << "10.0.0.1" << "10.0.1.1" << false << false;
         QTest::newRow("IPv4-mapped") << "::ffff:10.0.0.1" << "10.0.0.1" << true << true;
-        QTest::newRow("one /64") << "2001:db8::1" << "2001:db8::ffff:2" << true << true;
+        QTest::newRow("one IPv6 address") << "2001:db8::1" << "2001:db8:0:0:0:0:0:1" << true << true;
+        QTest::newRow("one /64") << "2001:db8::1" << "2001:db8::ffff:2" << false << true;
+        QTest::newRow("link-local") << "fe80::1" << "fe80::2" << false << true;
         QTest::newRow("next /64") << "2001:db8::1" << "2001:db8:0:1::1" << false << false;
         QTest::newRow("IPv4 against an IPv6 look-alike") << "0.0.0.1" << "::1" << false << false;
     }
