@@ -97,24 +97,30 @@ double ConnectionBudget::Allowance::Refilled(const Bucket &bucket, qint64 nowMs)
     return qMin<double>(burst, bucket.tokens + elapsedMs * perSecond / 1000);
 }
 
-// The newcomer's host at its share, or everyone together at the total: the
-// host that holds the most gives up its least advanced connection, unless
-// that is the newcomer's own and the connection a session, which is worth
-// more than a newcomer.
+// The newcomer's host at its share pays itself, unless all it holds are
+// sessions, which are worth more than a newcomer. With everyone together at
+// the total, an unfinished connection pays first, whoever's it is; only
+// when there is none, the busiest host pays with a session, and the
+// newcomer is refused if that would be its own.
 bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
 {
     const int own = hosts.Size(groups.host);
-    if (own >= MaxPerHost || (totalLimit >= 0 && hosts.Count() >= totalLimit)) {
-        const bool ownPays = own >= hosts.BiggestSize();
-        if (own == 0 && ownPays) // a total of nothing, where no one can pay
+    if (own >= MaxPerHost) {
+        const Id victim = LeastAdvanced(hosts, groups.host);
+        if (!IsPending(entries.at(victim).progress))
             return false;
-        const Group payer = ownPays ? groups.host : hosts.Biggest();
-        const Id victim = LeastAdvanced(hosts, payer);
-        if (ownPays && !IsPending(entries.at(victim).progress))
-            return false;
-        (ownPays ? outcome.displaced : outcome.evicted).push_back(victim);
-        Remove(victim);
+        Close(victim, outcome.displaced);
+        return true;
     }
+    if (totalLimit < 0 || hosts.Count() < totalLimit)
+        return true;
+    if (const Id victim = LeastAdvancedPending()) {
+        Close(victim, outcome.displaced);
+        return true;
+    }
+    if (own >= hosts.BiggestSize())
+        return false;
+    Close(LeastAdvanced(hosts, hosts.Biggest()), outcome.evicted);
     return true;
 }
 
@@ -123,22 +129,38 @@ bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
 // on a tie.
 void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
 {
-    Group payer = groups.network;
-    if (networks.Size(groups.network) < MaxPendingPerNetwork) {
-        if (networks.Count() < MaxPending)
+    for (;;) {
+        Group payer = groups.network;
+        if (networks.Size(payer) < MaxPendingPerNetwork) {
+            if (networks.Count() < MaxPending)
+                return;
+            if (networks.Size(payer) < networks.BiggestSize())
+                payer = networks.Biggest();
+        }
+        if (const Id victim = LeastAdvanced(networks, payer)) {
+            Close(victim, outcome.displaced);
             return;
-        if (networks.Size(groups.network) < networks.BiggestSize())
-            payer = networks.Biggest();
+        }
     }
-    const Id victim = LeastAdvanced(networks, payer);
-    outcome.displaced.push_back(victim);
-    Remove(victim);
 }
 
-// The group's least advanced connection, by the progress it has now.
+// The least advanced unfinished connection of the network with the most;
+// 0 when none is unfinished.
+ConnectionBudget::Id ConnectionBudget::LeastAdvancedPending()
+{
+    while (networks.Count() > 0) {
+        if (const Id id = LeastAdvanced(networks, networks.Biggest()))
+            return id;
+    }
+    return 0;
+}
+
+// The group's least advanced connection, by the progress it has now; 0 when
+// all it held turn out to be sessions (only unfinished ones are counted per
+// network).
 ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, const Group &group)
 {
-    for (;;) {
+    while (ledger.Size(group) > 0) {
         const Rank least = ledger.Least(group);
         const Id id = std::get<2>(least);
         const ConnectionProgress now = progressOf(id);
@@ -146,6 +168,13 @@ ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, const Group
             return id;
         Rerank(id, now);
     }
+    return 0;
+}
+
+void ConnectionBudget::Close(Id id, std::vector<Id> &closed)
+{
+    closed.push_back(id);
+    Remove(id);
 }
 
 void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)

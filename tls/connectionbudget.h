@@ -28,7 +28,9 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //
 // When a budget is full, whoever holds the most pays, with its least
 // advanced connection (ties: the oldest): a newcomer from a lighter group is
-// never the one refused. The numbers:
+// never the one refused. When all connections together are at the total, an
+// unfinished connection pays before any session: a connection that never
+// sent a byte must not close another machine's session. The numbers:
 // - MaxPerHost 512: a terminal server with hundreds of users fits; one host
 //   then holds about 14 MB of idle sessions (about 27 kB each).
 // - MaxPending 1,000 and MaxPendingPerNetwork 512: a handshake is a few
@@ -74,11 +76,12 @@ public:
     // What Admit decided, and whom it closed to make room: Abort them.
     struct Outcome
     {
-        // False: refused, its host holding its share or the most at the total.
+        // False: refused, its host holding its share in sessions, or the
+        // most at a total of sessions only.
         bool admitted = true;
-        // For the pending budgets, and for the newcomer's own host share.
+        // Unfinished ones, for any budget.
         std::vector<Id> displaced;
-        // For the total: from the host that holds the most.
+        // Sessions, for the total: from the host that holds the most.
         std::vector<Id> evicted;
     };
 
@@ -158,6 +161,8 @@ private:
     bool MakeHostRoom(const Groups &groups, Outcome &outcome);
     void MakePendingRoom(const Groups &groups, Outcome &outcome);
     Id LeastAdvanced(Ledger &ledger, const Group &group);
+    Id LeastAdvancedPending();
+    void Close(Id id, std::vector<Id> &closed);
     void Rerank(Id id, ConnectionProgress progress);
     Rank RankOf(Id id, const Entry &entry) const { return Rank(entry.progress, entry.order, id); }
 

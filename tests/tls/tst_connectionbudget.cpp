@@ -117,40 +117,45 @@ private slots:
         QVERIFY(f.budget.HeldBy(Host(0, 1).host) <= ConnectionBudget::MaxPerHost);
     }
 
-    // Everyone together at the total: a newcomer from a host that holds less
-    // than the biggest costs the biggest its least advanced connection, a
-    // session if it has nothing else; one from the biggest pays itself.
+    // Everyone together at the total: an unfinished connection pays first,
+    // whoever's; with sessions only, a newcomer from a host that holds less
+    // than the biggest costs the biggest its oldest session, and one from the
+    // biggest is refused.
     void total_data()
     {
         QTest::addColumn<int>("limit");
         QTest::addColumn<int>("newcomerHost");
+        QTest::addColumn<bool>("sessionsOnly");
         QTest::addColumn<bool>("admitted");
         QTest::addColumn<int>("evicted");
         QTest::addColumn<int>("displaced");
 
-        // Host 1 holds 6 sessions, host 2 three unfinished connections.
-        QTest::newRow("below the total") << 10 << 3 << true << 0 << 0;
-        QTest::newRow("at the total, light newcomer") << 9 << 3 << true << 1 << 0;
-        QTest::newRow("at the total, from the second") << 9 << 2 << true << 1 << 0;
-        QTest::newRow("at the total, from the biggest") << 9 << 1 << false << 0 << 0;
-        QTest::newRow("no room at all") << 0 << 3 << false << 0 << 0;
+        // Host 1 holds 6 sessions, host 2 three connections.
+        QTest::newRow("below the total") << 10 << 3 << false << true << 0 << 0;
+        QTest::newRow("at the total, light newcomer") << 9 << 3 << false << true << 0 << 1;
+        QTest::newRow("at the total, from the second") << 9 << 2 << false << true << 0 << 1;
+        QTest::newRow("at the total, from the biggest") << 9 << 1 << false << true << 0 << 1;
+        QTest::newRow("sessions only, light newcomer") << 9 << 3 << true << true << 1 << 0;
+        QTest::newRow("sessions only, from the second") << 9 << 2 << true << true << 1 << 0;
+        QTest::newRow("sessions only, from the biggest") << 9 << 1 << true << false << 0 << 0;
+        QTest::newRow("no room at all") << 0 << 3 << false << false << 0 << 0;
     }
 
     void total()
     {
         QFETCH(int, limit);
         QFETCH(int, newcomerHost);
+        QFETCH(bool, sessionsOnly);
         QFETCH(bool, admitted);
         QFETCH(int, evicted);
         QFETCH(int, displaced);
         Fixture f;
         f.budget.SetTotalLimit(limit);
-        for (int i = 0; i < 6; ++i) {
-            f.Admit(Host(0, 1));
-            f.Session(f.next - 1);
+        for (int i = 0; i < 9; ++i) {
+            f.Admit(i < 6 ? Host(0, 1) : Host(1, 2));
+            if (i < 6 || sessionsOnly)
+                f.Session(f.next - 1);
         }
-        for (int i = 0; i < 3; ++i)
-            f.Admit(Host(1, 2));
         const int before = f.budget.Total();
         const auto outcome = f.Admit(Host(newcomerHost - 1, newcomerHost));
         QCOMPARE(outcome.admitted, admitted);
@@ -158,6 +163,8 @@ private slots:
         QCOMPARE(int(outcome.displaced.size()), displaced);
         if (evicted)
             QCOMPARE(outcome.evicted.front(), Id(1)); // host 1's oldest session
+        if (displaced)
+            QCOMPARE(outcome.displaced.front(), Id(7)); // host 2's oldest
         QVERIFY(f.budget.Total() <= qMax(limit, before));
     }
 
