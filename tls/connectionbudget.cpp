@@ -40,7 +40,7 @@ ConnectionBudget::Outcome ConnectionBudget::Admit(Id id, const Groups &groups)
     const Entry entry{groups, ConnectionProgress::Connected, nextOrder++};
     entries.emplace(id, entry);
     hosts.Add(groups.host, RankOf(id, entry));
-    networks.Add(groups.network, RankOf(id, entry));
+    pending.Add(groups, RankOf(id, entry));
     return outcome;
 }
 
@@ -59,7 +59,7 @@ void ConnectionBudget::Remove(Id id)
     const Entry &entry = it->second;
     hosts.Remove(entry.groups.host, RankOf(id, entry));
     if (IsPending(entry.progress))
-        networks.Remove(entry.groups.network, RankOf(id, entry));
+        pending.Remove(entry.groups, RankOf(id, entry));
     entries.erase(it);
 }
 
@@ -97,6 +97,23 @@ double ConnectionBudget::Allowance::Refilled(const Bucket &bucket, qint64 nowMs)
     return qMin<double>(burst, bucket.tokens + elapsedMs * perSecond / 1000);
 }
 
+// The group's least advanced connection, by the progress it has now; 0 when
+// all it held turn out to be sessions (only unfinished ones are counted per
+// network).
+template <class Book>
+ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Book &book, const Group &group)
+{
+    while (book.Size(group) > 0) {
+        const Rank least = book.Least(group);
+        const Id id = std::get<2>(least);
+        const ConnectionProgress now = progressOf(id);
+        if (now <= std::get<0>(least))
+            return id;
+        Rerank(id, now);
+    }
+    return 0;
+}
+
 // The newcomer's host at its share pays itself, unless all it holds are
 // sessions, which are worth more than a newcomer. With everyone together at
 // the total, an unfinished connection pays first, whoever's it is; only
@@ -131,13 +148,13 @@ void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
 {
     for (;;) {
         Group payer = groups.network;
-        if (networks.Size(payer) < MaxPendingPerNetwork) {
-            if (networks.Count() < MaxPending)
+        if (pending.Size(payer) < MaxPendingPerNetwork) {
+            if (pending.Count() < MaxPending)
                 return;
-            if (networks.Size(payer) < networks.BiggestSize())
-                payer = networks.Biggest();
+            if (pending.Size(payer) < pending.BiggestSize())
+                payer = pending.Biggest();
         }
-        if (const Id victim = LeastAdvanced(networks, payer)) {
+        if (const Id victim = LeastAdvanced(pending, payer)) {
             Close(victim, outcome.displaced);
             return;
         }
@@ -148,25 +165,9 @@ void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
 // 0 when none is unfinished.
 ConnectionBudget::Id ConnectionBudget::LeastAdvancedPending()
 {
-    while (networks.Count() > 0) {
-        if (const Id id = LeastAdvanced(networks, networks.Biggest()))
+    while (pending.Count() > 0) {
+        if (const Id id = LeastAdvanced(pending, pending.Biggest()))
             return id;
-    }
-    return 0;
-}
-
-// The group's least advanced connection, by the progress it has now; 0 when
-// all it held turn out to be sessions (only unfinished ones are counted per
-// network).
-ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, const Group &group)
-{
-    while (ledger.Size(group) > 0) {
-        const Rank least = ledger.Least(group);
-        const Id id = std::get<2>(least);
-        const ConnectionProgress now = progressOf(id);
-        if (now <= std::get<0>(least))
-            return id;
-        Rerank(id, now);
     }
     return 0;
 }
@@ -182,39 +183,76 @@ void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)
     Entry &entry = entries.at(id);
     hosts.Remove(entry.groups.host, RankOf(id, entry));
     if (IsPending(entry.progress))
-        networks.Remove(entry.groups.network, RankOf(id, entry));
+        pending.Remove(entry.groups, RankOf(id, entry));
     entry.progress = progress;
     hosts.Add(entry.groups.host, RankOf(id, entry));
     if (IsPending(progress))
-        networks.Add(entry.groups.network, RankOf(id, entry));
+        pending.Add(entry.groups, RankOf(id, entry));
+}
+
+void ConnectionBudget::Sizes::Change(const Group &group, int from, int to)
+{
+    if (from > 0)
+        bySize.erase({from, group});
+    if (to > 0)
+        bySize.insert({to, group});
 }
 
 void ConnectionBudget::Ledger::Add(const Group &group, const Rank &rank)
 {
     std::set<Rank> &set = members[group];
-    if (!set.empty())
-        bySize.erase({int(set.size()), group});
     set.insert(rank);
-    bySize.insert({int(set.size()), group});
+    sizes.Change(group, int(set.size()) - 1, int(set.size()));
     ++count;
 }
 
-void ConnectionBudget::Ledger::Remove(const Group &group, const Rank &rank)
+bool ConnectionBudget::Ledger::Remove(const Group &group, const Rank &rank)
 {
     const auto it = members.find(group);
     if (it == members.end() || it->second.erase(rank) == 0)
-        return;
+        return false;
     const int size = int(it->second.size());
-    bySize.erase({size + 1, group});
-    if (size > 0)
-        bySize.insert({size, group});
-    else
+    sizes.Change(group, size + 1, size);
+    if (size == 0)
         members.erase(it);
     --count;
+    return true;
 }
 
 int ConnectionBudget::Ledger::Size(const Group &group) const
 {
     const auto it = members.find(group);
     return it == members.end() ? 0 : int(it->second.size());
+}
+
+void ConnectionBudget::PendingLedger::Add(const Groups &groups, const Rank &rank)
+{
+    Ledger &network = networks[groups.network];
+    network.Add(groups.host, rank);
+    sizes.Change(groups.network, network.Count() - 1, network.Count());
+    ++count;
+}
+
+void ConnectionBudget::PendingLedger::Remove(const Groups &groups, const Rank &rank)
+{
+    const auto it = networks.find(groups.network);
+    if (it == networks.end() || !it->second.Remove(groups.host, rank))
+        return;
+    const int size = it->second.Count();
+    sizes.Change(groups.network, size + 1, size);
+    if (size == 0)
+        networks.erase(it);
+    --count;
+}
+
+int ConnectionBudget::PendingLedger::Size(const Group &network) const
+{
+    const auto it = networks.find(network);
+    return it == networks.end() ? 0 : it->second.Count();
+}
+
+const ConnectionBudget::Rank &ConnectionBudget::PendingLedger::Least(const Group &network) const
+{
+    const Ledger &hosts = networks.at(network);
+    return hosts.Least(hosts.Biggest());
 }

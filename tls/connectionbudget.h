@@ -105,9 +105,9 @@ public:
     void ForgetQuietGroups(qint64 nowMs);
 
     int Total() const { return hosts.Count(); }
-    int Pending() const { return networks.Count(); }
+    int Pending() const { return pending.Count(); }
     int HeldBy(const Group &host) const { return hosts.Size(host); }
-    int PendingIn(const Group &network) const { return networks.Size(network); }
+    int PendingIn(const Group &network) const { return pending.Size(network); }
 
 private:
     struct Entry
@@ -118,22 +118,56 @@ private:
     };
     using Rank = std::tuple<ConnectionProgress, quint64, Id>;
 
+    // Groups by number of members, the biggest last.
+    class Sizes
+    {
+    public:
+        void Change(const Group &group, int from, int to);
+        // The empty index has none.
+        const Group &Biggest() const { return bySize.rbegin()->second; }
+        int BiggestSize() const { return bySize.empty() ? 0 : bySize.rbegin()->first; }
+
+    private:
+        std::set<std::pair<int, Group>> bySize;
+    };
+
     // Members of each group by rank, and the groups by size.
     class Ledger
     {
     public:
         void Add(const Group &group, const Rank &rank);
-        void Remove(const Group &group, const Rank &rank);
+        // False when it was not there.
+        bool Remove(const Group &group, const Rank &rank);
         int Size(const Group &group) const;
         int Count() const { return count; }
-        // The group with the most members; the empty ledger has none.
-        const Group &Biggest() const { return bySize.rbegin()->second; }
-        int BiggestSize() const { return bySize.empty() ? 0 : bySize.rbegin()->first; }
+        const Group &Biggest() const { return sizes.Biggest(); }
+        int BiggestSize() const { return sizes.BiggestSize(); }
         const Rank &Least(const Group &group) const { return *members.at(group).begin(); }
 
     private:
         std::map<Group, std::set<Rank>> members;
-        std::set<std::pair<int, Group>> bySize;
+        Sizes sizes;
+        int count = 0;
+    };
+
+    // Unfinished connections per network, and within each per host: a
+    // network that must pay does so from its busiest host, so that one host's
+    // stalled connections cannot make a neighbour's handshake the one closed.
+    class PendingLedger
+    {
+    public:
+        void Add(const Groups &groups, const Rank &rank);
+        void Remove(const Groups &groups, const Rank &rank);
+        int Size(const Group &network) const;
+        int Count() const { return count; }
+        const Group &Biggest() const { return sizes.Biggest(); }
+        int BiggestSize() const { return sizes.BiggestSize(); }
+        // The least advanced of the network's busiest host.
+        const Rank &Least(const Group &network) const;
+
+    private:
+        std::map<Group, Ledger> networks;
+        Sizes sizes;
         int count = 0;
     };
 
@@ -160,7 +194,8 @@ private:
 
     bool MakeHostRoom(const Groups &groups, Outcome &outcome);
     void MakePendingRoom(const Groups &groups, Outcome &outcome);
-    Id LeastAdvanced(Ledger &ledger, const Group &group);
+    template <class Book>
+    Id LeastAdvanced(Book &book, const Group &group);
     Id LeastAdvancedPending();
     void Close(Id id, std::vector<Id> &closed);
     void Rerank(Id id, ConnectionProgress progress);
@@ -171,8 +206,7 @@ private:
     quint64 nextOrder = 0;
     std::unordered_map<Id, Entry> entries;
     Ledger hosts;
-    // Unfinished connections only.
-    Ledger networks;
+    PendingLedger pending;
     // Apart, since a host and a network can have the same value.
     Allowance hostRate{HostRatePerSecond, HostBurst};
     Allowance networkRate{RatePerSecond, Burst};

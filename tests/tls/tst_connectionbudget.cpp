@@ -241,6 +241,36 @@ private slots:
         QVERIFY(f.budget.PendingIn(Host(0, 1).network) <= ConnectionBudget::MaxPendingPerNetwork);
     }
 
+    // A network at its share pays from its busiest address, with that
+    // address's least advanced connection: one address's stalled
+    // connections past TLS do not make a neighbour's handshake the one closed.
+    void busiestAddressPays_data()
+    {
+        QTest::addColumn<int>("stalled"); // from 10.0.0.1, past TLS
+        QTest::addColumn<int>("handshakes"); // from 10.0.0.2, no hello yet
+        QTest::addColumn<int>("victimHost");
+
+        const int share = ConnectionBudget::MaxPendingPerNetwork;
+        QTest::newRow("the stalled address the busiest") << share - 1 << 1 << 1;
+        QTest::newRow("the handshakes the busiest") << 1 << share - 1 << 2;
+    }
+
+    void busiestAddressPays()
+    {
+        QFETCH(int, stalled);
+        QFETCH(int, handshakes);
+        QFETCH(int, victimHost);
+        Fixture f;
+        for (int i = 0; i < stalled; ++i) {
+            QVERIFY(f.Fill(Host(0, 1), 1));
+            f.progress[f.next - 1] = Progress::Secure;
+        }
+        QVERIFY(f.Fill(Host(0, 2), handshakes));
+        const auto outcome = f.Admit(Host(0, 3));
+        QCOMPARE(int(outcome.displaced.size()), 1);
+        QCOMPARE(f.budget.HeldBy(Host(0, victimHost).host), (victimHost == 1 ? stalled : handshakes) - 1);
+    }
+
     // A network's burst, then its rate, and within it each machine's: past
     // either the newcomer is refused, and another network is not affected.
     // A machine past its own leaves its neighbours their share.
