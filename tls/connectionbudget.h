@@ -26,11 +26,12 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //   Unfinished connections (accepted, not taken over yet) are counted per
 //   network, and each network has its own rate of new connections.
 //
-// When a budget is full, whoever holds the most pays, with its least
-// advanced connection (ties: the oldest): a newcomer from a lighter group is
-// never the one refused. When all connections together are at the total, an
-// unfinished connection pays before any session: a connection that never
-// sent a byte must not close another machine's session. The numbers:
+// When a budget is full, whoever holds the most pays (a network from its
+// address with the most), with its least advanced connection (ties: the
+// oldest): a newcomer from a lighter group is never the one refused. When
+// all connections together are at the total, an unfinished connection pays
+// before any session: a connection that never sent a byte must not close
+// another machine's session. The numbers:
 // - MaxPerHost 512: a terminal server with hundreds of users fits; one host
 //   then holds about 14 MB of idle sessions (about 27 kB each).
 // - MaxPending 1,000 and MaxPendingPerNetwork 512: a handshake is a few
@@ -46,10 +47,11 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //   its burst, as large as all it may hold (a terminal server's clients
 //   reconnecting at once), leaves them half the network's.
 //
-// Every operation is O(log n), in ordered maps, which peers who choose their
-// addresses cannot make collide as they could a hash: no walk over the connections per accept. A
-// connection's progress is looked at only when it is a candidate for closing
-// (it only ever grows, so a stale rank is fixed on the way).
+// Every operation is O(log n): no walk over the connections per accept, and
+// ordered maps, which peers who choose their addresses cannot make collide as
+// they could a hash. A connection's progress is looked at only when it is a
+// candidate for closing (it only ever grows, so a stale rank is fixed on the
+// way).
 class ConnectionBudget
 {
 public:
