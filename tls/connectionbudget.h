@@ -41,11 +41,12 @@ enum class ConnectionProgress { Connected, HelloReceived, Secure, Ready, Session
 //   about 1 ms of CPU, so one network's churn costs at most a tenth of a core.
 //   Past it, the newcomer is closed at once, before any TLS work (the caller
 //   asks WithinRate before it makes anything for the connection).
-// - Rate 25 a second, burst 512 per host, asked first: only what a host is
+// - Rate 25 a second, burst 640 per host, asked first: only what a host is
 //   allowed counts against its network, so a machine connecting in a loop
-//   leaves three quarters of its network's rate to its neighbours, and even
-//   its burst, as large as all it may hold (a terminal server's clients
-//   reconnecting at once), leaves them half the network's.
+//   leaves three quarters of its network's rate to its neighbours. The burst
+//   is all a host may hold (a terminal server's clients reconnecting at
+//   once) and a quarter more, so that a host at its share still replaces its
+//   own stalled connections with new ones at once.
 //
 // Every operation is O(log n): no walk over the connections per accept, and
 // ordered maps, which peers who choose their addresses cannot make collide as
@@ -64,7 +65,7 @@ public:
     static constexpr int RatePerSecond = 100;
     static constexpr int Burst = 1000;
     static constexpr int HostRatePerSecond = 25;
-    static constexpr int HostBurst = MaxPerHost;
+    static constexpr int HostBurst = MaxPerHost * 5 / 4;
 
     // An address or prefix as two 64-bit halves, IPv4 in its IPv6-mapped form.
     using Group = std::pair<quint64, quint64>;
