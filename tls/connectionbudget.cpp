@@ -192,10 +192,15 @@ void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)
 
 void ConnectionBudget::Sizes::Change(const Group &group, int from, int to)
 {
+    quint64 &grew = grewAt[group];
     if (from > 0)
-        bySize.erase({from, group});
+        bySize.erase({from, grew, group});
+    if (to > from)
+        grew = nextGrowth++;
     if (to > 0)
-        bySize.insert({to, group});
+        bySize.insert({to, grew, group});
+    else
+        grewAt.erase(group);
 }
 
 void ConnectionBudget::Ledger::Add(const Group &group, const Rank &rank)

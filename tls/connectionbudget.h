@@ -121,17 +121,22 @@ private:
     };
     using Rank = std::tuple<ConnectionProgress, quint64, Id>;
 
-    // Groups by number of members, the biggest last.
+    // Groups by number of members, the biggest last; among equals, the one
+    // that grew last, so that a newcomer cannot make an older group pay by
+    // matching its size (nor a group pay for its address value).
     class Sizes
     {
     public:
         void Change(const Group &group, int from, int to);
         // The empty index has none.
-        const Group &Biggest() const { return bySize.rbegin()->second; }
-        int BiggestSize() const { return bySize.empty() ? 0 : bySize.rbegin()->first; }
+        const Group &Biggest() const { return std::get<2>(*bySize.rbegin()); }
+        int BiggestSize() const { return bySize.empty() ? 0 : std::get<0>(*bySize.rbegin()); }
 
     private:
-        std::set<std::pair<int, Group>> bySize;
+        std::set<std::tuple<int, quint64, Group>> bySize;
+        // When each group last grew.
+        std::map<Group, quint64> grewAt;
+        quint64 nextGrowth = 0;
     };
 
     // Members of each group by rank, and the groups by size.

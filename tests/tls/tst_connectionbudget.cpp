@@ -168,6 +168,33 @@ private slots:
         QVERIFY(f.budget.Total() <= qMax(limit, before));
     }
 
+    // Of two hosts that hold as many, the one that grew last pays, whatever
+    // their addresses.
+    void tieByRecency_data()
+    {
+        QTest::addColumn<int>("earlier");
+        QTest::addColumn<int>("later");
+
+        QTest::newRow("the later the lower address") << 9 << 1;
+        QTest::newRow("the later the higher address") << 1 << 9;
+    }
+
+    void tieByRecency()
+    {
+        QFETCH(int, earlier);
+        QFETCH(int, later);
+        Fixture f;
+        f.budget.SetTotalLimit(6);
+        for (const int host : {earlier, later}) {
+            for (int i = 0; i < 3; ++i) {
+                QVERIFY(f.Fill(Host(0, host), 1));
+                f.Session(f.next - 1);
+            }
+        }
+        const auto outcome = f.Admit(Host(1, 1));
+        QCOMPARE(outcome.evicted, std::vector<Id>{4}); // the later host's oldest
+    }
+
     // At the pending budget the network with the most unfinished connections
     // gives up its least advanced one, as far as it has come by now; the
     // oldest among equals, and one past TLS only when none in that network
