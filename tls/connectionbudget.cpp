@@ -4,9 +4,7 @@
 
 namespace {
 
-// IPv4 groups get a prefix no IPv6 peer can have: ff00::/8 is multicast,
-// never the source of a connection.
-constexpr quint64 Ipv4Tag = Q_UINT64_C(0xffffffff00000000);
+constexpr quint64 Ipv4Mapped = Q_UINT64_C(0x0000ffff00000000);
 
 bool IsPending(ConnectionProgress progress)
 {
@@ -20,12 +18,14 @@ ConnectionBudget::Groups ConnectionBudget::GroupsOf(const QHostAddress &address)
     bool isIpv4 = false;
     const quint32 ipv4 = address.toIPv4Address(&isIpv4);
     if (isIpv4)
-        return {Ipv4Tag | ipv4, Ipv4Tag | (ipv4 & 0xffffff00u)};
+        return {{0, Ipv4Mapped | ipv4}, {0, Ipv4Mapped | (ipv4 & 0xffffff00u)}};
     const Q_IPV6ADDR ipv6 = address.toIPv6Address();
-    quint64 prefix = 0;
-    for (int i = 0; i < 8; ++i)
-        prefix = (prefix << 8) | ipv6[i];
-    return {prefix, prefix};
+    Group host{0, 0};
+    for (int i = 0; i < 8; ++i) {
+        host.first = (host.first << 8) | ipv6[i];
+        host.second = (host.second << 8) | ipv6[8 + i];
+    }
+    return {host, {host.first, 0}};
 }
 
 ConnectionBudget::ConnectionBudget(ProgressOf progressOf) : progressOf(std::move(progressOf)) {}
@@ -40,7 +40,7 @@ ConnectionBudget::Outcome ConnectionBudget::Admit(Id id, const Groups &groups)
     const Entry entry{groups, ConnectionProgress::Connected, nextOrder++};
     entries.emplace(id, entry);
     hosts.Add(groups.host, RankOf(id, entry));
-    networks.Add(groups.network, RankOf(id, entry));
+    pending.Add(groups, RankOf(id, entry));
     return outcome;
 }
 
@@ -59,48 +59,85 @@ void ConnectionBudget::Remove(Id id)
     const Entry &entry = it->second;
     hosts.Remove(entry.groups.host, RankOf(id, entry));
     if (IsPending(entry.progress))
-        networks.Remove(entry.groups.network, RankOf(id, entry));
+        pending.Remove(entry.groups, RankOf(id, entry));
     entries.erase(it);
 }
 
-void ConnectionBudget::ForgetQuietNetworks(qint64 nowMs)
+void ConnectionBudget::ForgetQuietGroups(qint64 nowMs)
 {
-    for (auto it = buckets.begin(); it != buckets.end();) {
-        const double refilled = it->second.tokens + double(nowMs - it->second.lastMs) * RatePerSecond / 1000;
-        it = refilled >= Burst ? buckets.erase(it) : std::next(it);
-    }
+    hostRate.ForgetQuiet(nowMs);
+    networkRate.ForgetQuiet(nowMs);
 }
 
-bool ConnectionBudget::WithinRate(quint64 network, qint64 nowMs)
+bool ConnectionBudget::WithinRate(const Groups &groups, qint64 nowMs)
 {
-    Bucket &bucket = buckets.emplace(network, Bucket{double(Burst), nowMs}).first->second;
-    const double elapsedMs = double(qMax<qint64>(0, nowMs - bucket.lastMs));
-    bucket.tokens = qMin<double>(Burst, bucket.tokens + elapsedMs * RatePerSecond / 1000);
-    bucket.lastMs = nowMs;
+    return hostRate.Take(groups.host, nowMs) && networkRate.Take(groups.network, nowMs);
+}
+
+bool ConnectionBudget::Allowance::Take(const Group &group, qint64 nowMs)
+{
+    Bucket &bucket = buckets.emplace(group, Bucket{double(burst), nowMs}).first->second;
+    bucket.tokens = Refilled(bucket, nowMs);
+    bucket.lastMs = qMax(bucket.lastMs, nowMs);
     if (bucket.tokens < 1)
         return false;
     bucket.tokens -= 1;
     return true;
 }
 
-// The newcomer's host at its share, or everyone together at the total: the
-// host that holds the most gives up its least advanced connection, unless
-// that is the newcomer's own and the connection a session, which is worth
-// more than a newcomer.
+void ConnectionBudget::Allowance::ForgetQuiet(qint64 nowMs)
+{
+    for (auto it = buckets.begin(); it != buckets.end();)
+        it = Refilled(it->second, nowMs) >= burst ? buckets.erase(it) : std::next(it);
+}
+
+double ConnectionBudget::Allowance::Refilled(const Bucket &bucket, qint64 nowMs) const
+{
+    const double elapsedMs = double(qMax<qint64>(0, nowMs - bucket.lastMs));
+    return qMin<double>(burst, bucket.tokens + elapsedMs * perSecond / 1000);
+}
+
+// The group's least advanced connection, by the progress it has now; 0 when
+// all it held turn out to be sessions (only unfinished ones are counted per
+// network).
+template <class Book>
+ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Book &book, const Group &group)
+{
+    while (book.Size(group) > 0) {
+        const Rank least = book.Least(group);
+        const Id id = std::get<2>(least);
+        const ConnectionProgress now = progressOf(id);
+        if (now <= std::get<0>(least))
+            return id;
+        Rerank(id, now);
+    }
+    return 0;
+}
+
+// The newcomer's host at its share pays itself, unless all it holds are
+// sessions, which are worth more than a newcomer. With everyone together at
+// the total, an unfinished connection pays first, whoever's it is; only
+// when there is none, the busiest host pays with a session, and the
+// newcomer is refused if that would be its own.
 bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
 {
     const int own = hosts.Size(groups.host);
-    if (own >= MaxPerHost || (totalLimit >= 0 && hosts.Count() >= totalLimit)) {
-        const bool ownPays = own >= hosts.BiggestSize();
-        if (own == 0 && ownPays) // a total of nothing, where no one can pay
+    if (own >= MaxPerHost) {
+        const Id victim = LeastAdvanced(hosts, groups.host);
+        if (!IsPending(entries.at(victim).progress))
             return false;
-        const quint64 payer = ownPays ? groups.host : hosts.Biggest();
-        const Id victim = LeastAdvanced(hosts, payer);
-        if (ownPays && !IsPending(entries.at(victim).progress))
-            return false;
-        (ownPays ? outcome.displaced : outcome.evicted).push_back(victim);
-        Remove(victim);
+        Close(victim, outcome.displaced);
+        return true;
     }
+    if (totalLimit < 0 || hosts.Count() < totalLimit)
+        return true;
+    if (const Id victim = LeastAdvancedPending()) {
+        Close(victim, outcome.displaced);
+        return true;
+    }
+    if (own >= hosts.BiggestSize())
+        return false;
+    Close(LeastAdvanced(hosts, hosts.Biggest()), outcome.evicted);
     return true;
 }
 
@@ -109,29 +146,36 @@ bool ConnectionBudget::MakeHostRoom(const Groups &groups, Outcome &outcome)
 // on a tie.
 void ConnectionBudget::MakePendingRoom(const Groups &groups, Outcome &outcome)
 {
-    quint64 payer = groups.network;
-    if (networks.Size(groups.network) < MaxPendingPerNetwork) {
-        if (networks.Count() < MaxPending)
+    for (;;) {
+        Group payer = groups.network;
+        if (pending.Size(payer) < MaxPendingPerNetwork) {
+            if (pending.Count() < MaxPending)
+                return;
+            if (pending.Size(payer) < pending.BiggestSize())
+                payer = pending.Biggest();
+        }
+        if (const Id victim = LeastAdvanced(pending, payer)) {
+            Close(victim, outcome.displaced);
             return;
-        if (networks.Size(groups.network) < networks.BiggestSize())
-            payer = networks.Biggest();
+        }
     }
-    const Id victim = LeastAdvanced(networks, payer);
-    outcome.displaced.push_back(victim);
-    Remove(victim);
 }
 
-// The group's least advanced connection, by the progress it has now.
-ConnectionBudget::Id ConnectionBudget::LeastAdvanced(Ledger &ledger, quint64 group)
+// The least advanced unfinished connection of the network with the most;
+// 0 when none is unfinished.
+ConnectionBudget::Id ConnectionBudget::LeastAdvancedPending()
 {
-    for (;;) {
-        const Rank least = ledger.Least(group);
-        const Id id = std::get<2>(least);
-        const ConnectionProgress now = progressOf(id);
-        if (now <= std::get<0>(least))
+    while (pending.Count() > 0) {
+        if (const Id id = LeastAdvanced(pending, pending.Biggest()))
             return id;
-        Rerank(id, now);
     }
+    return 0;
+}
+
+void ConnectionBudget::Close(Id id, std::vector<Id> &closed)
+{
+    closed.push_back(id);
+    Remove(id);
 }
 
 void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)
@@ -139,39 +183,81 @@ void ConnectionBudget::Rerank(Id id, ConnectionProgress progress)
     Entry &entry = entries.at(id);
     hosts.Remove(entry.groups.host, RankOf(id, entry));
     if (IsPending(entry.progress))
-        networks.Remove(entry.groups.network, RankOf(id, entry));
+        pending.Remove(entry.groups, RankOf(id, entry));
     entry.progress = progress;
     hosts.Add(entry.groups.host, RankOf(id, entry));
     if (IsPending(progress))
-        networks.Add(entry.groups.network, RankOf(id, entry));
+        pending.Add(entry.groups, RankOf(id, entry));
 }
 
-void ConnectionBudget::Ledger::Add(quint64 group, const Rank &rank)
+void ConnectionBudget::Sizes::Change(const Group &group, int from, int to)
+{
+    quint64 &grew = grewAt[group];
+    if (from > 0)
+        bySize.erase({from, grew, group});
+    if (to > from)
+        grew = nextGrowth++;
+    if (to > 0)
+        bySize.insert({to, grew, group});
+    else
+        grewAt.erase(group);
+}
+
+void ConnectionBudget::Ledger::Add(const Group &group, const Rank &rank)
 {
     std::set<Rank> &set = members[group];
-    if (!set.empty())
-        bySize.erase({int(set.size()), group});
     set.insert(rank);
-    bySize.insert({int(set.size()), group});
+    sizes.Change(group, int(set.size()) - 1, int(set.size()));
     ++count;
 }
 
-void ConnectionBudget::Ledger::Remove(quint64 group, const Rank &rank)
+bool ConnectionBudget::Ledger::Remove(const Group &group, const Rank &rank)
 {
     const auto it = members.find(group);
     if (it == members.end() || it->second.erase(rank) == 0)
-        return;
+        return false;
     const int size = int(it->second.size());
-    bySize.erase({size + 1, group});
-    if (size > 0)
-        bySize.insert({size, group});
-    else
+    sizes.Change(group, size + 1, size);
+    if (size == 0)
         members.erase(it);
     --count;
+    return true;
 }
 
-int ConnectionBudget::Ledger::Size(quint64 group) const
+int ConnectionBudget::Ledger::Size(const Group &group) const
 {
     const auto it = members.find(group);
     return it == members.end() ? 0 : int(it->second.size());
+}
+
+void ConnectionBudget::PendingLedger::Add(const Groups &groups, const Rank &rank)
+{
+    Ledger &network = networks[groups.network];
+    network.Add(groups.host, rank);
+    sizes.Change(groups.network, network.Count() - 1, network.Count());
+    ++count;
+}
+
+void ConnectionBudget::PendingLedger::Remove(const Groups &groups, const Rank &rank)
+{
+    const auto it = networks.find(groups.network);
+    if (it == networks.end() || !it->second.Remove(groups.host, rank))
+        return;
+    const int size = it->second.Count();
+    sizes.Change(groups.network, size + 1, size);
+    if (size == 0)
+        networks.erase(it);
+    --count;
+}
+
+int ConnectionBudget::PendingLedger::Size(const Group &network) const
+{
+    const auto it = networks.find(network);
+    return it == networks.end() ? 0 : it->second.Count();
+}
+
+const ConnectionBudget::Rank &ConnectionBudget::PendingLedger::Least(const Group &network) const
+{
+    const Ledger &hosts = networks.at(network);
+    return hosts.Least(hosts.Biggest());
 }

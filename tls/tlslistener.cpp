@@ -98,9 +98,16 @@ TlsListener::Drops TlsListener::TakeDrops()
 
 void TlsListener::incomingConnection(qintptr descriptor)
 {
-    const ConnectionBudget::Groups groups = ConnectionBudget::GroupsOf(SocketIo::Peer(descriptor).address);
+    const QHostAddress peer = SocketIo::Peer(descriptor).address;
+    // Reset before it was accepted: no one to serve, and no group to charge
+    // (a null address would count against ::1).
+    if (peer.isNull()) {
+        SocketIo::Close(descriptor);
+        return;
+    }
+    const ConnectionBudget::Groups groups = ConnectionBudget::GroupsOf(peer);
     // Churn past the rate costs a system call or two, no objects.
-    if (!budget.WithinRate(groups.network, clock.elapsed())) {
+    if (!budget.WithinRate(groups, clock.elapsed())) {
         ++drops.throttled;
         SocketIo::Close(descriptor);
         return;
@@ -174,5 +181,5 @@ void TlsListener::CloseLate()
         ++drops.late;
         Drop(IdOf(pending.front().socket));
     }
-    budget.ForgetQuietNetworks(now);
+    budget.ForgetQuietGroups(now);
 }

@@ -62,7 +62,9 @@ private slots:
         QTest::newRow("one /24") << "10.0.0.1" << "10.0.0.254" << false << true;
         QTest::newRow("next /24") << "10.0.0.1" << "10.0.1.1" << false << false;
         QTest::newRow("IPv4-mapped") << "::ffff:10.0.0.1" << "10.0.0.1" << true << true;
-        QTest::newRow("one /64") << "2001:db8::1" << "2001:db8::ffff:2" << true << true;
+        QTest::newRow("one IPv6 address") << "2001:db8::1" << "2001:db8:0:0:0:0:0:1" << true << true;
+        QTest::newRow("one /64") << "2001:db8::1" << "2001:db8::ffff:2" << false << true;
+        QTest::newRow("link-local") << "fe80::1" << "fe80::2" << false << true;
         QTest::newRow("next /64") << "2001:db8::1" << "2001:db8:0:1::1" << false << false;
         QTest::newRow("IPv4 against an IPv6 look-alike") << "0.0.0.1" << "::1" << false << false;
     }
@@ -115,40 +117,45 @@ private slots:
         QVERIFY(f.budget.HeldBy(Host(0, 1).host) <= ConnectionBudget::MaxPerHost);
     }
 
-    // Everyone together at the total: a newcomer from a host that holds less
-    // than the biggest costs the biggest its least advanced connection, a
-    // session if it has nothing else; one from the biggest pays itself.
+    // Everyone together at the total: an unfinished connection pays first,
+    // whoever's; with sessions only, a newcomer from a host that holds less
+    // than the biggest costs the biggest its oldest session, and one from the
+    // biggest is refused.
     void total_data()
     {
         QTest::addColumn<int>("limit");
         QTest::addColumn<int>("newcomerHost");
+        QTest::addColumn<bool>("sessionsOnly");
         QTest::addColumn<bool>("admitted");
         QTest::addColumn<int>("evicted");
         QTest::addColumn<int>("displaced");
 
-        // Host 1 holds 6 sessions, host 2 three unfinished connections.
-        QTest::newRow("below the total") << 10 << 3 << true << 0 << 0;
-        QTest::newRow("at the total, light newcomer") << 9 << 3 << true << 1 << 0;
-        QTest::newRow("at the total, from the second") << 9 << 2 << true << 1 << 0;
-        QTest::newRow("at the total, from the biggest") << 9 << 1 << false << 0 << 0;
-        QTest::newRow("no room at all") << 0 << 3 << false << 0 << 0;
+        // Host 1 holds 6 sessions, host 2 three connections.
+        QTest::newRow("below the total") << 10 << 3 << false << true << 0 << 0;
+        QTest::newRow("at the total, light newcomer") << 9 << 3 << false << true << 0 << 1;
+        QTest::newRow("at the total, from the second") << 9 << 2 << false << true << 0 << 1;
+        QTest::newRow("at the total, from the biggest") << 9 << 1 << false << true << 0 << 1;
+        QTest::newRow("sessions only, light newcomer") << 9 << 3 << true << true << 1 << 0;
+        QTest::newRow("sessions only, from the second") << 9 << 2 << true << true << 1 << 0;
+        QTest::newRow("sessions only, from the biggest") << 9 << 1 << true << false << 0 << 0;
+        QTest::newRow("no room at all") << 0 << 3 << false << false << 0 << 0;
     }
 
     void total()
     {
         QFETCH(int, limit);
         QFETCH(int, newcomerHost);
+        QFETCH(bool, sessionsOnly);
         QFETCH(bool, admitted);
         QFETCH(int, evicted);
         QFETCH(int, displaced);
         Fixture f;
         f.budget.SetTotalLimit(limit);
-        for (int i = 0; i < 6; ++i) {
-            f.Admit(Host(0, 1));
-            f.Session(f.next - 1);
+        for (int i = 0; i < 9; ++i) {
+            f.Admit(i < 6 ? Host(0, 1) : Host(1, 2));
+            if (i < 6 || sessionsOnly)
+                f.Session(f.next - 1);
         }
-        for (int i = 0; i < 3; ++i)
-            f.Admit(Host(1, 2));
         const int before = f.budget.Total();
         const auto outcome = f.Admit(Host(newcomerHost - 1, newcomerHost));
         QCOMPARE(outcome.admitted, admitted);
@@ -156,7 +163,36 @@ private slots:
         QCOMPARE(int(outcome.displaced.size()), displaced);
         if (evicted)
             QCOMPARE(outcome.evicted.front(), Id(1)); // host 1's oldest session
+        if (displaced)
+            QCOMPARE(outcome.displaced.front(), Id(7)); // host 2's oldest
         QVERIFY(f.budget.Total() <= qMax(limit, before));
+    }
+
+    // Of two hosts that hold as many, the one that grew last pays, whatever
+    // their addresses.
+    void tieByRecency_data()
+    {
+        QTest::addColumn<int>("earlier");
+        QTest::addColumn<int>("later");
+
+        QTest::newRow("the later the lower address") << 9 << 1;
+        QTest::newRow("the later the higher address") << 1 << 9;
+    }
+
+    void tieByRecency()
+    {
+        QFETCH(int, earlier);
+        QFETCH(int, later);
+        Fixture f;
+        f.budget.SetTotalLimit(6);
+        for (const int host : {earlier, later}) {
+            for (int i = 0; i < 3; ++i) {
+                QVERIFY(f.Fill(Host(0, host), 1));
+                f.Session(f.next - 1);
+            }
+        }
+        const auto outcome = f.Admit(Host(1, 1));
+        QCOMPARE(outcome.evicted, std::vector<Id>{4}); // the later host's oldest
     }
 
     // At the pending budget the network with the most unfinished connections
@@ -232,51 +268,94 @@ private slots:
         QVERIFY(f.budget.PendingIn(Host(0, 1).network) <= ConnectionBudget::MaxPendingPerNetwork);
     }
 
-    // A network's burst, then its rate: past either its newcomer is refused,
-    // and another network is not affected.
+    // A network at its share pays from its busiest address, with that
+    // address's least advanced connection: one address's stalled
+    // connections past TLS do not make a neighbour's handshake the one closed.
+    void busiestAddressPays_data()
+    {
+        QTest::addColumn<int>("stalled"); // from 10.0.0.1, past TLS
+        QTest::addColumn<int>("handshakes"); // from 10.0.0.2, no hello yet
+        QTest::addColumn<int>("victimHost");
+
+        const int share = ConnectionBudget::MaxPendingPerNetwork;
+        QTest::newRow("the stalled address the busiest") << share - 1 << 1 << 1;
+        QTest::newRow("the handshakes the busiest") << 1 << share - 1 << 2;
+    }
+
+    void busiestAddressPays()
+    {
+        QFETCH(int, stalled);
+        QFETCH(int, handshakes);
+        QFETCH(int, victimHost);
+        Fixture f;
+        for (int i = 0; i < stalled; ++i) {
+            QVERIFY(f.Fill(Host(0, 1), 1));
+            f.progress[f.next - 1] = Progress::Secure;
+        }
+        QVERIFY(f.Fill(Host(0, 2), handshakes));
+        const auto outcome = f.Admit(Host(0, 3));
+        QCOMPARE(int(outcome.displaced.size()), 1);
+        QCOMPARE(f.budget.HeldBy(Host(0, victimHost).host), (victimHost == 1 ? stalled : handshakes) - 1);
+    }
+
+    // A network's burst, then its rate, and within it each machine's: past
+    // either the newcomer is refused, and another network is not affected.
+    // A machine past its own leaves its neighbours their share.
     void rate_data()
     {
+        QTest::addColumn<int>("machines"); // of network 0, connecting in turn
         QTest::addColumn<int>("connects");
         QTest::addColumn<int>("afterMs");
-        QTest::addColumn<bool>("admitted");
+        QTest::addColumn<bool>("admitted"); // the next machine's next connection
+        QTest::addColumn<bool>("neighbour"); // then one that has not connected yet
 
         const int burst = ConnectionBudget::Burst;
         const int tokenMs = 1000 / ConnectionBudget::RatePerSecond;
-        QTest::newRow("the burst") << burst - 1 << 0 << true;
-        QTest::newRow("one past the burst") << burst << 0 << false;
-        QTest::newRow("one token later") << burst << tokenMs << true;
-        QTest::newRow("just short of a token") << burst << tokenMs - 1 << false;
+        QTest::newRow("the burst") << 250 << burst - 1 << 0 << true << false;
+        QTest::newRow("one past the burst") << 250 << burst << 0 << false << false;
+        QTest::newRow("one token later") << 250 << burst << tokenMs << true << false;
+        QTest::newRow("just short of a token") << 250 << burst << tokenMs - 1 << false << false;
+
+        const int hostBurst = ConnectionBudget::HostBurst;
+        const int hostTokenMs = 1000 / ConnectionBudget::HostRatePerSecond;
+        QTest::newRow("a machine's burst") << 1 << hostBurst - 1 << 0 << true << true;
+        QTest::newRow("one past a machine's burst") << 1 << hostBurst << 0 << false << true;
+        QTest::newRow("a machine's token later") << 1 << hostBurst << hostTokenMs << true << true;
+        QTest::newRow("a machine in a loop") << 1 << 10 * burst << 0 << false << true;
     }
 
     void rate()
     {
+        QFETCH(int, machines);
         QFETCH(int, connects);
         QFETCH(int, afterMs);
         QFETCH(bool, admitted);
+        QFETCH(bool, neighbour);
         ConnectionBudget budget([](Id) { return Progress::Connected; });
-        const quint64 network = Host(0, 1).network;
+        const auto machine = [machines](int i) { return Host(0, 1 + i % machines); };
         for (int i = 0; i < connects; ++i)
-            QVERIFY(budget.WithinRate(network, 0));
-        QCOMPARE(budget.WithinRate(network, afterMs), admitted);
-        QVERIFY(budget.WithinRate(Host(1, 1).network, afterMs));
+            budget.WithinRate(machine(i), 0);
+        QCOMPARE(budget.WithinRate(machine(connects), afterMs), admitted);
+        QCOMPARE(budget.WithinRate(Host(0, 254), afterMs), neighbour);
+        QVERIFY(budget.WithinRate(Host(1, 1), afterMs));
     }
 
-    // A network quiet for a whole burst's refill starts afresh; the forgetting
+    // A group quiet for a whole burst's refill starts afresh; the forgetting
     // does not hand anyone a second burst early.
-    void forgetQuietNetworks()
+    void forgetQuietGroups()
     {
         ConnectionBudget budget([](Id) { return Progress::Connected; });
-        const quint64 network = Host(0, 1).network;
+        const auto machine = [](int i) { return Host(0, 1 + i % 250); };
         for (int i = 0; i < ConnectionBudget::Burst; ++i)
-            budget.WithinRate(network, 0);
-        budget.ForgetQuietNetworks(500);
+            QVERIFY(budget.WithinRate(machine(i), 0));
+        budget.ForgetQuietGroups(500);
         for (int i = 0; i < 500 * ConnectionBudget::RatePerSecond / 1000; ++i)
-            QVERIFY(budget.WithinRate(network, 500));
-        QVERIFY(!budget.WithinRate(network, 500));
+            QVERIFY(budget.WithinRate(machine(i), 500));
+        QVERIFY(!budget.WithinRate(machine(0), 500));
         const qint64 refilledMs = 500 + 1000 * ConnectionBudget::Burst / ConnectionBudget::RatePerSecond;
-        budget.ForgetQuietNetworks(refilledMs);
+        budget.ForgetQuietGroups(refilledMs);
         for (int i = 0; i < ConnectionBudget::Burst; ++i)
-            QVERIFY(budget.WithinRate(network, refilledMs));
+            QVERIFY(budget.WithinRate(machine(i), refilledMs));
     }
 };
 
