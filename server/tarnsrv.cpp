@@ -389,8 +389,9 @@ void TarnSrv::SummarizeRepeatedLines()
         emit Log(QStringLiteral("%1 connections were refused: the server is out of descriptors.").arg(drops.refused),
                  LogLevel::Warning, false);
     if (drops.throttled > 0)
-        LogInfo(QStringLiteral("%1 connections were closed at once: their network connected faster than %2 a second.")
-                    .arg(drops.throttled).arg(ConnectionBudget::RatePerSecond));
+        LogInfo(QStringLiteral("%1 connections were closed at once: their address connected faster than %2 a "
+                               "second, or their network faster than %3.")
+                    .arg(drops.throttled).arg(ConnectionBudget::HostRatePerSecond).arg(ConnectionBudget::RatePerSecond));
     if (drops.overShare > 0)
         LogInfo(QStringLiteral("%1 connections were refused: their address held its share of the server.")
                     .arg(drops.overShare));

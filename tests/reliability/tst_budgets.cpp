@@ -282,7 +282,7 @@ private slots:
               manager->RssKb(), qPrintable(Join(times)));
         QVERIFY2(!times.contains(-1), qPrintable(Join(times)));
         QVERIFY2(double(churn.Made() - madeBefore) / seconds > ChurnPerSecond / 2, "the churn fell behind");
-        ExpectSummary("connections were closed at once: their network connected faster than");
+        ExpectSummary("connections were closed at once: their address connected faster than");
     }
 
     // The churn inside a private network namespace, while the good client, in
